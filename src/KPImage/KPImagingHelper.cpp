@@ -80,12 +80,8 @@ UIImageOrientation KPImagingHelper::convertToImageOrientation(int32_t deviceOrie
 
 std::optional<UIImage> KPImagingHelper::imageFromColor(const UIColor& color) {
     const CGRect rect = CGRectMake(0, 0, 10, 10);
-    const CGContextRef before = UIGraphicsGetCurrentContext();
     UIGraphicsBeginImageContext(rect.size);
     const CGContextRef context = UIGraphicsGetCurrentContext();
-    if (!context || context == before) {
-        return std::nullopt;
-    }
     CGContextSetFillColorWithColor(context, color.CGColor());
     CGContextFillRect(context, rect);
     std::optional<UIImage> image = UIGraphicsGetImageFromCurrentImageContext();

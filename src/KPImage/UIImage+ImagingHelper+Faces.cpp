@@ -12,25 +12,18 @@ namespace kp {
 
 namespace {
 
-// Opens an image context of size and reports whether one was pushed by this call, so that a failed
-// begin never draws into, or ends, a context the caller had open.
+// An image context (not opaque, scale 1) open for the object's life. A begin always pushes an entry, null
+// when the size cannot make a bitmap, so the end is always paired with it.
 class ImageContext {
 public:
     explicit ImageContext(CGSize size) {
-        const CGContextRef before = UIGraphicsGetCurrentContext();
         UIGraphicsBeginImageContext(size);
         _context = UIGraphicsGetCurrentContext();
-        if (_context == before) {
-            _context = nullptr;
-        }
     }
-    ~ImageContext() {
-        if (_context) {
-            UIGraphicsEndImageContext();
-        }
-    }
+    ~ImageContext() { UIGraphicsEndImageContext(); }
     ImageContext(const ImageContext&) = delete;
     ImageContext& operator=(const ImageContext&) = delete;
+    /// Null when no bitmap could be made: nothing is drawn and no image comes out.
     const CGContextRef& context() const { return _context; }
 
 private:

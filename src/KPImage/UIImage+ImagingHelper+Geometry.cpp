@@ -44,25 +44,18 @@ uint64_t toUnsigned(double v) {
     return static_cast<uint64_t>(v);
 }
 
-// Opens an image context of size (not opaque, scale 1) and reports whether this call pushed one, so that
-// a failed begin never draws into, or ends, a context the caller had open.
+// An image context (not opaque, scale 1) open for the object's life. A begin always pushes an entry, null
+// when the size cannot make a bitmap, so the end is always paired with it.
 class ImageContext {
 public:
     explicit ImageContext(CGSize size) {
-        const CGContextRef before = UIGraphicsGetCurrentContext();
         UIGraphicsBeginImageContextWithOptions(size, false, 1.0);
         _context = UIGraphicsGetCurrentContext();
-        if (_context == before) {
-            _context = nullptr;
-        }
     }
-    ~ImageContext() {
-        if (_context) {
-            UIGraphicsEndImageContext();
-        }
-    }
+    ~ImageContext() { UIGraphicsEndImageContext(); }
     ImageContext(const ImageContext&) = delete;
     ImageContext& operator=(const ImageContext&) = delete;
+    /// Null when no bitmap could be made: nothing is drawn and no image comes out.
     const CGContextRef& context() const { return _context; }
     std::optional<UIImage> image() const {
         return _context ? UIGraphicsGetImageFromCurrentImageContext() : std::nullopt;
