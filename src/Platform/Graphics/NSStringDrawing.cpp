@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <mutex>
 
 namespace kp {
 
@@ -24,6 +25,17 @@ struct FontDescriptionFree {
 struct GFree {
     void operator()(gchar* s) const { g_free(s); }
 };
+// One font map for the process, kept for its whole life: fonts are looked up once, and what fontconfig
+// caches stays reachable. Pango font maps are not thread-safe, so text drawing is serialised on it.
+std::mutex& fontMapMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+PangoFontMap* sharedFontMap() {
+    static PangoFontMap* map = pango_cairo_font_map_new();
+    return map;
+}
+
 } // namespace
 
 void NSStringDrawInRect(const std::string& text, CGRect rect, const NSStringAttributes& attributes) {
@@ -40,8 +52,11 @@ void NSStringDrawInRect(const std::string& text, CGRect rect, const NSStringAttr
         return;
     }
     cairo_t* cr = context->cairo();
+    std::lock_guard lock(fontMapMutex());
     std::unique_ptr<gchar, GFree> valid(g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())));
-    std::unique_ptr<PangoLayout, GObjectUnref> layout(pango_cairo_create_layout(cr));
+    std::unique_ptr<PangoContext, GObjectUnref> pango(pango_font_map_create_context(sharedFontMap()));
+    pango_cairo_update_context(cr, pango.get());
+    std::unique_ptr<PangoLayout, GObjectUnref> layout(pango_layout_new(pango.get()));
     std::unique_ptr<PangoFontDescription, FontDescriptionFree> description(
         pango_font_description_from_string(font.fontDescription().c_str()));
     // One point is one device unit in an image context of scale 1.
