@@ -18,3 +18,12 @@
 
 // Version.
 #include "KPImage/KPImage_vers.h"
+
+// Image geometry, faces, conversions and store.
+#include "KPImage/KPImageDictionary.h"
+#include "KPImage/KPImagingHelper.h"
+#include "KPImage/Platform/CIDetector.h"
+#include "KPImage/Platform/NSFileManager.h"
+#include "KPImage/Platform/NSSearchPath.h"
+#include "KPImage/Platform/NSStringDrawing.h"
+#include "KPImage/Platform/UIDevice.h"
