@@ -16,6 +16,11 @@ public:
     void didCaptureFrame(const CMSampleBufferRef& frame) override {
         if (auto s = _session.lock()) {
             s->deliver(_generation, frame);
+            if (s.use_count() == 1) {
+                // Everybody else let go while the frame was delivered: the session must not end on the camera's
+                // own thread, because ending it stops (and waits for) that thread.
+                dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0), [last = std::move(s)] {});
+            }
         }
     }
     void didFailWithError(const NSErrorRef& error) override {

@@ -107,7 +107,13 @@ NSErrorRef MediaFileCamera::startStream(const CaptureStreamRequest& request, std
 void MediaFileCamera::stopStream() {
     _stop.store(true, std::memory_order_release);
     if (_thread.joinable()) {
-        _thread.join();
+        // Stopped from a frame callback (the last owner of a session let go on this thread): the loop ends by
+        // itself after the current frame.
+        if (_thread.get_id() == std::this_thread::get_id()) {
+            _thread.detach();
+        } else {
+            _thread.join();
+        }
     }
 }
 

@@ -456,7 +456,16 @@ void V4L2Camera::stopStream() {
     if (!_thread.joinable()) {
         return;
     }
-    _thread.join();
+    // The stream thread turns streaming off and unmaps the buffers as it ends. Stopped from a frame callback on
+    // that thread itself, it ends after the current frame.
+    if (_thread.get_id() == std::this_thread::get_id()) {
+        _thread.detach();
+    } else {
+        _thread.join();
+    }
+}
+
+void V4L2Camera::endStream() {
     std::lock_guard lock(_ioMutex);
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     _io->ioctl(_fd, VIDIOC_STREAMOFF, &type);
@@ -468,6 +477,10 @@ void V4L2Camera::run(CaptureStreamRequest request, uint32_t width, uint32_t heig
                      std::shared_ptr<CaptureFrameSink> sink) {
     PixelConverter converter;
     MjpegDecoder decoder;
+    struct EndStream {
+        V4L2Camera* camera;
+        ~EndStream() { camera->endStream(); }
+    } end{this};
     const auto lost = [&](int error) {
         _gone.store(true, std::memory_order_release);
         sink->didFailWithError(deviceError(AVErrorDeviceWasDisconnected,

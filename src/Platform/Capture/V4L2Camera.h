@@ -64,6 +64,8 @@ private:
     bool setControl(uint32_t id, int32_t value);
     void markGoneIfLost(int error);
     void releaseBuffersLocked();
+    /// Streaming off and buffers unmapped; run by the stream thread as it ends.
+    void endStream();
     void run(CaptureStreamRequest request, uint32_t width, uint32_t height, uint32_t stride, uint32_t fourcc,
              std::shared_ptr<CaptureFrameSink> sink);
 
