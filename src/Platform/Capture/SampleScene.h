@@ -42,9 +42,9 @@ public:
 private:
     void drawScene(cairo_t* cr, int width, int height, double t) const;
 
+    std::string _facePath; // first: the face loader fills it in
     cairo_surface_t* _face = nullptr;
     cairo_surface_t* _card = nullptr;
-    std::string _facePath;
 };
 
 } // namespace kp
