@@ -2,6 +2,7 @@
 // Conversions into images: raw pixel buffers of the library's layouts, a solid colour, device orientation.
 #pragma once
 
+#include "KPImage/Platform/CMSampleBuffer.h"
 #include "KPImage/Platform/UIColor.h"
 #include "KPImage/Platform/UIImage.h"
 
@@ -30,6 +31,15 @@ public:
     /// Image orientation of a camera picture taken in the device orientation: portrait gives right,
     /// upside down left, landscape left up, landscape right down, anything else right.
     static UIImageOrientation convertToImageOrientation(int32_t deviceOrientation);
+
+    /// The camera frame as an upright picture: the frame's 32-bit BGRA pixels (copied), rotated for the device's
+    /// current orientation and the camera position (1 back, 2 front): -90 degrees in portrait and face up or
+    /// down, 0 or 180 in landscape depending on the camera, never mirrored. When rawImage is given it receives
+    /// the unrotated picture. Nil for a missing frame or a frame that is not BGRA. Runs on any thread.
+    static std::optional<UIImage> makeUIImageFromCMSampleBuffer(const CMSampleBufferRef& sampleBuffer,
+                                                                int32_t position, std::optional<UIImage>* rawImage);
+    static std::optional<UIImage> makeUIImageFromCMSampleBuffer(const CMSampleBufferRef& sampleBuffer,
+                                                                int32_t position);
 
     /// A 10 x 10 point image filled with the colour; nil only when no image context could be made.
     static std::optional<UIImage> imageFromColor(const UIColor& color);

@@ -78,6 +78,52 @@ UIImageOrientation KPImagingHelper::convertToImageOrientation(int32_t deviceOrie
     }
 }
 
+std::optional<UIImage> KPImagingHelper::makeUIImageFromCMSampleBuffer(const CMSampleBufferRef& sampleBuffer,
+                                                                      int32_t position,
+                                                                      std::optional<UIImage>* rawImage) {
+    const CVImageBufferRef pixels = CMSampleBufferGetImageBuffer(sampleBuffer);
+    if (!pixels || CVPixelBufferGetPixelFormatType(pixels) != kCVPixelFormatType_32BGRA) {
+        return std::nullopt;
+    }
+    if (CVPixelBufferLockBaseAddress(pixels, 0) != kCVReturnSuccess) {
+        return std::nullopt;
+    }
+    const auto* base = static_cast<const uint8_t*>(CVPixelBufferGetBaseAddressOfPlane(pixels, 0));
+    const size_t bytesPerRow = CVPixelBufferGetBytesPerRow(pixels);
+    const size_t width = CVPixelBufferGetWidth(pixels);
+    const size_t height = CVPixelBufferGetHeight(pixels);
+    CGImageRef bitmap;
+    // The copy leaves the frame free for the camera to reuse as soon as it is unlocked.
+    if (base != nullptr && height > 0 && bytesPerRow <= CVPixelBufferGetDataSize(pixels) / height) {
+        std::vector<uint8_t> copy(base, base + bytesPerRow * height);
+        bitmap = CGImageCreate(width, height, 8, 32, bytesPerRow, CGColorSpaceCreateDeviceRGB(), kKPBitmapInfoBGRA,
+                               CGDataProviderCreateWithData(std::move(copy)));
+    }
+    CVPixelBufferUnlockBaseAddress(pixels, 0);
+    if (!bitmap) {
+        return std::nullopt;
+    }
+
+    CGFloat angle = 0;
+    switch (convertToImageOrientation(UIDevice::currentDevice().orientation())) {
+    case UIImageOrientationUp: angle = position == 1 ? 0 : 180; break;
+    case UIImageOrientationDown: angle = position == 1 ? 180 : 0; break;
+    case UIImageOrientationLeft:
+    case UIImageOrientationRight: angle = -90; break;
+    default: angle = 0; break;
+    }
+    const UIImage raw = UIImage::imageWithCGImage(std::move(bitmap));
+    if (rawImage != nullptr) {
+        *rawImage = raw;
+    }
+    return raw.rotatedByAngle(angle);
+}
+
+std::optional<UIImage> KPImagingHelper::makeUIImageFromCMSampleBuffer(const CMSampleBufferRef& sampleBuffer,
+                                                                      int32_t position) {
+    return makeUIImageFromCMSampleBuffer(sampleBuffer, position, nullptr);
+}
+
 std::optional<UIImage> KPImagingHelper::imageFromColor(const UIColor& color) {
     const CGRect rect = CGRectMake(0, 0, 10, 10);
     UIGraphicsBeginImageContext(rect.size);
