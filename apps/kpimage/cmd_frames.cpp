@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // kpimage frames: runs a capture session and prints per-second frame counts and drops.
 #include "Args.h"
+#include "Camera.h"
 #include "Command.h"
 #include "Json.h"
 
@@ -12,45 +13,6 @@
 
 namespace kpcli {
 namespace {
-
-/// The preset of an index: 1 Low, 2 Medium, 3 Photo, 4 640x480, 5 1280x720, 6 1920x1080, anything else High.
-inline kp::AVCaptureSessionPreset presetForIndex(int32_t index) {
-    switch (index) {
-    case 1: return kp::AVCaptureSessionPresetLow;
-    case 2: return kp::AVCaptureSessionPresetMedium;
-    case 3: return kp::AVCaptureSessionPresetPhoto;
-    case 4: return kp::AVCaptureSessionPreset640x480;
-    case 5: return kp::AVCaptureSessionPreset1280x720;
-    case 6: return kp::AVCaptureSessionPreset1920x1080;
-    default: return kp::AVCaptureSessionPresetHigh;
-    }
-}
-
-/// The first camera at the position given by --position (front, back); registers --media FILE there first.
-/// Sets error and returns nil when there is none.
-inline kp::AVCaptureDevice::Ref cameraFromArgs(const Args& a, std::string& error) {
-    const std::string name = a.value("position", "front");
-    if (name != "front" && name != "back") {
-        error = "--position must be front or back";
-        return nullptr;
-    }
-    const auto position = name == "front" ? kp::AVCaptureDevicePositionFront : kp::AVCaptureDevicePositionBack;
-    if (a.has("media")) {
-        kp::NSErrorRef e;
-        if (!kp::AVCaptureDevice::addMediaFileCamera(a.value("media"), position, &e)) {
-            error = e ? e->localizedDescription() : "cannot play " + a.value("media");
-            return nullptr;
-        }
-    }
-    for (const auto& d : kp::AVCaptureDevice::devicesWithMediaType(kp::AVMediaTypeVideo)) {
-        if (d->position() == position) {
-            return d;
-        }
-    }
-    error = "no camera at position " + name;
-    return nullptr;
-}
-
 
 // Counts frames; optionally works on each for a while, like a slow consumer.
 class Counter final : public kp::AVCaptureVideoDataOutputSampleBufferDelegate {

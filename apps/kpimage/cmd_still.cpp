@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // kpimage still: takes one still picture from a camera and writes it as PNG.
 #include "Args.h"
+#include "Camera.h"
 #include "Command.h"
 #include "Json.h"
 
@@ -10,66 +11,6 @@
 
 namespace kpcli {
 namespace {
-
-/// The preset of an index: 1 Low, 2 Medium, 3 Photo, 4 640x480, 5 1280x720, 6 1920x1080, anything else High.
-inline kp::AVCaptureSessionPreset presetForIndex(int32_t index) {
-    switch (index) {
-    case 1: return kp::AVCaptureSessionPresetLow;
-    case 2: return kp::AVCaptureSessionPresetMedium;
-    case 3: return kp::AVCaptureSessionPresetPhoto;
-    case 4: return kp::AVCaptureSessionPreset640x480;
-    case 5: return kp::AVCaptureSessionPreset1280x720;
-    case 6: return kp::AVCaptureSessionPreset1920x1080;
-    default: return kp::AVCaptureSessionPresetHigh;
-    }
-}
-
-/// The first camera at the position given by --position (front, back); registers --media FILE there first.
-/// Sets error and returns nil when there is none.
-inline kp::AVCaptureDevice::Ref cameraFromArgs(const Args& a, std::string& error) {
-    const std::string name = a.value("position", "front");
-    if (name != "front" && name != "back") {
-        error = "--position must be front or back";
-        return nullptr;
-    }
-    const auto position = name == "front" ? kp::AVCaptureDevicePositionFront : kp::AVCaptureDevicePositionBack;
-    if (a.has("media")) {
-        kp::NSErrorRef e;
-        if (!kp::AVCaptureDevice::addMediaFileCamera(a.value("media"), position, &e)) {
-            error = e ? e->localizedDescription() : "cannot play " + a.value("media");
-            return nullptr;
-        }
-    }
-    for (const auto& d : kp::AVCaptureDevice::devicesWithMediaType(kp::AVMediaTypeVideo)) {
-        if (d->position() == position) {
-            return d;
-        }
-    }
-    error = "no camera at position " + name;
-    return nullptr;
-}
-
-
-// The BGRA still as an image (the pixels are copied, rows as they are).
-std::optional<kp::UIImage> imageOfStill(const kp::CMSampleBufferRef& still) {
-    const kp::CVPixelBufferRef pixels = kp::CMSampleBufferGetImageBuffer(still);
-    if (kp::CVPixelBufferGetPixelFormatType(pixels) != kp::kCVPixelFormatType_32BGRA) {
-        return std::nullopt;
-    }
-    kp::CVPixelBufferLockBaseAddress(pixels, kp::kCVPixelBufferLock_ReadOnly);
-    const auto* base = static_cast<const uint8_t*>(kp::CVPixelBufferGetBaseAddress(pixels));
-    const size_t stride = kp::CVPixelBufferGetBytesPerRow(pixels);
-    const size_t width = kp::CVPixelBufferGetWidth(pixels);
-    const size_t height = kp::CVPixelBufferGetHeight(pixels);
-    std::vector<uint8_t> bytes(base, base + stride * height);
-    kp::CVPixelBufferUnlockBaseAddress(pixels, kp::kCVPixelBufferLock_ReadOnly);
-    auto image = kp::CGImageCreate(width, height, 8, 32, stride, kp::CGColorSpaceCreateDeviceRGB(),
-                                   kp::kKPBitmapInfoBGRA, kp::CGDataProviderCreateWithData(std::move(bytes)));
-    if (!image) {
-        return std::nullopt;
-    }
-    return kp::UIImage::imageWithCGImage(image);
-}
 
 int still(const std::vector<std::string>& args) {
     Args a(args, {"position", "preset", "media", "torch", "flash"}, {});
@@ -113,29 +54,17 @@ int still(const std::vector<std::string>& args) {
     if (!session->isRunning()) {
         return fail("the session did not start");
     }
-    auto connection = stillOutput->connectionWithMediaType(kp::AVMediaTypeVideo);
-    connection->setVideoScaleAndCropFactor(1.0);
-    stillOutput->setOutputSettings({{kp::kCVPixelBufferPixelFormatTypeKey, kp::kCVPixelFormatType_32BGRA}});
-
-    kp::CMSampleBufferRef picture;
-    kp::NSErrorRef failure;
+    stillOutput->connectionWithMediaType(kp::AVMediaTypeVideo)->setVideoScaleAndCropFactor(1.0);
     // Let the camera settle for a moment (exposure, the first frames) before the picture.
     kp::NSRunLoop::mainRunLoop().runFor(0.3);
-    stillOutput->captureStillImageAsynchronouslyFromConnection(
-        connection, [&](const kp::CMSampleBufferRef& sample, const kp::NSErrorRef& e) {
-            // On the completion's own thread: hand the result to the main thread.
-            kp::dispatch_async(kp::dispatch_get_main_queue(), [&, sample, e] {
-                picture = sample;
-                failure = e;
-                kp::NSRunLoop::mainRunLoop().stop();
-            });
-        });
-    kp::NSRunLoop::mainRunLoop().run();
+    const kp::CMSampleBufferRef picture = takeStill(stillOutput, error);
     session->stopRunning();
     if (!picture) {
-        return fail(failure ? failure->localizedDescription() : "no picture");
+        return fail(error);
     }
-    const auto image = imageOfStill(picture);
+    // The picture as the camera took it (no turn for the device's orientation).
+    std::optional<kp::UIImage> image;
+    kp::KPImagingHelper::makeUIImageFromCMSampleBuffer(picture, device->position(), &image);
     const auto png = image ? kp::UIImagePNGRepresentation(*image) : std::nullopt;
     if (!png || !kp::writeToFile(*png, out, true)) {
         return fail("cannot write " + out);

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: MIT
+// Camera helpers shared by the kpimage commands: presets by index, choosing a camera, taking a still.
+#pragma once
+
+#include "Args.h"
+
+#include <KPImage/KPImage.h>
+
+#include <string>
+
+namespace kpcli {
+
+/// The preset of an index: 1 Low, 2 Medium, 3 Photo, 4 640x480, 5 1280x720, 6 1920x1080, anything else High.
+inline kp::AVCaptureSessionPreset presetForIndex(int32_t index) {
+    switch (index) {
+    case 1: return kp::AVCaptureSessionPresetLow;
+    case 2: return kp::AVCaptureSessionPresetMedium;
+    case 3: return kp::AVCaptureSessionPresetPhoto;
+    case 4: return kp::AVCaptureSessionPreset640x480;
+    case 5: return kp::AVCaptureSessionPreset1280x720;
+    case 6: return kp::AVCaptureSessionPreset1920x1080;
+    default: return kp::AVCaptureSessionPresetHigh;
+    }
+}
+
+/// The first camera at the position given by --position (front, back); registers --media FILE there first.
+/// Sets error and returns nil when there is none.
+inline kp::AVCaptureDevice::Ref cameraFromArgs(const Args& a, std::string& error) {
+    const std::string name = a.value("position", "front");
+    if (name != "front" && name != "back") {
+        error = "--position must be front or back";
+        return nullptr;
+    }
+    const auto position = name == "front" ? kp::AVCaptureDevicePositionFront : kp::AVCaptureDevicePositionBack;
+    if (a.has("media")) {
+        kp::NSErrorRef e;
+        if (!kp::AVCaptureDevice::addMediaFileCamera(a.value("media"), position, &e)) {
+            error = e ? e->localizedDescription() : "cannot play " + a.value("media");
+            return nullptr;
+        }
+    }
+    for (const auto& d : kp::AVCaptureDevice::devicesWithMediaType(kp::AVMediaTypeVideo)) {
+        if (d->position() == position) {
+            return d;
+        }
+    }
+    error = "no camera at position " + name;
+    return nullptr;
+}
+
+/// Takes one BGRA still from the running session's still output, driving the main run loop until the
+/// completion arrives. Returns the picture, or nil with error set.
+inline kp::CMSampleBufferRef takeStill(const std::shared_ptr<kp::AVCaptureStillImageOutput>& stillOutput,
+                                       std::string& error) {
+    auto connection = stillOutput->connectionWithMediaType(kp::AVMediaTypeVideo);
+    if (!connection) {
+        error = "the still output has no connection";
+        return nullptr;
+    }
+    stillOutput->setOutputSettings({{kp::kCVPixelBufferPixelFormatTypeKey, kp::kCVPixelFormatType_32BGRA}});
+    kp::CMSampleBufferRef picture;
+    kp::NSErrorRef failure;
+    stillOutput->captureStillImageAsynchronouslyFromConnection(
+        connection, [&](const kp::CMSampleBufferRef& sample, const kp::NSErrorRef& e) {
+            // On the completion's own thread: hand the result to the main thread.
+            kp::dispatch_async(kp::dispatch_get_main_queue(), [&, sample, e] {
+                picture = sample;
+                failure = e;
+                kp::NSRunLoop::mainRunLoop().stop();
+            });
+        });
+    kp::NSRunLoop::mainRunLoop().run();
+    if (!picture) {
+        error = failure ? failure->localizedDescription() : "no picture";
+    }
+    return picture;
+}
+
+} // namespace kpcli
