@@ -99,25 +99,19 @@ NSErrorRef MediaFileCamera::startStream(const CaptureStreamRequest& request, std
         return NSError::errorWithDescription(AVFoundationErrorDomain, AVErrorDeviceNotConnected,
                                              "The video file is gone: " + _path);
     }
-    _stop.store(false, std::memory_order_release);
-    _thread = std::thread([this, request, sink = std::move(sink)] { run(request, sink); });
+    _stream.start([this, request, sink = std::move(sink)](const std::atomic<bool>& stop) {
+        run(request, sink, stop);
+    });
     return nullptr;
 }
 
 void MediaFileCamera::stopStream() {
-    _stop.store(true, std::memory_order_release);
-    if (_thread.joinable()) {
-        // Stopped from a frame callback (the last owner of a session let go on this thread): the loop ends by
-        // itself after the current frame.
-        if (_thread.get_id() == std::this_thread::get_id()) {
-            _thread.detach();
-        } else {
-            _thread.join();
-        }
-    }
+    // Stopped from a frame callback on the stream's own thread, the run ends by itself after the current frame.
+    _stream.stop();
 }
 
-void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink) {
+void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink,
+                          const std::atomic<bool>& stop) {
     using Clock = std::chrono::steady_clock;
     PixelConverter converter;
     AVPacket* packet = av_packet_alloc();
@@ -134,7 +128,7 @@ void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureF
     auto loopStart = Clock::now();
     double lastOffset = 0; // seconds into the file of the previous frame, to pace files without time stamps
     int64_t framesThisLoop = 0;
-    while (!_stop.load(std::memory_order_acquire)) {
+    while (!stop.load(std::memory_order_acquire)) {
         Decoder decoder;
         if (!decoder.open(_path)) {
             fail("The video file can no longer be decoded: " + _path);
@@ -147,7 +141,7 @@ void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureF
         const int64_t startPts = stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
         framesThisLoop = 0;
         bool draining = false;
-        while (!_stop.load(std::memory_order_acquire)) {
+        while (!stop.load(std::memory_order_acquire)) {
             int got = avcodec_receive_frame(decoder.codec, frame);
             if (got == AVERROR(EAGAIN)) {
                 if (draining) {
@@ -179,7 +173,7 @@ void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureF
             // Real time: each frame is shown when its time in the file has come.
             std::this_thread::sleep_until(loopStart + std::chrono::duration_cast<Clock::duration>(
                                                           std::chrono::duration<double>(std::max(0.0, offset))));
-            if (_stop.load(std::memory_order_acquire)) {
+            if (stop.load(std::memory_order_acquire)) {
                 break;
             }
             CVPixelBufferRef pixels = converter.convertFrame(frame, request.pixelFormat, _size.width, _size.height);
@@ -194,7 +188,7 @@ void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureF
             CMSampleBufferCreateForImageBuffer(pixels, true, timing, &sample);
             sink->didCaptureFrame(sample);
         }
-        if (framesThisLoop == 0 && !_stop.load(std::memory_order_acquire)) {
+        if (framesThisLoop == 0 && !stop.load(std::memory_order_acquire)) {
             fail("The video file has no frames: " + _path);
             return;
         }

@@ -2,6 +2,8 @@
 // A camera that plays a video file (anything FFmpeg decodes) in real time, looping, at the file's frame size.
 #pragma once
 
+#include "Platform/Capture/StreamThread.h"
+
 #include "KPImage/Platform/CaptureDeviceBackend.h"
 
 #include <atomic>
@@ -33,12 +35,12 @@ public:
     MediaFileCamera(std::string path, CaptureFormat size) : _path(std::move(path)), _size(size) {}
 
 private:
-    void run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink);
+    void run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink,
+             const std::atomic<bool>& stop);
 
     const std::string _path;
     const CaptureFormat _size;
-    std::atomic<bool> _stop{false};
-    std::thread _thread;
+    StreamThread _stream;
 };
 
 } // namespace kp

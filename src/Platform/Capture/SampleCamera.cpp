@@ -90,25 +90,19 @@ NSErrorRef SampleCamera::startStream(const CaptureStreamRequest& request, std::s
         return NSError::errorWithDescription(AVFoundationErrorDomain, AVErrorFormatUnsupported,
                                              "The sample camera cannot stream that size.");
     }
-    _stop.store(false, std::memory_order_release);
-    _thread = std::thread([this, request, sink = std::move(sink)] { run(request, sink); });
+    _stream.start([this, request, sink = std::move(sink)](const std::atomic<bool>& stop) {
+        run(request, sink, stop);
+    });
     return nullptr;
 }
 
 void SampleCamera::stopStream() {
-    _stop.store(true, std::memory_order_release);
-    if (_thread.joinable()) {
-        // Stopped from a frame callback (the last owner of a session let go on this thread): the loop ends by
-        // itself after the current frame.
-        if (_thread.get_id() == std::this_thread::get_id()) {
-            _thread.detach();
-        } else {
-            _thread.join();
-        }
-    }
+    // Stopped from a frame callback on the stream's own thread, the run ends by itself after the current frame.
+    _stream.stop();
 }
 
-void SampleCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink) {
+void SampleCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink,
+                       const std::atomic<bool>& stop) {
     const SampleScene& scene = SampleScene::shared();
     const int width = request.format.width;
     const int height = request.format.height;
@@ -124,10 +118,10 @@ void SampleCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureFram
     const auto start = std::chrono::steady_clock::now();
     const auto frameDuration = std::chrono::nanoseconds(1000000000 / kFrameRate);
     int64_t index = 0;
-    while (!_stop.load(std::memory_order_acquire)) {
+    while (!stop.load(std::memory_order_acquire)) {
         const auto due = start + index * frameDuration;
         std::this_thread::sleep_until(due);
-        if (_stop.load(std::memory_order_acquire)) {
+        if (stop.load(std::memory_order_acquire)) {
             break;
         }
         const CMTime stamp = CMClockGetHostTimeNow();

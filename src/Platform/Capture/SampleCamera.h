@@ -2,6 +2,8 @@
 // The built-in sample camera: renders the sample scene at the session's frame size and 30 frames per second.
 #pragma once
 
+#include "Platform/Capture/StreamThread.h"
+
 #include "KPImage/Platform/CaptureDeviceBackend.h"
 
 #include <atomic>
@@ -33,15 +35,15 @@ public:
     static constexpr int kFrameRate = 30;
 
 private:
-    void run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink);
+    void run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink,
+             const std::atomic<bool>& stop);
 
     const AVCaptureDevicePosition _position;
     std::mutex _mutex;
     CaptureControls _controls;
     int _focusFramesLeft = 0; // frames of a focus sweep still to render blurred
     std::atomic<bool> _flashNextFrame{false};
-    std::atomic<bool> _stop{false};
-    std::thread _thread;
+    StreamThread _stream;
 };
 
 } // namespace kp

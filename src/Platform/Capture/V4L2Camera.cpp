@@ -444,25 +444,17 @@ NSErrorRef V4L2Camera::startStream(const CaptureStreamRequest& request, std::sha
                            std::string("The camera did not start: ") + std::strerror(error));
     }
     _streamFourcc.store(actualFourcc, std::memory_order_release);
-    _stop.store(false, std::memory_order_release);
-    _thread = std::thread([this, request, actualW, actualH, stride, actualFourcc, sink = std::move(sink)] {
-        run(request, actualW, actualH, stride, actualFourcc, sink);
+    _stream.start([this, request, actualW, actualH, stride, actualFourcc,
+                   sink = std::move(sink)](const std::atomic<bool>& stop) {
+        run(request, actualW, actualH, stride, actualFourcc, sink, stop);
     });
     return nullptr;
 }
 
 void V4L2Camera::stopStream() {
-    _stop.store(true, std::memory_order_release);
-    if (!_thread.joinable()) {
-        return;
-    }
     // The stream thread turns streaming off and unmaps the buffers as it ends. Stopped from a frame callback on
-    // that thread itself, it ends after the current frame.
-    if (_thread.get_id() == std::this_thread::get_id()) {
-        _thread.detach();
-    } else {
-        _thread.join();
-    }
+    // that thread itself, it ends after the current frame; a later start waits for that.
+    _stream.stop();
 }
 
 void V4L2Camera::endStream() {
@@ -474,7 +466,7 @@ void V4L2Camera::endStream() {
 }
 
 void V4L2Camera::run(CaptureStreamRequest request, uint32_t width, uint32_t height, uint32_t stride, uint32_t fourcc,
-                     std::shared_ptr<CaptureFrameSink> sink) {
+                     std::shared_ptr<CaptureFrameSink> sink, const std::atomic<bool>& stop) {
     PixelConverter converter;
     MjpegDecoder decoder;
     struct EndStream {
@@ -486,7 +478,7 @@ void V4L2Camera::run(CaptureStreamRequest request, uint32_t width, uint32_t heig
         sink->didFailWithError(deviceError(AVErrorDeviceWasDisconnected,
                                            "The camera went away: " + _path + " (" + std::strerror(error) + ")"));
     };
-    while (!_stop.load(std::memory_order_acquire)) {
+    while (!stop.load(std::memory_order_acquire)) {
         bool hangup = false;
         const int ready = _io->poll(_fd, kPollMilliseconds, &hangup);
         if (ready < 0 || hangup) {

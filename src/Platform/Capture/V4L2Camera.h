@@ -3,6 +3,8 @@
 // the session's pixel format.
 #pragma once
 
+#include "Platform/Capture/StreamThread.h"
+
 #include "KPImage/Platform/CaptureDeviceBackend.h"
 #include "Platform/Capture/V4L2Interface.h"
 
@@ -67,7 +69,8 @@ private:
     /// Streaming off and buffers unmapped; run by the stream thread as it ends.
     void endStream();
     void run(CaptureStreamRequest request, uint32_t width, uint32_t height, uint32_t stride, uint32_t fourcc,
-             std::shared_ptr<CaptureFrameSink> sink);
+             std::shared_ptr<CaptureFrameSink> sink,
+             const std::atomic<bool>& stop);
 
     const std::shared_ptr<V4L2Interface> _io;
     const std::string _path;
@@ -81,9 +84,8 @@ private:
     bool _hasApplied = false;
     std::vector<Mapped> _buffers;
     std::atomic<bool> _gone{false};
-    std::atomic<bool> _stop{false};
     std::atomic<uint32_t> _streamFourcc{0};
-    std::thread _thread;
+    StreamThread _stream;
 };
 
 } // namespace kp
