@@ -118,7 +118,7 @@ KP_AVX2 inline void convertPair(const uint8_t* rows, int m, CellRow& row) {
 KP_AVX2 inline void useChunk(const CellRow& row, int m, UpperHalf& half, bool blocks, uint32_t goodBits,
                              Accumulators& acc) {
     const __m256i ones16 = _mm256_set1_epi16(1);
-    const __m256i laneBits = _mm256_setr_epi32(1, 1 << 4, 1 << 8, 1 << 12, 1 << 16, 1 << 20, 1 << 24, 1 << 28);
+    const __m256i laneShift = _mm256_setr_epi32(31, 27, 23, 19, 15, 11, 7, 3);
     const int k = m * kChunkWords;
     // Words 2j..2j+3 of block column j: this chunk's and, two words on, the next cell's.
     const __m256i blockSum = _mm256_add_epi16(load(row.sum4 + k), load(row.sum4 + k + 2));
@@ -134,11 +134,13 @@ KP_AVX2 inline void useChunk(const CellRow& row, int m, UpperHalf& half, bool bl
         const __m256i aWords = _mm256_add_epi16(load(half.alternating + k), blockAlt);
         const __m256i eC = energy(_mm256_madd_epi16(cWords, ones16));
         const __m256i eA = energy(_mm256_madd_epi16(aWords, ones16));
-        const __m256i unsaturated = _mm256_cmpeq_epi32(
-            _mm256_and_si256(_mm256_set1_epi32(static_cast<int32_t>(goodBits)), laneBits), laneBits);
+        // Bit 4j of goodBits moved to the sign bit of lane j selects the energies of unsaturated blocks.
+        const __m256i unsaturated = _mm256_sllv_epi32(_mm256_set1_epi32(static_cast<int32_t>(goodBits)), laneShift);
+        const __m256i okC = _mm256_castps_si256(_mm256_blendv_ps(
+            _mm256_setzero_ps(), _mm256_castsi256_ps(eC), _mm256_castsi256_ps(unsaturated)));
         acc.c = _mm256_add_epi32(acc.c, eC);
         acc.a = _mm256_add_epi32(acc.a, eA);
-        acc.ok = _mm256_add_epi32(acc.ok, _mm256_and_si256(eC, unsaturated));
+        acc.ok = _mm256_add_epi32(acc.ok, okC);
     }
     store(half.block + k, blockSum);
     store(half.centre + k, centreLower);
