@@ -75,7 +75,8 @@ public:
     void beginPath();
     void moveToPoint(CGFloat x, CGFloat y);
     void addLineToPoint(CGFloat x, CGFloat y);
-    /// Arc about (x, y) from startAngle to endAngle (radians, positive turns +x towards +y).
+    /// Arc about (x, y) from startAngle to endAngle in radians; angles grow from +x towards +y (clockwise as
+    /// seen, since y points down), and clockwise = true sweeps the other way, as in a top-left context.
     void addArc(CGFloat x, CGFloat y, CGFloat radius, CGFloat startAngle, CGFloat endAngle, bool clockwise);
     void addRect(CGRect rect);
     void closePath();
@@ -112,7 +113,13 @@ private:
     CGColor _fill{0, 0, 0, 1};
     CGColor _stroke{0, 0, 0, 1};
     CGInterpolationQuality _interpolation = kCGInterpolationDefault;
+    CGFloat _alpha = 1.0;
+    struct SavedState {
+        CGFloat alpha;
+        CGInterpolationQuality interpolation;
+    };
     std::vector<std::pair<CGColor, CGColor>> _colorStack;
+    std::vector<SavedState> _stateStack;
 };
 using CGContextRef = std::shared_ptr<CGContext>;
 

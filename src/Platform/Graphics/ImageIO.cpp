@@ -1,0 +1,366 @@
+// SPDX-License-Identifier: MIT
+// Image files: PNG through libspng, JPEG through libjpeg-turbo, EXIF orientation through libexif, and
+// whole-file reads and atomic writes.
+#include "KPImage/Platform/ImageIO.h"
+
+#include "Platform/Graphics/Codecs.h"
+#include "Platform/Graphics/PixelLayout.h"
+
+#include <libexif/exif-data.h>
+#include <spng.h>
+#include <turbojpeg.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kp {
+
+namespace detail {
+
+namespace {
+
+constexpr uint64_t kMaxFileBytes = uint64_t{1} << 31;
+
+bool sizeAllowed(uint64_t w, uint64_t h) { return w > 0 && h > 0 && w * h <= kKPMaxImagePixels; }
+
+/// The EXIF orientation in raw EXIF bytes (starting with "Exif\0\0" or a whole JPEG); 0 when absent.
+int exifOrientationOf(const uint8_t* data, size_t size) {
+    if (data == nullptr || size < 8 || size > UINT32_MAX) {
+        return 0;
+    }
+    ExifData* exif = exif_data_new_from_data(data, static_cast<unsigned int>(size));
+    if (exif == nullptr) {
+        return 0;
+    }
+    int orientation = 0;
+    ExifEntry* entry = exif_data_get_entry(exif, EXIF_TAG_ORIENTATION);
+    if (entry != nullptr && entry->format == EXIF_FORMAT_SHORT && entry->components >= 1 && entry->size >= 2 &&
+        entry->data != nullptr) {
+        orientation = exif_get_short(entry->data, exif_data_get_byte_order(exif));
+    }
+    exif_data_unref(exif);
+    return orientation;
+}
+
+CGImageRef makeImage(size_t w, size_t h, bool gray, std::vector<uint8_t> pixels) {
+    if (gray) {
+        return CGImageCreate(w, h, 8, 8, w, CGColorSpaceCreateDeviceGray(), kKPBitmapInfoGray,
+                             CGDataProviderCreateWithData(std::move(pixels)));
+    }
+    return CGImageCreate(w, h, 8, 32, w * 4, CGColorSpaceCreateDeviceRGB(), kKPBitmapInfoRGBA,
+                         CGDataProviderCreateWithData(std::move(pixels)));
+}
+
+std::optional<UIImage> decodePNG(std::span<const uint8_t> data) {
+    std::unique_ptr<spng_ctx, decltype(&spng_ctx_free)> ctx(spng_ctx_new(0), spng_ctx_free);
+    if (!ctx) {
+        return std::nullopt;
+    }
+    spng_set_crc_action(ctx.get(), SPNG_CRC_ERROR, SPNG_CRC_DISCARD);
+    spng_set_chunk_limits(ctx.get(), 64u << 20, 64u << 20);
+    if (spng_set_png_buffer(ctx.get(), data.data(), data.size()) != 0) {
+        return std::nullopt;
+    }
+    spng_ihdr ihdr{};
+    if (spng_get_ihdr(ctx.get(), &ihdr) != 0 || !sizeAllowed(ihdr.width, ihdr.height)) {
+        return std::nullopt;
+    }
+    spng_trns trns{};
+    const bool hasTrns = spng_get_trns(ctx.get(), &trns) == 0;
+    const bool gray = ihdr.color_type == SPNG_COLOR_TYPE_GRAYSCALE && !hasTrns;
+    // Grey of 16 bits is decoded through RGBA and narrowed; 8 bits or fewer decode straight to G8.
+    const bool direct8 = gray && ihdr.bit_depth <= 8;
+    const int fmt = direct8 ? SPNG_FMT_G8 : SPNG_FMT_RGBA8;
+    size_t outSize = 0;
+    if (spng_decoded_image_size(ctx.get(), fmt, &outSize) != 0) {
+        return std::nullopt;
+    }
+    std::vector<uint8_t> pixels(outSize);
+    if (spng_decode_image(ctx.get(), pixels.data(), pixels.size(), fmt, SPNG_DECODE_TRNS) != 0) {
+        return std::nullopt;
+    }
+    const size_t w = ihdr.width;
+    const size_t h = ihdr.height;
+    if (gray && !direct8) {
+        std::vector<uint8_t> g(w * h);
+        for (size_t i = 0; i < w * h; ++i) {
+            g[i] = pixels[i * 4];
+        }
+        pixels = std::move(g);
+    }
+    int orientation = 0;
+    spng_exif exif{};
+    if (spng_get_exif(ctx.get(), &exif) == 0 && exif.data != nullptr && exif.length > 0 &&
+        exif.length < (64u << 20)) {
+        std::vector<uint8_t> withHeader{'E', 'x', 'i', 'f', 0, 0};
+        withHeader.insert(withHeader.end(), exif.data, exif.data + exif.length);
+        orientation = exifOrientationOf(withHeader.data(), withHeader.size());
+    }
+    CGImageRef image = makeImage(w, h, gray, std::move(pixels));
+    if (!image) {
+        return std::nullopt;
+    }
+    return UIImage::imageWithCGImage(std::move(image), 1.0, orientationFromExif(orientation));
+}
+
+std::optional<UIImage> decodeJPEG(std::span<const uint8_t> data) {
+    if (data.size() > ULONG_MAX) {
+        return std::nullopt;
+    }
+    std::unique_ptr<void, decltype(&tjDestroy)> tj(tjInitDecompress(), tjDestroy);
+    if (!tj) {
+        return std::nullopt;
+    }
+    int w = 0, h = 0, subsamp = 0, colorspace = 0;
+    if (tjDecompressHeader3(tj.get(), data.data(), static_cast<unsigned long>(data.size()), &w, &h, &subsamp,
+                            &colorspace) != 0 ||
+        w <= 0 || h <= 0 || !sizeAllowed(static_cast<uint64_t>(w), static_cast<uint64_t>(h))) {
+        return std::nullopt;
+    }
+    if (colorspace == TJCS_CMYK || colorspace == TJCS_YCCK) {
+        return std::nullopt;
+    }
+    const bool gray = colorspace == TJCS_GRAY;
+    const int pf = gray ? TJPF_GRAY : TJPF_RGBA;
+    const size_t bpp = gray ? 1 : 4;
+    std::vector<uint8_t> pixels(static_cast<size_t>(w) * static_cast<size_t>(h) * bpp);
+    if (tjDecompress2(tj.get(), data.data(), static_cast<unsigned long>(data.size()), pixels.data(), w,
+                      static_cast<int>(static_cast<size_t>(w) * bpp), h, pf, TJFLAG_ACCURATEDCT) != 0 &&
+        tjGetErrorCode(tj.get()) != TJERR_WARNING) {
+        return std::nullopt;
+    }
+    const int orientation = exifOrientationOf(data.data(), data.size());
+    CGImageRef image = makeImage(static_cast<size_t>(w), static_cast<size_t>(h), gray, std::move(pixels));
+    if (!image) {
+        return std::nullopt;
+    }
+    return UIImage::imageWithCGImage(std::move(image), 1.0, orientationFromExif(orientation));
+}
+
+} // namespace
+
+UIImageOrientation orientationFromExif(int exifOrientation) {
+    switch (exifOrientation) {
+    case 2: return UIImageOrientationUpMirrored;
+    case 3: return UIImageOrientationDown;
+    case 4: return UIImageOrientationDownMirrored;
+    case 5: return UIImageOrientationLeftMirrored;
+    case 6: return UIImageOrientationRight;
+    case 7: return UIImageOrientationRightMirrored;
+    case 8: return UIImageOrientationLeft;
+    default: return UIImageOrientationUp;
+    }
+}
+
+std::optional<UIImage> decodeImage(std::span<const uint8_t> data) {
+    static constexpr uint8_t kPNG[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+    if (data.size() >= 8 && std::memcmp(data.data(), kPNG, 8) == 0) {
+        return decodePNG(data);
+    }
+    if (data.size() >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF) {
+        return decodeJPEG(data);
+    }
+    return std::nullopt;
+}
+
+} // namespace detail
+
+namespace {
+
+/// The bitmap as tight rows of grey, RGB or straight RGBA bytes, with the channel count.
+std::optional<std::pair<std::vector<uint8_t>, int>> tightPixels(const UIImage& image) {
+    const CGImageRef& cg = image.CGImage();
+    if (!cg) {
+        return std::nullopt;
+    }
+    const auto layout = detail::pixelLayoutOf(*cg);
+    if (!layout) {
+        return std::nullopt;
+    }
+    const size_t w = cg->width();
+    const size_t h = cg->height();
+    const int channels = layout->gray ? 1 : (layout->a >= 0 && !layout->alphaSkipped) ? 4 : 3;
+    detail::PixelLayout out;
+    out.bytesPerPixel = channels;
+    out.gray = layout->gray;
+    out.r = 0, out.g = 1, out.b = 2, out.a = channels == 4 ? 3 : -1;
+    std::vector<uint8_t> pixels(w * h * static_cast<size_t>(channels));
+    if (layout->gray || (layout->bytesPerPixel == 3)) {
+        const size_t row = w * static_cast<size_t>(channels);
+        for (size_t y = 0; y < h; ++y) {
+            std::memcpy(pixels.data() + y * row, cg->bytes() + y * cg->bytesPerRow(), row);
+        }
+    } else if (channels == 4 && !layout->premultiplied) {
+        // Straight alpha is copied as it stands; a round trip through premultiplication would lose it.
+        for (size_t y = 0; y < h; ++y) {
+            const uint8_t* src = cg->bytes() + y * cg->bytesPerRow();
+            uint8_t* dst = pixels.data() + y * w * 4;
+            for (size_t x = 0; x < w; ++x) {
+                dst[x * 4 + 0] = src[x * 4 + static_cast<size_t>(layout->r)];
+                dst[x * 4 + 1] = src[x * 4 + static_cast<size_t>(layout->g)];
+                dst[x * 4 + 2] = src[x * 4 + static_cast<size_t>(layout->b)];
+                dst[x * 4 + 3] = src[x * 4 + static_cast<size_t>(layout->a)];
+            }
+        }
+    } else {
+        std::vector<uint32_t> argb(w);
+        for (size_t y = 0; y < h; ++y) {
+            detail::rowToARGB32(cg->bytes() + y * cg->bytesPerRow(), *layout, w, argb.data());
+            detail::rowFromARGB32(argb.data(), w, out, pixels.data() + y * w * static_cast<size_t>(channels));
+        }
+    }
+    return std::make_pair(std::move(pixels), channels);
+}
+
+} // namespace
+
+std::optional<std::vector<uint8_t>> UIImagePNGRepresentation(const UIImage& image) {
+    auto tight = tightPixels(image);
+    if (!tight) {
+        return std::nullopt;
+    }
+    const CGImageRef& cg = image.CGImage();
+    std::unique_ptr<spng_ctx, decltype(&spng_ctx_free)> ctx(spng_ctx_new(SPNG_CTX_ENCODER), spng_ctx_free);
+    if (!ctx) {
+        return std::nullopt;
+    }
+    spng_set_option(ctx.get(), SPNG_ENCODE_TO_BUFFER, 1);
+    spng_ihdr ihdr{};
+    ihdr.width = static_cast<uint32_t>(cg->width());
+    ihdr.height = static_cast<uint32_t>(cg->height());
+    ihdr.bit_depth = 8;
+    ihdr.color_type = tight->second == 1   ? SPNG_COLOR_TYPE_GRAYSCALE
+                      : tight->second == 3 ? SPNG_COLOR_TYPE_TRUECOLOR
+                                           : SPNG_COLOR_TYPE_TRUECOLOR_ALPHA;
+    if (spng_set_ihdr(ctx.get(), &ihdr) != 0 ||
+        spng_encode_image(ctx.get(), tight->first.data(), tight->first.size(), SPNG_FMT_PNG, SPNG_ENCODE_FINALIZE) !=
+            0) {
+        return std::nullopt;
+    }
+    size_t size = 0;
+    int error = 0;
+    void* png = spng_get_png_buffer(ctx.get(), &size, &error);
+    if (png == nullptr || error != 0) {
+        std::free(png);
+        return std::nullopt;
+    }
+    std::vector<uint8_t> out(static_cast<uint8_t*>(png), static_cast<uint8_t*>(png) + size);
+    std::free(png);
+    return out;
+}
+
+std::optional<std::vector<uint8_t>> UIImageJPEGRepresentation(const UIImage& image, CGFloat quality) {
+    auto tight = tightPixels(image);
+    if (!tight) {
+        return std::nullopt;
+    }
+    const CGImageRef& cg = image.CGImage();
+    std::unique_ptr<void, decltype(&tjDestroy)> tj(tjInitCompress(), tjDestroy);
+    if (!tj || cg->width() > INT32_MAX / 4 || cg->height() > INT32_MAX) {
+        return std::nullopt;
+    }
+    const int q = std::isfinite(quality) ? std::clamp(static_cast<int>(std::lround(quality * 100)), 1, 100) : 75;
+    const int channels = tight->second;
+    const int pf = channels == 1 ? TJPF_GRAY : channels == 3 ? TJPF_RGB : TJPF_RGBA;
+    unsigned char* jpeg = nullptr;
+    unsigned long size = 0;
+    if (tjCompress2(tj.get(), tight->first.data(), static_cast<int>(cg->width()),
+                    static_cast<int>(cg->width()) * channels, static_cast<int>(cg->height()), pf, &jpeg, &size,
+                    channels == 1 ? TJSAMP_GRAY : TJSAMP_420, q, TJFLAG_ACCURATEDCT) != 0) {
+        tjFree(jpeg);
+        return std::nullopt;
+    }
+    std::vector<uint8_t> out(jpeg, jpeg + size);
+    tjFree(jpeg);
+    return out;
+}
+
+std::optional<std::vector<uint8_t>> dataWithContentsOfFile(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return std::nullopt;
+    }
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<uint64_t>(st.st_size) > detail::kMaxFileBytes) {
+        ::close(fd);
+        return std::nullopt;
+    }
+    std::vector<uint8_t> bytes(static_cast<size_t>(st.st_size));
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            ::close(fd);
+            return std::nullopt;
+        }
+        done += static_cast<size_t>(n);
+    }
+    ::close(fd);
+    return bytes;
+}
+
+namespace {
+bool writeAll(int fd, std::span<const uint8_t> bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+} // namespace
+
+bool writeToFile(std::span<const uint8_t> bytes, const std::string& path, bool atomically) {
+    if (path.empty()) {
+        return false;
+    }
+    if (!atomically) {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0) {
+            return false;
+        }
+        const bool ok = writeAll(fd, bytes);
+        return ::close(fd) == 0 && ok;
+    }
+    // Write beside the target and rename over it: readers see the old file or the new one, never a part.
+    const std::filesystem::path target(path);
+    std::filesystem::path dir = target.parent_path();
+    if (dir.empty()) {
+        dir = ".";
+    }
+    std::string tmp = (dir / ("." + target.filename().string() + ".XXXXXX")).string();
+    const int fd = ::mkstemp(tmp.data());
+    if (fd < 0) {
+        return false;
+    }
+    bool ok = ::fchmod(fd, 0644) == 0 && writeAll(fd, bytes) && ::fsync(fd) == 0;
+    ok = (::close(fd) == 0) && ok;
+    if (ok && ::rename(tmp.c_str(), path.c_str()) == 0) {
+        const int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dfd >= 0) {
+            ::fsync(dfd);
+            ::close(dfd);
+        }
+        return true;
+    }
+    ::unlink(tmp.c_str());
+    return false;
+}
+
+} // namespace kp

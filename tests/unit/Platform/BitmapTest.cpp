@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: MIT
+// Bitmaps and the drawing context: layout validation, size limits, cutting, layout conversion and drawing.
+#include "KPImage/Platform/CGContext.h"
+#include "KPImage/Platform/UIGraphics.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <limits>
+
+using namespace kp;
+
+TEST(Bitmap, CreationRefusesInconsistentOrOversizedLayouts) {
+    const auto rgb = CGColorSpaceCreateDeviceRGB();
+    const auto grey = CGColorSpaceCreateDeviceGray();
+    const auto bytes = CGDataProviderCreateWithData(std::vector<uint8_t>(400));
+    EXPECT_TRUE(CGImageCreate(10, 10, 8, 32, 40, rgb, kKPBitmapInfoBGRA, bytes));
+    EXPECT_FALSE(CGImageCreate(10, 10, 8, 24, 40, rgb, kKPBitmapInfoBGRA, bytes)); // alpha needs 32 bits
+    EXPECT_FALSE(CGImageCreate(10, 10, 8, 32, 39, rgb, kKPBitmapInfoBGRA, bytes)); // row too short
+    EXPECT_FALSE(CGImageCreate(10, 11, 8, 32, 40, rgb, kKPBitmapInfoBGRA, bytes)); // provider too small
+    EXPECT_FALSE(CGImageCreate(10, 10, 16, 32, 40, rgb, kKPBitmapInfoBGRA, bytes));
+    EXPECT_FALSE(CGImageCreate(0, 10, 8, 8, 10, grey, 0, bytes));
+    EXPECT_FALSE(CGImageCreate(10, 10, 8, 8, 10, nullptr, 0, bytes));
+    // The last row needs only its own pixels, not a whole bytes-per-row.
+    EXPECT_TRUE(CGImageCreate(10, 10, 8, 8, 40, grey, 0, CGDataProviderCreateWithData(std::vector<uint8_t>(370))));
+    // Products that overflow 64 bits or exceed the pixel limit are refused before anything is read.
+    const size_t huge = std::numeric_limits<size_t>::max() / 2;
+    EXPECT_FALSE(CGImageCreate(huge, huge, 8, 8, huge, grey, 0, bytes));
+    EXPECT_FALSE(CGImageCreate(size_t{1} << 16, (size_t{1} << 14) + 1, 8, 8, size_t{1} << 16, grey, 0, bytes));
+    EXPECT_FALSE(CGBitmapContextCreate(nullptr, huge, 2, 8, 0, grey, 0));
+    EXPECT_FALSE(CGBitmapContextCreate(nullptr, 40000, 2, 8, 0, grey, 0));
+    EXPECT_FALSE(CGBitmapContextCreate(nullptr, 4, 4, 8, 3, grey, 0));
+    EXPECT_FALSE(CGBitmapContextCreate(nullptr, 4, 4, 8, 0, CGColorSpaceCreateWithModel(kCGColorSpaceModelCMYK), 0));
+}
+
+TEST(Bitmap, CutClipsToTheBitmapAndCopiesRows) {
+    std::vector<uint8_t> px(6 * 4);
+    for (size_t i = 0; i < px.size(); ++i) {
+        px[i] = static_cast<uint8_t>(i);
+    }
+    const auto image = kptest::makeGray(6, 4, px);
+    const auto cut = CGImageCreateWithImageInRect(image, CGRectMake(4, 2, 10, 10));
+    ASSERT_TRUE(cut);
+    EXPECT_EQ(cut->width(), 2u);
+    EXPECT_EQ(cut->height(), 2u);
+    EXPECT_EQ(std::vector<uint8_t>(cut->bytes(), cut->bytes() + 4), (std::vector<uint8_t>{16, 17, 22, 23}));
+    const auto fractional = CGImageCreateWithImageInRect(image, CGRectMake(0.5, 0.5, 1, 1)); // integral: 0,0,2,2
+    ASSERT_TRUE(fractional);
+    EXPECT_EQ(fractional->width(), 2u);
+    EXPECT_FALSE(CGImageCreateWithImageInRect(image, CGRectMake(6, 0, 3, 3)));
+    EXPECT_FALSE(CGImageCreateWithImageInRect(image, CGRectNull));
+    EXPECT_FALSE(CGImageCreateWithImageInRect(nullptr, CGRectMake(0, 0, 1, 1)));
+}
+
+TEST(Bitmap, ContextsConvertEveryLayoutAtTheEdges) {
+    struct Case {
+        const char* name;
+        CGColorSpaceRef space;
+        CGBitmapInfo info;
+        std::vector<uint8_t> red; // a fully opaque pure red pixel in that layout
+    };
+    const Case cases[] = {
+        {"grey", CGColorSpaceCreateDeviceGray(), kCGImageAlphaNone, {77}},
+        {"rgb", CGColorSpaceCreateDeviceRGB(), kCGImageAlphaNone, {255, 0, 0}},
+        {"rgba", CGColorSpaceCreateDeviceRGB(), kCGImageAlphaLast, {255, 0, 0, 255}},
+        {"rgbx", CGColorSpaceCreateDeviceRGB(), kCGImageAlphaNoneSkipLast, {255, 0, 0, 255}},
+        {"argb", CGColorSpaceCreateDeviceRGB(), kCGImageAlphaPremultipliedFirst, {255, 255, 0, 0}},
+        {"bgra", CGColorSpaceCreateDeviceRGB(), kKPBitmapInfoBGRA, {0, 0, 255, 255}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const size_t bpp = c.red.size();
+        CGContextRef ctx = CGBitmapContextCreate(nullptr, 3, 2, 8, 0, c.space, c.info);
+        ASSERT_TRUE(ctx);
+        ctx->setFillColor({1, 0, 0, 1});
+        ctx->fillRect(CGRectMake(1, 0, 1, 2));
+        const auto* data = static_cast<const uint8_t*>(ctx->data());
+        EXPECT_EQ(std::vector<uint8_t>(data + bpp, data + 2 * bpp), c.red);
+        EXPECT_EQ(data[0], 0); // untouched pixels stay zero
+        // Draw that bitmap's image into a BGRA context: red again.
+        const CGImageRef image = ctx->createImage();
+        ASSERT_TRUE(image);
+        CGContextRef out = CGBitmapContextCreate(nullptr, 3, 2, 8, 0, CGColorSpaceCreateDeviceRGB(), kKPBitmapInfoBGRA);
+        out->drawImage(CGRectMake(0, 0, 3, 2), image);
+        const auto* o = static_cast<const uint8_t*>(out->data());
+        if (c.space->model() == kCGColorSpaceModelMonochrome) {
+            EXPECT_EQ(std::vector<uint8_t>(o + 4, o + 8), (std::vector<uint8_t>{77, 77, 77, 255}));
+        } else {
+            EXPECT_EQ(std::vector<uint8_t>(o + 4, o + 8), (std::vector<uint8_t>{0, 0, 255, 255}));
+        }
+    }
+}
+
+TEST(Bitmap, CallerBytesAreReadAtStartAndHoldTheDrawingAfterwards) {
+    // A straight-alpha RGBA buffer with padding: half-transparent green stays exact after a round trip.
+    std::vector<uint8_t> buffer(2 * 12, 0xEE);
+    const uint8_t pixel[4] = {0, 200, 0, 128};
+    std::memcpy(buffer.data(), pixel, 4);
+    {
+        CGContextRef ctx = CGBitmapContextCreate(buffer.data(), 2, 2, 8, 12, CGColorSpaceCreateDeviceRGB(),
+                                                 kCGImageAlphaLast);
+        ASSERT_TRUE(ctx);
+        ctx->setFillColor({0, 0, 1, 1});
+        ctx->fillRect(CGRectMake(0, 1, 2, 1));
+    }
+    EXPECT_EQ(buffer[0], 0);
+    EXPECT_NEAR(buffer[1], 200, 1);
+    EXPECT_EQ(buffer[3], 128);
+    EXPECT_EQ(std::vector<uint8_t>(buffer.begin() + 12, buffer.begin() + 16), (std::vector<uint8_t>{0, 0, 255, 255}));
+    EXPECT_EQ(buffer[8], 0xEE); // the row padding is not touched
+}
+
+TEST(Bitmap, ImageContextsScaleAndNest) {
+    UIGraphicsBeginImageContextWithOptions({10, 5}, false, 2.0);
+    UIColor::redColor().set();
+    UIGraphicsGetCurrentContext()->fillRect(CGRectMake(0, 0, 5, 5));
+    UIGraphicsBeginImageContext({0, 0}); // fails, but keeps Begin/End balanced
+    EXPECT_FALSE(UIGraphicsGetCurrentContext());
+    EXPECT_FALSE(UIGraphicsGetImageFromCurrentImageContext());
+    UIGraphicsEndImageContext();
+    const auto image = UIGraphicsGetImageFromCurrentImageContext();
+    UIGraphicsEndImageContext();
+    EXPECT_FALSE(UIGraphicsGetCurrentContext());
+    ASSERT_TRUE(image && image->CGImage());
+    EXPECT_EQ(image->CGImage()->width(), 20u);
+    EXPECT_EQ(image->scale(), 2.0);
+    EXPECT_EQ(image->size(), CGSizeMake(10, 5));
+    EXPECT_EQ(image->CGImage()->bitmapInfo(), kKPBitmapInfoBGRA);
+    const uint8_t* px = image->CGImage()->bytes();
+    EXPECT_EQ(std::vector<uint8_t>(px + 9 * 4, px + 10 * 4), (std::vector<uint8_t>{0, 0, 255, 255}));
+    EXPECT_EQ(px[10 * 4 + 3], 0); // transparent beyond the fill
+}
+
+TEST(Bitmap, OrientedImagesDrawUpright) {
+    // A 2 x 1 bitmap (black, white) stored "right": shown as 1 x 2 with black on top.
+    const auto cg = kptest::makeGray(2, 1, {0, 255});
+    const UIImage right = UIImage::imageWithCGImage(cg, 1.0, UIImageOrientationRight);
+    EXPECT_EQ(right.size(), CGSizeMake(1, 2));
+    UIGraphicsBeginImageContext(right.size());
+    right.drawAtPoint({0, 0});
+    const auto shown = UIGraphicsGetImageFromCurrentImageContext();
+    UIGraphicsEndImageContext();
+    ASSERT_TRUE(shown);
+    const uint8_t* px = shown->CGImage()->bytes();
+    const size_t row = shown->CGImage()->bytesPerRow();
+    EXPECT_EQ(px[2], 0);         // top: black
+    EXPECT_EQ(px[row + 2], 255); // bottom: white
+    const UIImage left = UIImage::imageWithCGImage(cg, 1.0, UIImageOrientationLeft);
+    UIGraphicsBeginImageContext(left.size());
+    left.drawAtPoint({0, 0});
+    const auto shownLeft = UIGraphicsGetImageFromCurrentImageContext();
+    UIGraphicsEndImageContext();
+    EXPECT_EQ(shownLeft->CGImage()->bytes()[2], 255); // turned the other way: white on top
+}

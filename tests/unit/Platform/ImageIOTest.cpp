@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: MIT
+// Image files: PNG and JPEG round trips, EXIF orientation, refusal of bad or oversized data, atomic writes.
+#include "KPImage/Platform/ImageIO.h"
+#include "KPImage/Platform/SystemLog.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <filesystem>
+#include <random>
+
+using namespace kp;
+namespace fs = std::filesystem;
+
+namespace {
+std::vector<uint8_t> randomBytes(size_t n, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::vector<uint8_t> out(n);
+    for (auto& b : out) {
+        b = static_cast<uint8_t>(rng());
+    }
+    return out;
+}
+
+std::vector<uint8_t> pixels(const UIImage& image) {
+    const auto& cg = image.CGImage();
+    return std::vector<uint8_t>(cg->bytes(), cg->bytes() + cg->byteCount());
+}
+
+fs::path scratchDir(const std::string& name) {
+    const fs::path dir = fs::temp_directory_path() / ("kpimage-test-" + name + "-" + std::to_string(::getpid()));
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    return dir;
+}
+
+void putBE32(std::vector<uint8_t>& v, uint32_t x) {
+    for (int s = 24; s >= 0; s -= 8) {
+        v.push_back(static_cast<uint8_t>(x >> s));
+    }
+}
+} // namespace
+
+TEST(ImageIO, PngRoundTripsKeepPixelValues) {
+    const auto grey = randomBytes(13 * 7, 1);
+    const auto g = UIImage::imageWithData(*UIImagePNGRepresentation(UIImage::imageWithCGImage(kptest::makeGray(13, 7, grey))));
+    ASSERT_TRUE(g);
+    EXPECT_TRUE(g->isGrayScale());
+    EXPECT_EQ(pixels(*g), grey);
+
+    const auto rgb = randomBytes(5 * 3 * 3, 2);
+    const auto c = UIImage::imageWithData(*UIImagePNGRepresentation(UIImage::imageWithCGImage(kptest::makeRGB(5, 3, rgb))));
+    ASSERT_TRUE(c);
+    EXPECT_EQ(c->CGImage()->bitsPerPixel(), 32u);
+    EXPECT_EQ(c->CGImage()->bitmapInfo(), kKPBitmapInfoRGBA);
+    for (size_t i = 0; i < 15; ++i) {
+        ASSERT_EQ(c->CGImage()->bytes()[i * 4 + 0], rgb[i * 3 + 0]);
+        ASSERT_EQ(c->CGImage()->bytes()[i * 4 + 2], rgb[i * 3 + 2]);
+        ASSERT_EQ(c->CGImage()->bytes()[i * 4 + 3], 255);
+    }
+
+    // Straight alpha, including fully transparent pixels with colour, is exact.
+    const auto rgba = randomBytes(6 * 6 * 4, 3);
+    const auto a = UIImage::imageWithData(*UIImagePNGRepresentation(UIImage::imageWithCGImage(kptest::makeRGBA(6, 6, rgba))));
+    ASSERT_TRUE(a);
+    EXPECT_EQ(pixels(*a), rgba);
+
+    // Opaque premultiplied BGRA comes back as RGBA.
+    const auto b = UIImage::imageWithData(
+        *UIImagePNGRepresentation(UIImage::imageWithCGImage(kptest::makeBGRA(1, 1, {10, 20, 30, 255}))));
+    ASSERT_TRUE(b);
+    EXPECT_EQ(pixels(*b), (std::vector<uint8_t>{30, 20, 10, 255}));
+    EXPECT_FALSE(UIImagePNGRepresentation(UIImage()));
+
+    // The bundled test photograph decodes as 512 x 512 colour.
+    const auto photo = UIImage::imageWithContentsOfFile(kptest::dataPath("astronaut.png"));
+    ASSERT_TRUE(photo);
+    EXPECT_EQ(photo->size(), CGSizeMake(512, 512));
+    EXPECT_FALSE(photo->isGrayScale());
+}
+
+TEST(ImageIO, JpegDecodesGreyAndColourAndReadsExifOrientation) {
+    const auto grey = UIImage::imageWithCGImage(kptest::makeGray(16, 8, std::vector<uint8_t>(128, 90)));
+    const auto jg = UIImageJPEGRepresentation(grey, 0.9);
+    ASSERT_TRUE(jg);
+    const auto dg = UIImage::imageWithData(*jg);
+    ASSERT_TRUE(dg);
+    EXPECT_TRUE(dg->isGrayScale());
+    EXPECT_NEAR(dg->CGImage()->bytes()[37], 90, 2);
+
+    const auto colour = UIImage::imageWithCGImage(kptest::makeRGB(16, 8, [] {
+        std::vector<uint8_t> v(16 * 8 * 3);
+        for (size_t i = 0; i < v.size(); i += 3) {
+            v[i] = 200, v[i + 1] = 40, v[i + 2] = 10;
+        }
+        return v;
+    }()));
+    auto jc = UIImageJPEGRepresentation(colour, 0.95);
+    ASSERT_TRUE(jc);
+    // Insert an APP1 EXIF block with orientation 6 (stored sideways: shown turned right).
+    std::vector<uint8_t> exif{'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8, 0, 1, 0x01, 0x12, 0, 3, 0, 0, 0, 1,
+                              0, 6, 0, 0, 0, 0, 0, 0};
+    std::vector<uint8_t> app1{0xFF, 0xE1, 0, static_cast<uint8_t>(exif.size() + 2)};
+    app1.insert(app1.end(), exif.begin(), exif.end());
+    jc->insert(jc->begin() + 2, app1.begin(), app1.end());
+    const auto dc = UIImage::imageWithData(*jc);
+    ASSERT_TRUE(dc);
+    EXPECT_EQ(dc->imageOrientation(), UIImageOrientationRight);
+    EXPECT_EQ(dc->size(), CGSizeMake(8, 16)); // points follow the orientation, the bitmap stays as stored
+    EXPECT_EQ(dc->CGImage()->width(), 16u);
+    EXPECT_NEAR(dc->CGImage()->bytes()[0], 200, 6);
+    EXPECT_EQ(dc->CGImage()->bytes()[3], 255);
+}
+
+TEST(ImageIO, BadOrOversizedDataGivesNil) {
+    const auto png = *UIImagePNGRepresentation(UIImage::imageWithCGImage(kptest::makeGray(64, 64, randomBytes(4096, 9))));
+    EXPECT_FALSE(UIImage::imageWithData(std::span(png).first(png.size() / 2)));
+    EXPECT_FALSE(UIImage::imageWithData(std::span(png).first(8)));
+    EXPECT_FALSE(UIImage::imageWithData(randomBytes(1000, 4)));
+    EXPECT_FALSE(UIImage::imageWithData({}));
+    EXPECT_FALSE(UIImage::imageWithContentsOfFile("/nonexistent/file.png"));
+    EXPECT_FALSE(UIImage::imageWithContentsOfFile(fs::temp_directory_path().string())); // a directory
+
+    // A header announcing 65536 x 65536 pixels (over the limit) is refused before any pixel is allocated.
+    std::vector<uint8_t> huge{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+    std::vector<uint8_t> ihdr{'I', 'H', 'D', 'R'};
+    putBE32(ihdr, 65536);
+    putBE32(ihdr, 65536);
+    ihdr.insert(ihdr.end(), {8, 0, 0, 0, 0});
+    putBE32(huge, 13);
+    huge.insert(huge.end(), ihdr.begin(), ihdr.end());
+    putBE32(huge, static_cast<uint32_t>(crc32(0, ihdr.data(), static_cast<uInt>(ihdr.size()))));
+    huge.insert(huge.end(), png.begin() + 33, png.end()); // the rest of a real file
+    EXPECT_FALSE(UIImage::imageWithData(huge));
+
+    // A truncated JPEG decodes what it has (libjpeg's warning), or is refused; never a crash.
+    const auto jpeg = *UIImageJPEGRepresentation(UIImage::imageWithCGImage(kptest::makeGray(64, 64, randomBytes(4096, 5))), 0.8);
+    for (size_t n : {size_t{3}, size_t{100}, jpeg.size() / 2, jpeg.size() - 2}) {
+        const auto partial = UIImage::imageWithData(std::span(jpeg).first(n));
+        if (partial) {
+            EXPECT_EQ(partial->CGImage()->width(), 64u);
+        }
+    }
+}
+
+TEST(ImageIO, AtomicWritesReplaceWholeFilesOrNothing) {
+    const fs::path dir = scratchDir("write");
+    const std::string path = (dir / "a.bin").string();
+    const std::vector<uint8_t> first(1000, 1), second(10, 2);
+    EXPECT_TRUE(writeToFile(first, path, true));
+    EXPECT_TRUE(writeToFile(second, path, true));
+    EXPECT_EQ(*dataWithContentsOfFile(path), second);
+    EXPECT_TRUE(writeToFile(first, path, false));
+    EXPECT_EQ(*dataWithContentsOfFile(path), first);
+    // A missing directory or a path under a regular file fails without leaving anything behind.
+    EXPECT_FALSE(writeToFile(first, (dir / "missing" / "b.bin").string(), true));
+    EXPECT_FALSE(writeToFile(first, path + "/c.bin", true));
+    EXPECT_FALSE(writeToFile(first, "", true));
+    EXPECT_EQ(*dataWithContentsOfFile(path), first);
+    size_t entries = 0;
+    for ([[maybe_unused]] const auto& e : fs::directory_iterator(dir)) {
+        ++entries;
+    }
+    EXPECT_EQ(entries, 1u);
+    fs::remove_all(dir);
+}
+
+TEST(SystemLog, SinkIsReplaceableAndFormatsPrintfStyle) {
+    {
+        kptest::LogCapture log;
+        NSLog("%s [Line %d] *** error: %s", "-[X y]", 42, "z");
+        EXPECT_EQ(log.lines(), std::vector<std::string>{"-[X y] [Line 42] *** error: z"});
+    }
+    // The default sink writes "date time process[pid] message" to standard error.
+    testing::internal::CaptureStderr();
+    NSLog("hello %d", 7);
+    const std::string line = testing::internal::GetCapturedStderr();
+    EXPECT_NE(line.find("[" + std::to_string(::getpid()) + "] hello 7\n"), std::string::npos) << line;
+    EXPECT_EQ(line[4], '-');
+}
