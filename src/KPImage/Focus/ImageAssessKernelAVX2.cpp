@@ -7,7 +7,6 @@
 #include <immintrin.h>
 
 #include <cstddef>
-#include <cstring>
 
 namespace kp::focus {
 
@@ -44,8 +43,7 @@ KP_AVX2 inline uint32_t laneSum(__m256i v) {
 
 // Pair sums of one chunk of a cell row (4 pixel rows from p); returns the saturation bits of its row 0 (low
 // half) and row 3 (high half).
-KP_AVX2 inline uint64_t convertChunk(const uint8_t* p, int16_t* upper, int16_t* lower, int16_t* sum4,
-                                     int16_t* alternating) {
+KP_AVX2 inline uint64_t convertChunk(const uint8_t* p, int16_t* upper, int16_t* lower, int16_t* alternating) {
     const __m256i ones8 = _mm256_set1_epi8(1);
     const __m256i below200 = _mm256_set1_epi8(72); // x - 72 has its top bit set exactly when x >= 200
     const __m256i r0 = load(p);
@@ -58,7 +56,6 @@ KP_AVX2 inline uint64_t convertChunk(const uint8_t* p, int16_t* upper, int16_t* 
     const __m256i l = _mm256_add_epi16(p2, p3);
     store(upper, u);
     store(lower, l);
-    store(sum4, _mm256_add_epi16(u, l));
     store(alternating, _mm256_add_epi16(_mm256_sub_epi16(p0, p1), _mm256_sub_epi16(p2, p3)));
     const uint32_t bits0 = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_subs_epu8(r0, below200)));
     const uint32_t bits3 = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_subs_epu8(r3, below200)));
@@ -80,7 +77,6 @@ constexpr uint64_t kValidLanes[kProbeWords] = {validLanes(0), validLanes(1), val
 
 // One converted cell row.
 struct CellRow {
-    alignas(32) int16_t sum4[kWords];        // pair sums of all four pixel rows
     alignas(32) int16_t upper[kWords];       // rows 0 + 1
     alignas(32) int16_t lower[kWords];       // rows 2 + 3
     alignas(32) int16_t alternating[kWords]; // rows 0 - 1 + 2 - 3
@@ -104,11 +100,9 @@ struct Accumulators {
 // Converts chunks m and m + 1 of the cell row whose first pixel row is `rows`.
 KP_AVX2 inline void convertPair(const uint8_t* rows, int m, CellRow& row) {
     const int k = m * kChunkWords;
-    const uint64_t first = convertChunk(rows + m * kChunkBytes, row.upper + k, row.lower + k, row.sum4 + k,
-                                        row.alternating + k);
+    const uint64_t first = convertChunk(rows + m * kChunkBytes, row.upper + k, row.lower + k, row.alternating + k);
     const uint64_t second = convertChunk(rows + (m + 1) * kChunkBytes, row.upper + k + kChunkWords,
-                                         row.lower + k + kChunkWords, row.sum4 + k + kChunkWords,
-                                         row.alternating + k + kChunkWords);
+                                         row.lower + k + kChunkWords, row.alternating + k + kChunkWords);
     row.hot0[m / 2] = (first & 0xFFFFFFFFu) | (second << 32);
     row.hot3[m / 2] = (first >> 32) | (second & 0xFFFFFFFF00000000u);
 }
@@ -121,7 +115,8 @@ KP_AVX2 inline void useChunk(const CellRow& row, int m, UpperHalf& half, bool bl
     const __m256i laneShift = _mm256_setr_epi32(31, 27, 23, 19, 15, 11, 7, 3);
     const int k = m * kChunkWords;
     // Words 2j..2j+3 of block column j: this chunk's and, two words on, the next cell's.
-    const __m256i blockSum = _mm256_add_epi16(load(row.sum4 + k), load(row.sum4 + k + 2));
+    const __m256i blockSum = _mm256_add_epi16(_mm256_add_epi16(load(row.upper + k), load(row.lower + k)),
+                                              _mm256_add_epi16(load(row.upper + k + 2), load(row.lower + k + 2)));
     const __m256i blockAlt = _mm256_add_epi16(load(row.alternating + k), load(row.alternating + k + 2));
     // Words 2j+1 and 2j+2: the centre columns.
     const __m256i centreLower = _mm256_blend_epi16(load(row.lower + k + 2), load(row.lower + k), 0xAA);
@@ -156,6 +151,10 @@ KP_AVX2 FocusSums focusSumsAVX2(const uint8_t* frame) {
     uint64_t tops[2][kProbeWords] = {};
     uint64_t bottom[kProbeWords] = {};
     for (CellRow& row : cellRows) {
+        // The look-ahead past the last chunk only feeds dropped lanes; keep what it reads defined.
+        for (int k = kChunks * kChunkWords; k < kWords; ++k) {
+            row.upper[k] = row.lower[k] = row.alternating[k] = 0;
+        }
         row.hot0[kProbeWords - 1] = 0;
         row.hot3[kProbeWords - 1] = 0;
     }
