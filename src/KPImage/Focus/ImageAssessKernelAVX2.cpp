@@ -62,18 +62,6 @@ KP_AVX2 inline uint64_t convertChunk(const uint8_t* p, int16_t* upper, int16_t* 
     return bits0 | uint64_t{bits3} << 32;
 }
 
-// Bits 4j for the block columns that exist, per probe word.
-constexpr uint64_t validLanes(int w) {
-    uint64_t bits = 0;
-    for (int t = 0; t < 64; t += kBlockStep) {
-        if ((64 * w + t) / kBlockStep < kBlockColumns) {
-            bits |= uint64_t{1} << t;
-        }
-    }
-    return bits;
-}
-constexpr uint64_t kValidLanes[kProbeWords] = {validLanes(0), validLanes(1), validLanes(2), validLanes(3), validLanes(4),
-                                               validLanes(5), validLanes(6), validLanes(7), validLanes(8), validLanes(9)};
 
 // One converted cell row.
 struct CellRow {
@@ -186,7 +174,7 @@ KP_AVX2 FocusSums focusSumsAVX2(const uint8_t* frame) {
         uint64_t good[kProbeWords] = {};
         if (blocks) {
             for (int w = 0; w + 1 < kProbeWords; ++w) {
-                good[w] = ~(prevTop[w] | bottom[w]) & kValidLanes[w];
+                good[w] = ~(prevTop[w] | bottom[w]) & kProbeLanes[w];
                 count += __builtin_popcountll(good[w]);
             }
         }

@@ -4,6 +4,7 @@
 
 #include "KPImage/Focus/ImageAssess.h"
 
+#include <array>
 #include <cstdint>
 
 namespace kp::focus {
@@ -53,6 +54,17 @@ void imageAssessWith(FocusKernel kernel, const uint8_t* frame, ImageAssessOutput
 /// kernels set it when that pixel exceeds the saturation limit. A block's probes sit in its corner cells'
 /// first and last columns (cell j spans bits 4j..4j+3) on rows 0 and 3 of its two cell rows.
 inline constexpr int kProbeWords = 10; // 576 columns and a zero word for the look-ahead
+
+/// Bits 4j of the probe words that stand for existing block columns (0..140).
+inline constexpr std::array<uint64_t, kProbeWords> kProbeLanes = [] {
+    std::array<uint64_t, kProbeWords> lanes{};
+    for (int t = 0; t < 64 * kProbeWords; t += kBlockStep) {
+        if (t / kBlockStep < kBlockColumns) {
+            lanes[t / 64] |= uint64_t{1} << (t % 64);
+        }
+    }
+    return lanes;
+}();
 
 /// Bits 4j of `top` (the cell row as a block's upper half) and `bottom` (as its lower half) are set when block
 /// column j has a saturated probe there; row0 and row3 hold the cell row's first and last pixel rows.
