@@ -12,9 +12,38 @@
 #include "KPImage/Platform/UIGraphics.h"
 #include "KPImage/Platform/UIImage.h"
 
+// Capture and dispatch.
+#include "KPImage/Platform/AVCaptureConnection.h"
+#include "KPImage/Platform/AVCaptureDevice.h"
+#include "KPImage/Platform/AVCaptureInput.h"
+#include "KPImage/Platform/AVCaptureMetadataOutput.h"
+#include "KPImage/Platform/AVCaptureOutput.h"
+#include "KPImage/Platform/AVCaptureSession.h"
+#include "KPImage/Platform/AVCaptureStillImageOutput.h"
+#include "KPImage/Platform/AVCaptureTypes.h"
+#include "KPImage/Platform/AVCaptureVideoDataOutput.h"
+#include "KPImage/Platform/CMSampleBuffer.h"
+#include "KPImage/Platform/CMTime.h"
+#include "KPImage/Platform/CVPixelBuffer.h"
+#include "KPImage/Platform/CaptureDeviceBackend.h"
+#include "KPImage/Platform/Dispatch.h"
+#include "KPImage/Platform/NSError.h"
+#include "KPImage/Platform/NSRunLoop.h"
+#include "KPImage/Platform/NSThread.h"
+#include "KPImage/Platform/NSTimer.h"
+
 // Image analysis.
 #include "KPImage/Focus/ImageAssess.h"
 #include "KPImage/UIImage+ImagingHelper.h"
 
 // Version.
 #include "KPImage/KPImage_vers.h"
+
+// Image geometry, faces, conversions and store.
+#include "KPImage/KPImageDictionary.h"
+#include "KPImage/KPImagingHelper.h"
+#include "KPImage/Platform/CIDetector.h"
+#include "KPImage/Platform/NSFileManager.h"
+#include "KPImage/Platform/NSSearchPath.h"
+#include "KPImage/Platform/NSStringDrawing.h"
+#include "KPImage/Platform/UIDevice.h"

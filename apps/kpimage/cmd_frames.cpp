@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: MIT
+// kpimage frames: runs a capture session and prints per-second frame counts and drops.
+#include "Args.h"
+#include "Command.h"
+#include "Json.h"
+
+#include <KPImage/KPImage.h>
+
+#include <atomic>
+#include <cmath>
+#include <iostream>
+
+namespace kpcli {
+namespace {
+
+/// The preset of an index: 1 Low, 2 Medium, 3 Photo, 4 640x480, 5 1280x720, 6 1920x1080, anything else High.
+inline kp::AVCaptureSessionPreset presetForIndex(int32_t index) {
+    switch (index) {
+    case 1: return kp::AVCaptureSessionPresetLow;
+    case 2: return kp::AVCaptureSessionPresetMedium;
+    case 3: return kp::AVCaptureSessionPresetPhoto;
+    case 4: return kp::AVCaptureSessionPreset640x480;
+    case 5: return kp::AVCaptureSessionPreset1280x720;
+    case 6: return kp::AVCaptureSessionPreset1920x1080;
+    default: return kp::AVCaptureSessionPresetHigh;
+    }
+}
+
+/// The first camera at the position given by --position (front, back); registers --media FILE there first.
+/// Sets error and returns nil when there is none.
+inline kp::AVCaptureDevice::Ref cameraFromArgs(const Args& a, std::string& error) {
+    const std::string name = a.value("position", "front");
+    if (name != "front" && name != "back") {
+        error = "--position must be front or back";
+        return nullptr;
+    }
+    const auto position = name == "front" ? kp::AVCaptureDevicePositionFront : kp::AVCaptureDevicePositionBack;
+    if (a.has("media")) {
+        kp::NSErrorRef e;
+        if (!kp::AVCaptureDevice::addMediaFileCamera(a.value("media"), position, &e)) {
+            error = e ? e->localizedDescription() : "cannot play " + a.value("media");
+            return nullptr;
+        }
+    }
+    for (const auto& d : kp::AVCaptureDevice::devicesWithMediaType(kp::AVMediaTypeVideo)) {
+        if (d->position() == position) {
+            return d;
+        }
+    }
+    error = "no camera at position " + name;
+    return nullptr;
+}
+
+
+// Counts frames; optionally works on each for a while, like a slow consumer.
+class Counter final : public kp::AVCaptureVideoDataOutputSampleBufferDelegate {
+public:
+    explicit Counter(double work) : _work(work) {}
+    void captureOutput(const std::shared_ptr<kp::AVCaptureOutput>&, const kp::CMSampleBufferRef&,
+                       const std::shared_ptr<kp::AVCaptureConnection>&) override {
+        kp::NSThread::sleepForTimeInterval(_work);
+    }
+
+private:
+    const double _work;
+};
+
+int frames(const std::vector<std::string>& args) {
+    Args a(args, {"position", "preset", "seconds", "pixel-format", "media", "delegate-ms"}, {});
+    if (!a.error().empty()) {
+        return fail(a.error());
+    }
+    const auto presetIndex = parseInt(a.value("preset", "0"));
+    const auto seconds = parseInt(a.value("seconds", "5"));
+    const auto delegateMs = parseNumber(a.value("delegate-ms", "0"));
+    const std::string formatName = a.value("pixel-format", "BGRA");
+    if (!presetIndex || !seconds || *seconds < 1 || *seconds > 3600 || !delegateMs || *delegateMs < 0) {
+        return fail("--preset takes an integer, --seconds 1..3600, --delegate-ms a non-negative number");
+    }
+    if (formatName != "BGRA" && formatName != "420f") {
+        return fail("--pixel-format must be BGRA or 420f");
+    }
+    std::string error;
+    auto device = cameraFromArgs(a, error);
+    if (!device) {
+        return fail(error);
+    }
+    const kp::OSType format =
+        formatName == "BGRA" ? kp::kCVPixelFormatType_32BGRA : kp::kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+
+    auto session = kp::AVCaptureSession::create();
+    session->setSessionPreset(presetForIndex(*presetIndex));
+    kp::NSErrorRef inputError;
+    auto input = kp::AVCaptureDeviceInput::deviceInputWithDevice(device, &inputError);
+    if (!input || !session->canAddInput(input)) {
+        return fail("cannot use camera " + device->uniqueID());
+    }
+    session->addInput(input);
+    auto output = kp::AVCaptureVideoDataOutput::create();
+    output->setVideoSettings({{kp::kCVPixelBufferPixelFormatTypeKey, format}});
+    output->setAlwaysDiscardsLateVideoFrames(true);
+    auto counter = std::make_shared<Counter>(*delegateMs / 1000.0);
+    auto queue = kp::dispatch_queue_create("VideoDataOutputQueue", kp::DISPATCH_QUEUE_SERIAL);
+    output->setSampleBufferDelegate(counter, queue);
+    session->addOutput(output);
+    std::string runtimeError;
+    session->setRuntimeErrorHandler([&](const kp::NSErrorRef& e) {
+        runtimeError = e->localizedDescription();
+        kp::NSRunLoop::mainRunLoop().stop();
+    });
+    session->startRunning();
+    kp::NSRunLoop::mainRunLoop().runFor(0); // deliver a start failure
+    if (!session->isRunning()) {
+        return fail(runtimeError.empty() ? "the session did not start" : runtimeError);
+    }
+    const auto stream = session->activeStream();
+
+    int second = 0;
+    kp::AVCaptureVideoDataOutput::FrameCounts last;
+    auto timer = kp::NSTimer::scheduledTimerWithTimeInterval(1.0, true, [&](kp::NSTimer&) {
+        const auto now = output->frameCounts();
+        ++second;
+        std::cout << JsonObject()
+                         .add("second", static_cast<int32_t>(second))
+                         .add("frames", now.delivered - last.delivered)
+                         .add("dropped", now.dropped - last.dropped)
+                         .add("produced", now.produced - last.produced)
+                         .str()
+                  << std::endl;
+        last = now;
+        if (second >= *seconds) {
+            kp::NSRunLoop::mainRunLoop().stop();
+        }
+    });
+    kp::NSRunLoop::mainRunLoop().run();
+    timer->invalidate();
+    session->stopRunning();
+    kp::dispatch_sync(queue, [] {});
+    if (!runtimeError.empty()) {
+        return fail(runtimeError);
+    }
+    const auto total = output->frameCounts();
+    JsonObject summary;
+    summary.add("camera", device->uniqueID())
+        .add("preset", session->sessionPreset())
+        .add("width", static_cast<int32_t>(stream ? stream->format.width : 0))
+        .add("height", static_cast<int32_t>(stream ? stream->format.height : 0))
+        .add("pixelFormat", formatName)
+        .add("seconds", static_cast<int32_t>(second))
+        .add("frames", total.delivered)
+        .add("dropped", total.dropped)
+        .add("produced", total.produced)
+        .add("fps", second > 0 ? static_cast<double>(total.delivered) / second : 0.0);
+    std::cout << summary.str() << std::endl;
+    return 0;
+}
+
+const Registration kFrames({"frames",
+                            "  kpimage frames [--position front|back] [--preset N] [--seconds S]\n"
+                            "                 [--pixel-format BGRA|420f] [--delegate-ms MS] [--media FILE]\n"
+                            "      runs a capture session for S seconds (default 5) and prints\n"
+                            "      {\"second\",\"frames\",\"dropped\",\"produced\"} each second, then a summary;\n"
+                            "      N: 0 High, 1 Low, 2 Medium, 3 Photo, 4 640x480, 5 1280x720, 6 1920x1080;\n"
+                            "      --delegate-ms makes the frame consumer take that long per frame",
+                            frames});
+
+} // namespace
+} // namespace kpcli

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: MIT
+// Pixel format conversion and scaling with libswscale.
+#include "Platform/Media/PixelConverter.h"
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/pixfmt.h>
+#include <libswscale/swscale.h>
+}
+
+#include <climits>
+
+namespace kp {
+
+PixelConverter::~PixelConverter() { sws_freeContext(_context); }
+
+CVPixelBufferRef PixelConverter::run(int srcFormat, bool srcFullRange, const uint8_t* const srcData[4],
+                                     const int srcStride[4], int srcWidth, int srcHeight, OSType dstFormat,
+                                     size_t dstWidth, size_t dstHeight) {
+    if (srcWidth <= 0 || srcHeight <= 0 || dstWidth == 0 || dstHeight == 0 || dstWidth > INT_MAX ||
+        dstHeight > INT_MAX) {
+        return nullptr;
+    }
+    CVPixelBufferRef out;
+    if (CVPixelBufferCreate(dstWidth, dstHeight, dstFormat, &out) != kCVReturnSuccess) {
+        return nullptr;
+    }
+    const bool dstNV12 = dstFormat == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    const AVPixelFormat dst = dstNV12 ? AV_PIX_FMT_NV12 : AV_PIX_FMT_BGRA;
+    _context = sws_getCachedContext(_context, srcWidth, srcHeight, static_cast<AVPixelFormat>(srcFormat),
+                                    static_cast<int>(dstWidth), static_cast<int>(dstHeight), dst, SWS_BILINEAR,
+                                    nullptr, nullptr, nullptr);
+    if (_context == nullptr) {
+        return nullptr;
+    }
+    // The '420f' format is full range; camera YUV is usually limited range.
+    const int* coefficients = sws_getCoefficients(SWS_CS_ITU601);
+    sws_setColorspaceDetails(_context, coefficients, srcFullRange ? 1 : 0, coefficients, dstNV12 ? 1 : 0, 0,
+                             1 << 16, 1 << 16);
+    uint8_t* dstData[4] = {out->bytes() + out->plane(0).offset, nullptr, nullptr, nullptr};
+    int dstStride[4] = {static_cast<int>(out->plane(0).bytesPerRow), 0, 0, 0};
+    if (dstNV12) {
+        dstData[1] = out->bytes() + out->plane(1).offset;
+        dstStride[1] = static_cast<int>(out->plane(1).bytesPerRow);
+    }
+    if (sws_scale(_context, srcData, srcStride, 0, srcHeight, dstData, dstStride) <= 0) {
+        return nullptr;
+    }
+    return out;
+}
+
+CVPixelBufferRef PixelConverter::convert(const CVPixelBufferRef& source, OSType dstFormat, size_t dstWidth,
+                                         size_t dstHeight, size_t x, size_t y, size_t w, size_t h) {
+    if (!source) {
+        return nullptr;
+    }
+    if (w == 0 || h == 0) {
+        x = 0;
+        y = 0;
+        w = source->width();
+        h = source->height();
+    }
+    if (x >= source->width() || y >= source->height() || w > source->width() - x || h > source->height() - y) {
+        return nullptr;
+    }
+    const uint8_t* base = source->bytes();
+    const uint8_t* srcData[4] = {nullptr, nullptr, nullptr, nullptr};
+    int srcStride[4] = {0, 0, 0, 0};
+    int format = 0;
+    bool full = true;
+    if (source->pixelFormat() == kCVPixelFormatType_32BGRA) {
+        const auto& p = source->plane(0);
+        srcData[0] = base + p.offset + y * p.bytesPerRow + x * 4;
+        srcStride[0] = static_cast<int>(p.bytesPerRow);
+        format = AV_PIX_FMT_BGRA;
+    } else if (source->pixelFormat() == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange) {
+        // Chroma is subsampled: keep the crop on even coordinates.
+        x &= ~size_t{1};
+        y &= ~size_t{1};
+        const auto& luma = source->plane(0);
+        const auto& chroma = source->plane(1);
+        srcData[0] = base + luma.offset + y * luma.bytesPerRow + x;
+        srcData[1] = base + chroma.offset + (y / 2) * chroma.bytesPerRow + x;
+        srcStride[0] = static_cast<int>(luma.bytesPerRow);
+        srcStride[1] = static_cast<int>(chroma.bytesPerRow);
+        format = AV_PIX_FMT_NV12;
+        full = true;
+    } else {
+        return nullptr;
+    }
+    return run(format, full, srcData, srcStride, static_cast<int>(w), static_cast<int>(h), dstFormat, dstWidth,
+               dstHeight);
+}
+
+CVPixelBufferRef PixelConverter::convertYUYV(const uint8_t* data, size_t size, size_t width, size_t height,
+                                             size_t stride, OSType dstFormat, size_t dstWidth, size_t dstHeight) {
+    const uint64_t need = static_cast<uint64_t>(stride) * height;
+    if (data == nullptr || width == 0 || height == 0 || width > kCVPixelBufferMaxDimension ||
+        height > kCVPixelBufferMaxDimension || stride < width * 2 || stride > INT_MAX || need > size) {
+        return nullptr;
+    }
+    const uint8_t* srcData[4] = {data, nullptr, nullptr, nullptr};
+    const int srcStride[4] = {static_cast<int>(stride), 0, 0, 0};
+    return run(AV_PIX_FMT_YUYV422, false, srcData, srcStride, static_cast<int>(width), static_cast<int>(height),
+               dstFormat, dstWidth, dstHeight);
+}
+
+CVPixelBufferRef PixelConverter::convertFrame(const AVFrame* frame, OSType dstFormat, size_t dstWidth,
+                                              size_t dstHeight) {
+    if (frame == nullptr || frame->width <= 0 || frame->height <= 0) {
+        return nullptr;
+    }
+    const bool full = frame->color_range == AVCOL_RANGE_JPEG || frame->format == AV_PIX_FMT_YUVJ420P ||
+                      frame->format == AV_PIX_FMT_YUVJ422P || frame->format == AV_PIX_FMT_YUVJ444P;
+    const uint8_t* srcData[4] = {frame->data[0], frame->data[1], frame->data[2], frame->data[3]};
+    const int srcStride[4] = {frame->linesize[0], frame->linesize[1], frame->linesize[2], frame->linesize[3]};
+    return run(frame->format, full, srcData, srcStride, frame->width, frame->height, dstFormat, dstWidth, dstHeight);
+}
+
+} // namespace kp

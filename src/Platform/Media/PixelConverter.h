@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+// Pixel format conversion and scaling between camera formats and pixel buffers (libswscale).
+#pragma once
+
+#include "KPImage/Platform/CVPixelBuffer.h"
+
+#include <cstdint>
+
+struct SwsContext;
+struct AVFrame;
+
+namespace kp {
+
+/// Converts frames into new pixel buffers (BGRA or '420f'), scaling as asked. Keeps its scaler between calls,
+/// so a stream reuses one converter; not for concurrent use.
+class PixelConverter {
+public:
+    PixelConverter() = default;
+    ~PixelConverter();
+    PixelConverter(const PixelConverter&) = delete;
+    PixelConverter& operator=(const PixelConverter&) = delete;
+
+    /// Source pixel layouts.
+    enum class Source { BGRA, NV12Full, YUYV, AVFrameFormat };
+
+    /// A buffer of dstWidth x dstHeight in dstFormat made from a region (x, y, w, h) of a pixel buffer; the whole
+    /// buffer when w or h is 0. Null on bad arguments or failure.
+    CVPixelBufferRef convert(const CVPixelBufferRef& source, OSType dstFormat, size_t dstWidth, size_t dstHeight,
+                             size_t x = 0, size_t y = 0, size_t w = 0, size_t h = 0);
+    /// A buffer from packed YUYV 4:2:2 (limited range) of width x height with the given stride and byte count.
+    CVPixelBufferRef convertYUYV(const uint8_t* data, size_t size, size_t width, size_t height, size_t stride,
+                                 OSType dstFormat, size_t dstWidth, size_t dstHeight);
+    /// A buffer from a decoded FFmpeg frame.
+    CVPixelBufferRef convertFrame(const AVFrame* frame, OSType dstFormat, size_t dstWidth, size_t dstHeight);
+
+private:
+    CVPixelBufferRef run(int srcFormat, bool srcFullRange, const uint8_t* const srcData[4], const int srcStride[4],
+                         int srcWidth, int srcHeight, OSType dstFormat, size_t dstWidth, size_t dstHeight);
+    SwsContext* _context = nullptr;
+};
+
+} // namespace kp

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: MIT
+// Many frames through the frame queue while the main queue reads and writes the state they share.
+#include "KPImage/Platform/AVCaptureDevice.h"
+#include "KPImage/Platform/AVCaptureInput.h"
+#include "KPImage/Platform/AVCaptureSession.h"
+#include "KPImage/Platform/AVCaptureVideoDataOutput.h"
+#include "support/FakeCaptureDevice.h"
+#include "support/ManualMainQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace kp;
+
+namespace {
+// Shares state between the frame queue (reader) and the main queue (writer) the way the capture engine does:
+// relaxed atomics, no lock.
+class SharingDelegate final : public AVCaptureVideoDataOutputSampleBufferDelegate {
+public:
+    std::atomic<double> faceWidth{0};
+    std::atomic<uint64_t> frames{0};
+    std::atomic<uint64_t> sawFace{0};
+    std::atomic<uint64_t> mainTasks{0};
+
+    void captureOutput(const std::shared_ptr<AVCaptureOutput>&, const CMSampleBufferRef& sample,
+                       const std::shared_ptr<AVCaptureConnection>&) override {
+        // Read the pixels the way a consumer does.
+        const auto pixels = CMSampleBufferGetImageBuffer(sample);
+        CVPixelBufferLockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
+        const auto* p = static_cast<const uint8_t*>(CVPixelBufferGetBaseAddress(pixels));
+        volatile uint8_t first = p != nullptr ? p[0] : 0;
+        (void)first;
+        CVPixelBufferUnlockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
+        if (faceWidth.load(std::memory_order_relaxed) == 0) {
+            // No face: ask the main queue to clear its overlay, as the engine's frame path does.
+            dispatch_async(dispatch_get_main_queue(), [this] { mainTasks.fetch_add(1, std::memory_order_relaxed); });
+        } else {
+            sawFace.fetch_add(1, std::memory_order_relaxed);
+        }
+        frames.fetch_add(1, std::memory_order_relaxed);
+    }
+};
+} // namespace
+
+TEST(FrameQueueStress, HundredThousandFramesWhileTheMainQueueSharesState) {
+    kptest::ManualMainQueue main;
+    auto fake = std::make_shared<kptest::FakeCaptureDevice>("stress");
+    fake->setFormat({8, 8});
+    auto device = std::make_shared<AVCaptureDevice>(fake, AVCaptureDevicePositionFront);
+    auto session = AVCaptureSession::create();
+    auto output = AVCaptureVideoDataOutput::create();
+    auto delegate = std::make_shared<SharingDelegate>();
+    auto queue = dispatch_queue_create("VideoDataOutputQueue", DISPATCH_QUEUE_SERIAL);
+    output->setVideoSettings({{kCVPixelBufferPixelFormatTypeKey, kCVPixelFormatType_32BGRA}});
+    output->setSampleBufferDelegate(delegate, queue);
+    session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
+    session->addOutput(output);
+    session->startRunning();
+    ASSERT_TRUE(fake->isStreaming());
+
+    constexpr int kFrames = 100000;
+    std::atomic<bool> producing{true};
+    std::thread camera([&] {
+        for (int i = 0; i < kFrames; ++i) {
+            fake->pushFrame(static_cast<uint8_t>(i));
+            if (i % 64 == 0) {
+                std::this_thread::yield(); // let the frame queue take some frames
+            }
+        }
+        producing = false;
+    });
+    // Main thread: the metadata side writes the shared state and reads the output's state.
+    uint64_t reads = 0;
+    int flips = 0;
+    while (producing.load()) {
+        main.drainOnce();
+        delegate->faceWidth.store((++flips % 2) ? 120.0 : 0.0, std::memory_order_relaxed);
+        const auto counts = output->frameCounts();
+        reads += counts.produced >= counts.delivered ? 1 : 0;
+        auto connection = output->connectionWithMediaType(AVMediaTypeVideo);
+        ASSERT_TRUE(connection);
+        EXPECT_TRUE(connection->isEnabled());
+        EXPECT_TRUE(session->isRunning());
+    }
+    camera.join();
+    session->stopRunning();
+    dispatch_sync(queue, [] {});
+    main.drain();
+
+    const auto counts = output->frameCounts();
+    EXPECT_EQ(counts.produced, static_cast<uint64_t>(kFrames));
+    EXPECT_EQ(counts.produced, counts.delivered + counts.dropped);
+    EXPECT_EQ(counts.delivered, delegate->frames.load());
+    EXPECT_GT(counts.delivered, 0U);
+    EXPECT_EQ(delegate->mainTasks.load() + delegate->sawFace.load(), delegate->frames.load());
+    EXPECT_GT(reads, 0U);
+}

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+// Imaging services used from several threads at once: the shared landmark model, the font map, the
+// device orientation and the documents-directory setting.
+#include "KPImage/Platform/NSSearchPath.h"
+#include "KPImage/Platform/UIDevice.h"
+#include "KPImage/UIImage+ImagingHelper.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+// Cairo, Fontconfig and GLib are not instrumented: their own synchronisation (atomics, futexes) is invisible to
+// ThreadSanitizer, which then reports races inside them (their freed-object pools, Pango's font-loading thread).
+extern "C" const char* __tsan_default_suppressions() {
+    return "race:libfontconfig.so\nrace:libglib-2.0.so\nrace:libcairo.so\ncalled_from_lib:libfontconfig.so.1\n";
+}
+
+namespace {
+
+TEST(ImagingConcurrency, FaceDetectionAndTextFromSeveralThreads) {
+    const auto photo = kp::UIImage::imageWithContentsOfFile(kptest::dataPath("astronaut.png"));
+    ASSERT_TRUE(photo);
+    std::vector<kp::FaceFeatures> results(2);
+    std::vector<int> drawn(2, 0);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < 2; ++i) {
+        threads.emplace_back([&, i] {
+            // Both threads ask for the landmark model before it is loaded: it must be loaded once and shared.
+            results[i] = photo->getFaceFeaturesWithAccuracy(0);
+            drawn[i] = photo->drawText("thread", kp::CGPointMake(10, 10), kp::UIColor::whiteColor(), 20) ? 1 : 0;
+        });
+    }
+    threads.emplace_back([] {
+        for (int k = 0; k < 1000; ++k) {
+            kp::UIDevice::currentDevice().setOrientation(k % 2 ? kp::UIDeviceOrientationLandscapeLeft
+                                                               : kp::UIDeviceOrientationPortrait);
+            kp::setDocumentsDirectory(k % 2 ? "/tmp/a" : "/tmp/b");
+        }
+        kp::UIDevice::currentDevice().setOrientation(kp::UIDeviceOrientationPortrait);
+    });
+    threads.emplace_back([] {
+        for (int k = 0; k < 1000; ++k) {
+            const auto o = kp::UIDevice::currentDevice().orientation();
+            EXPECT_TRUE(o == kp::UIDeviceOrientationPortrait || o == kp::UIDeviceOrientationLandscapeLeft);
+            EXPECT_EQ(kp::NSSearchPathForDirectoriesInDomains(kp::NSDocumentDirectory, kp::NSUserDomainMask, true)
+                          .size(),
+                      1u);
+        }
+    });
+    for (auto& t : threads) {
+        t.join();
+    }
+    kp::setDocumentsDirectory("");
+    EXPECT_EQ(results[0].landmarksFound, 1);
+    EXPECT_EQ(results[0].faceBounds, results[1].faceBounds);
+    EXPECT_EQ(results[0].mouthPosition, results[1].mouthPosition);
+    EXPECT_EQ(drawn, (std::vector<int>{1, 1}));
+}
+
+} // namespace

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: MIT
+// A scripted camera for tests: chosen capabilities, lock failures, start failures and frames pushed by the test.
+#pragma once
+
+#include "KPImage/Platform/CaptureDeviceBackend.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kptest {
+
+class FakeCaptureDevice final : public kp::CaptureDeviceBackend {
+public:
+    /// Every mode, range restriction, flash, torch and stabilisation.
+    static kp::CaptureCapabilities fullCapabilities();
+    /// No adjustable control at all.
+    static kp::CaptureCapabilities noCapabilities();
+
+    explicit FakeCaptureDevice(std::string uniqueID = "fake", kp::CaptureCapabilities caps = fullCapabilities());
+
+    // Script.
+    /// The next count locks fail with error (AVErrorDeviceLockedForConfigurationByAnotherProcess when null).
+    void failNextLocks(int count, kp::NSErrorRef error = nullptr);
+    void setConnected(bool connected);
+    /// The size every known preset streams (default 64 x 48); zero: no preset can be served.
+    void setFormat(kp::CaptureFormat format);
+    /// The next startStream fails with this error.
+    void failNextStart(kp::NSErrorRef error);
+    /// Hands a frame filled with the byte to the sink on the calling thread; false while not streaming.
+    bool pushFrame(uint8_t fill = 0x80);
+    /// The camera disappears: the sink hears an error, the device reports itself disconnected.
+    void vanish();
+
+    // Observations.
+    bool isStreaming() const;
+    kp::CaptureStreamRequest streamRequest() const;
+    int startCount() const;
+    int lockAttempts() const;
+    bool holdsLock() const;
+    std::vector<kp::CaptureControls> appliedControls() const;
+    int stillRequests() const;
+
+    // CaptureDeviceBackend.
+    std::string uniqueID() const override { return _uniqueID; }
+    std::string localizedName() const override { return "Fake Camera " + _uniqueID; }
+    kp::CaptureCapabilities capabilities() const override { return _caps; }
+    bool isConnected() const override;
+    kp::NSErrorRef lockConfiguration() override;
+    void unlockConfiguration() override;
+    void applyControls(const kp::CaptureControls& controls) override;
+    kp::CaptureFormat formatForPreset(const kp::AVCaptureSessionPreset& preset) const override;
+    kp::NSErrorRef startStream(const kp::CaptureStreamRequest& request,
+                               std::shared_ptr<kp::CaptureFrameSink> sink) override;
+    void stopStream() override;
+    void willCaptureStillImage() override;
+
+private:
+    const std::string _uniqueID;
+    const kp::CaptureCapabilities _caps;
+    mutable std::mutex _mutex;
+    bool _connected = true;
+    kp::CaptureFormat _format{64, 48};
+    int _failLocks = 0;
+    kp::NSErrorRef _lockError;
+    kp::NSErrorRef _startError;
+    int _lockAttempts = 0;
+    bool _locked = false;
+    int _starts = 0;
+    int _stills = 0;
+    std::vector<kp::CaptureControls> _applied;
+    std::shared_ptr<kp::CaptureFrameSink> _sink;
+    kp::CaptureStreamRequest _request;
+};
+
+} // namespace kptest

@@ -1,0 +1,391 @@
+// SPDX-License-Identifier: MIT
+// A fake V4L2 kernel for tests.
+#include "support/FakeV4L2.h"
+
+#include <linux/videodev2.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstring>
+
+namespace kptest {
+
+namespace {
+constexpr size_t kPage = 4096;
+
+int fail(int error) {
+    errno = error;
+    return -1;
+}
+} // namespace
+
+void FakeV4L2::addNode(const Node& node) {
+    std::lock_guard lock(_mutex);
+    State s;
+    s.node = node;
+    if (s.node.capabilities == 0) {
+        s.node.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+    }
+    for (const auto& [id, range] : node.controls) {
+        s.values[id] = range.defaultValue;
+    }
+    _nodes[node.path] = std::move(s);
+}
+
+void FakeV4L2::pushFrame(const std::string& path, std::vector<uint8_t> bytes) {
+    {
+        std::lock_guard lock(_mutex);
+        _nodes.at(path).frames.push_back(std::move(bytes));
+    }
+    _changed.notify_all();
+}
+
+void FakeV4L2::vanish(const std::string& path) {
+    {
+        std::lock_guard lock(_mutex);
+        _nodes.at(path).gone = true;
+    }
+    _changed.notify_all();
+}
+
+void FakeV4L2::holdLockElsewhere(const std::string& path, bool held) {
+    std::lock_guard lock(_mutex);
+    _nodes.at(path).lockedElsewhere = held;
+}
+
+int32_t FakeV4L2::control(const std::string& path, uint32_t id) const {
+    std::lock_guard lock(_mutex);
+    const auto& s = _nodes.at(path);
+    for (auto it = s.log.rbegin(); it != s.log.rend(); ++it) {
+        if (it->first == id) {
+            return it->second;
+        }
+    }
+    return INT32_MIN;
+}
+
+std::vector<std::pair<uint32_t, int32_t>> FakeV4L2::controlLog(const std::string& path) const {
+    std::lock_guard lock(_mutex);
+    return _nodes.at(path).log;
+}
+
+FakeV4L2::FrameSize FakeV4L2::lastFormat(const std::string& path) const {
+    std::lock_guard lock(_mutex);
+    return _nodes.at(path).format;
+}
+
+bool FakeV4L2::isStreaming(const std::string& path) const {
+    std::lock_guard lock(_mutex);
+    return _nodes.at(path).streaming;
+}
+
+int FakeV4L2::openDescriptors() const {
+    std::lock_guard lock(_mutex);
+    return static_cast<int>(_fds.size());
+}
+
+size_t FakeV4L2::mappedBuffers() const {
+    std::lock_guard lock(_mutex);
+    size_t n = 0;
+    for (const auto& [path, s] : _nodes) {
+        n += s.mapped;
+    }
+    return n;
+}
+
+FakeV4L2::State* FakeV4L2::stateFor(int fd) {
+    auto it = _fds.find(fd);
+    if (it == _fds.end()) {
+        return nullptr;
+    }
+    return &_nodes.at(it->second);
+}
+
+int FakeV4L2::open(const std::string& path) {
+    std::lock_guard lock(_mutex);
+    auto it = _nodes.find(path);
+    if (it == _nodes.end() || it->second.gone) {
+        return fail(ENOENT);
+    }
+    const int fd = _nextFd++;
+    _fds[fd] = path;
+    return fd;
+}
+
+int FakeV4L2::close(int fd) {
+    std::lock_guard lock(_mutex);
+    if (State* s = stateFor(fd); s != nullptr && s->lockHolder == fd) {
+        s->lockHolder = -1;
+    }
+    return _fds.erase(fd) == 1 ? 0 : fail(EBADF);
+}
+
+bool FakeV4L2::frameReady(const State& s) const {
+    return s.streaming && !s.frames.empty() && std::find(s.queued.begin(), s.queued.end(), true) != s.queued.end();
+}
+
+int FakeV4L2::ioctl(int fd, unsigned long request, void* arg) {
+    std::lock_guard lock(_mutex);
+    State* s = stateFor(fd);
+    if (s == nullptr) {
+        return fail(EBADF);
+    }
+    if (s->gone) {
+        return fail(ENODEV);
+    }
+    return handle(*s, fd, request, arg);
+}
+
+int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
+    switch (request) {
+    case VIDIOC_QUERYCAP: {
+        auto* cap = static_cast<v4l2_capability*>(arg);
+        *cap = {};
+        std::strncpy(reinterpret_cast<char*>(cap->card), s.node.card.c_str(), sizeof cap->card - 1);
+        cap->capabilities = s.node.capabilities | V4L2_CAP_DEVICE_CAPS;
+        cap->device_caps = s.node.capabilities;
+        return 0;
+    }
+    case VIDIOC_ENUM_FMT: {
+        auto* desc = static_cast<v4l2_fmtdesc*>(arg);
+        std::vector<uint32_t> formats;
+        for (const auto& size : s.node.sizes) {
+            if (std::find(formats.begin(), formats.end(), size.fourcc) == formats.end()) {
+                formats.push_back(size.fourcc);
+            }
+        }
+        if (desc->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || desc->index >= formats.size()) {
+            return fail(EINVAL);
+        }
+        desc->pixelformat = formats[desc->index];
+        return 0;
+    }
+    case VIDIOC_ENUM_FRAMESIZES: {
+        auto* e = static_cast<v4l2_frmsizeenum*>(arg);
+        uint32_t n = 0;
+        for (const auto& size : s.node.sizes) {
+            if (size.fourcc == e->pixel_format && n++ == e->index) {
+                e->type = V4L2_FRMSIZE_TYPE_DISCRETE;
+                e->discrete.width = size.width;
+                e->discrete.height = size.height;
+                return 0;
+            }
+        }
+        return fail(EINVAL);
+    }
+    case VIDIOC_QUERYCTRL: {
+        auto* q = static_cast<v4l2_queryctrl*>(arg);
+        auto it = s.node.controls.find(q->id);
+        if (it == s.node.controls.end()) {
+            return fail(EINVAL);
+        }
+        q->minimum = it->second.minimum;
+        q->maximum = it->second.maximum;
+        q->default_value = it->second.defaultValue;
+        q->flags = 0;
+        return 0;
+    }
+    case VIDIOC_S_CTRL: {
+        auto* c = static_cast<v4l2_control*>(arg);
+        auto it = s.node.controls.find(c->id);
+        if (it == s.node.controls.end()) {
+            return fail(EINVAL);
+        }
+        if (c->value < it->second.minimum || c->value > it->second.maximum) {
+            return fail(ERANGE);
+        }
+        s.values[c->id] = c->value;
+        s.log.emplace_back(c->id, c->value);
+        return 0;
+    }
+    case VIDIOC_G_CTRL: {
+        auto* c = static_cast<v4l2_control*>(arg);
+        auto it = s.values.find(c->id);
+        if (it == s.values.end()) {
+            return fail(EINVAL);
+        }
+        c->value = it->second;
+        return 0;
+    }
+    case VIDIOC_S_FMT: {
+        auto* f = static_cast<v4l2_format*>(arg);
+        if (s.streaming) {
+            return fail(EBUSY);
+        }
+        // Like a driver: an unknown size becomes the first size of that format (or of any format).
+        const FrameSize* chosen = nullptr;
+        for (const auto& size : s.node.sizes) {
+            if (size.fourcc == f->fmt.pix.pixelformat && size.width == f->fmt.pix.width &&
+                size.height == f->fmt.pix.height) {
+                chosen = &size;
+            }
+        }
+        for (const auto& size : s.node.sizes) {
+            if (chosen == nullptr && size.fourcc == f->fmt.pix.pixelformat) {
+                chosen = &size;
+            }
+        }
+        if (chosen == nullptr) {
+            chosen = &s.node.sizes.front();
+        }
+        s.format = *chosen;
+        f->fmt.pix.width = chosen->width;
+        f->fmt.pix.height = chosen->height;
+        f->fmt.pix.pixelformat = chosen->fourcc;
+        f->fmt.pix.bytesperline = chosen->fourcc == V4L2_PIX_FMT_YUYV ? chosen->width * 2 : 0;
+        f->fmt.pix.sizeimage = chosen->width * chosen->height * 2;
+        return 0;
+    }
+    case VIDIOC_REQBUFS: {
+        auto* r = static_cast<v4l2_requestbuffers*>(arg);
+        if (s.streaming && r->count > 0) {
+            return fail(EBUSY);
+        }
+        if (r->count > 0 && s.mapped > 0) {
+            return fail(EBUSY);
+        }
+        s.buffers.assign(r->count, std::vector<uint8_t>(static_cast<size_t>(s.format.width) * s.format.height * 2));
+        s.queued.assign(r->count, false);
+        s.used.assign(r->count, 0);
+        return 0;
+    }
+    case VIDIOC_QUERYBUF: {
+        auto* b = static_cast<v4l2_buffer*>(arg);
+        if (b->index >= s.buffers.size()) {
+            return fail(EINVAL);
+        }
+        b->length = static_cast<uint32_t>(s.buffers[b->index].size());
+        b->m.offset = b->index * kPage;
+        return 0;
+    }
+    case VIDIOC_QBUF: {
+        auto* b = static_cast<v4l2_buffer*>(arg);
+        if (b->index >= s.buffers.size() || s.queued[b->index]) {
+            return fail(EINVAL);
+        }
+        s.queued[b->index] = true;
+        _changed.notify_all();
+        return 0;
+    }
+    case VIDIOC_DQBUF: {
+        auto* b = static_cast<v4l2_buffer*>(arg);
+        if (!frameReady(s)) {
+            return fail(EAGAIN);
+        }
+        const auto index = static_cast<uint32_t>(std::find(s.queued.begin(), s.queued.end(), true) - s.queued.begin());
+        auto frame = std::move(s.frames.front());
+        s.frames.pop_front();
+        const size_t n = std::min(frame.size(), s.buffers[index].size());
+        std::memcpy(s.buffers[index].data(), frame.data(), n);
+        s.queued[index] = false;
+        b->index = index;
+        b->bytesused = static_cast<uint32_t>(n);
+        b->flags = 0;
+        return 0;
+    }
+    case VIDIOC_STREAMON:
+        s.streaming = true;
+        _changed.notify_all();
+        return 0;
+    case VIDIOC_STREAMOFF:
+        s.streaming = false;
+        std::fill(s.queued.begin(), s.queued.end(), false);
+        return 0;
+    default:
+        return fail(ENOTTY);
+    }
+}
+
+void* FakeV4L2::mmap(int fd, size_t length, off_t offset) {
+    std::lock_guard lock(_mutex);
+    State* s = stateFor(fd);
+    if (s == nullptr || s->gone) {
+        errno = ENODEV;
+        return MAP_FAILED;
+    }
+    const size_t index = static_cast<size_t>(offset) / kPage;
+    if (index >= s->buffers.size() || length > s->buffers[index].size()) {
+        errno = EINVAL;
+        return MAP_FAILED;
+    }
+    ++s->mapped;
+    return s->buffers[index].data();
+}
+
+int FakeV4L2::munmap(void* address, size_t /*length*/) {
+    std::lock_guard lock(_mutex);
+    for (auto& [path, s] : _nodes) {
+        for (auto& b : s.buffers) {
+            if (b.data() == address && s.mapped > 0) {
+                --s.mapped;
+                return 0;
+            }
+        }
+    }
+    return fail(EINVAL);
+}
+
+int FakeV4L2::poll(int fd, int timeoutMs, bool* hangup) {
+    std::unique_lock lock(_mutex);
+    if (hangup != nullptr) {
+        *hangup = false;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        State* s = stateFor(fd);
+        if (s == nullptr) {
+            return fail(EBADF);
+        }
+        if (s->gone) {
+            if (hangup != nullptr) {
+                *hangup = true;
+            }
+            return 1;
+        }
+        if (frameReady(*s)) {
+            return 1;
+        }
+        if (_changed.wait_until(lock, deadline) == std::cv_status::timeout) {
+            return 0;
+        }
+    }
+}
+
+int FakeV4L2::flock(int fd, int operation) {
+    std::lock_guard lock(_mutex);
+    State* s = stateFor(fd);
+    if (s == nullptr) {
+        return fail(EBADF);
+    }
+    if ((operation & LOCK_UN) != 0) {
+        if (s->lockHolder == fd) {
+            s->lockHolder = -1;
+        }
+        return 0;
+    }
+    if (s->gone) {
+        return fail(ENODEV);
+    }
+    if (s->lockedElsewhere || (s->lockHolder != -1 && s->lockHolder != fd)) {
+        return fail(EWOULDBLOCK);
+    }
+    s->lockHolder = fd;
+    return 0;
+}
+
+std::vector<std::string> FakeV4L2::listNodes(const std::string& directory) {
+    std::lock_guard lock(_mutex);
+    std::vector<std::string> out;
+    for (const auto& [path, s] : _nodes) {
+        if (!s.gone && path.rfind(directory + "/", 0) == 0) {
+            out.push_back(path);
+        }
+    }
+    return out;
+}
+
+} // namespace kptest

@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: MIT
+// The PNG image store: round trips, replacement, wildcard deletion, links and unusable directories.
+#include "KPImage/KPImageDictionary.h"
+
+#include "KPImage/Platform/NSSearchPath.h"
+#include "support/PixelProbe.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+namespace {
+
+namespace fs = std::filesystem;
+using kp::KPImageDictionary;
+
+class KPImageDictionaryTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        _root = fs::temp_directory_path() / ("kpimage-store-" + std::to_string(getpid()) + "-" +
+                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(_root);
+        _docs = _root / "Documents";
+        fs::create_directories(_docs);
+        kp::setDocumentsDirectory(_docs.string());
+    }
+    void TearDown() override {
+        kp::setDocumentsDirectory("");
+        fs::remove_all(_root);
+    }
+    void touch(const fs::path& path, const std::string& text = "x") { std::ofstream(path) << text; }
+    std::set<std::string> entries() const {
+        std::set<std::string> names;
+        for (const auto& e : fs::directory_iterator(_docs)) {
+            names.insert(e.path().filename().string());
+        }
+        return names;
+    }
+
+    fs::path _root;
+    fs::path _docs;
+};
+
+std::vector<uint8_t> pattern(size_t count, unsigned seed) {
+    std::vector<uint8_t> bytes(count);
+    for (size_t i = 0; i < count; ++i) {
+        bytes[i] = static_cast<uint8_t>((i * 37 + seed * 11 + (i >> 3)) & 255);
+    }
+    return bytes;
+}
+
+// Every pixel of b equals a's, compared as straight RGBA values.
+void expectSamePixels(const kp::CGImageRef& a, const kp::CGImageRef& b) {
+    ASSERT_TRUE(a && b);
+    ASSERT_EQ(a->width(), b->width());
+    ASSERT_EQ(a->height(), b->height());
+    for (size_t y = 0; y < a->height(); ++y) {
+        for (size_t x = 0; x < a->width(); ++x) {
+            ASSERT_EQ(*kptest::pixelAt(a, x, y), *kptest::pixelAt(b, x, y)) << x << "," << y;
+        }
+    }
+}
+
+TEST_F(KPImageDictionaryTest, RoundTripsGreyRgbAndRgba) {
+    const kp::CGImageRef grey = kptest::makeGray(7, 5, pattern(7 * 5, 1));
+    // Padded rows must not leak into the file.
+    const kp::CGImageRef rgb = kptest::makeRGB(6, 4, pattern(24 * 4, 2), 24);
+    std::vector<uint8_t> rgbaBytes = pattern(5 * 3 * 4, 3);
+    rgbaBytes[3] = 0;
+    rgbaBytes[7] = 1;
+    rgbaBytes[11] = 128; // straight alpha, any value, survives
+    const kp::CGImageRef rgba = kptest::makeRGBA(5, 3, rgbaBytes);
+    ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(grey, "grey"));
+    ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(rgb, "rgb"));
+    ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(rgba, "rgba"));
+    EXPECT_EQ(entries(), (std::set<std::string>{"grey.png", "rgb.png", "rgba.png"}));
+
+    const auto greyBack = KPImageDictionary::loadImageWithFileName("grey");
+    ASSERT_TRUE(greyBack);
+    EXPECT_TRUE(greyBack->isGrayScale());
+    EXPECT_EQ(greyBack->scale(), 1.0);
+    expectSamePixels(grey, greyBack->CGImage());
+    for (const auto& [name, original] : {std::pair{"rgb", rgb}, std::pair{"rgba", rgba}}) {
+        SCOPED_TRACE(name);
+        const auto back = KPImageDictionary::loadImageWithFileName(name);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(kp::CGImageGetBitsPerPixel(back->CGImage()), 32u);
+        expectSamePixels(original, back->CGImage());
+    }
+}
+
+TEST_F(KPImageDictionaryTest, SavingAgainReplacesAndLeavesNoTemporaryFiles) {
+    const kp::CGImageRef first = kptest::makeGray(4, 4, std::vector<uint8_t>(16, 10));
+    const kp::CGImageRef second = kptest::makeGray(8, 2, std::vector<uint8_t>(16, 200));
+    ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(first, "card"));
+    ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(second, "card"));
+    expectSamePixels(second, KPImageDictionary::loadImageWithFileName("card")->CGImage());
+    EXPECT_EQ(entries(), (std::set<std::string>{"card.png"}));
+    EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("never-saved"));
+
+    // A failed save (no bitmap: no PNG) leaves the stored picture alone.
+    EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(nullptr, "card"));
+    expectSamePixels(second, KPImageDictionary::loadImageWithFileName("card")->CGImage());
+
+    // Names are used as they are: "/" reaches into an existing subdirectory only.
+    fs::create_directory(_docs / "sub");
+    EXPECT_TRUE(KPImageDictionary::saveImageAsPNG(first, "sub/inner"));
+    EXPECT_TRUE(fs::exists(_docs / "sub" / "inner.png"));
+    EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(first, "missing/inner"));
+    // A file that is not a picture loads as nil.
+    touch(_docs / "text.png", "not a png");
+    EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("text"));
+}
+
+TEST_F(KPImageDictionaryTest, WildcardDeletion) {
+    const auto populate = [&] {
+        for (const char* name : {"a.png", "b.png", "c.jpg", "d", "E.PNG", "a.*", "x.tar.png"}) {
+            touch(_docs / name);
+        }
+        fs::create_directories(_docs / "folder.png" / "deep");
+        touch(_docs / "folder.png" / "deep" / "f.txt");
+    };
+    populate();
+    KPImageDictionary::deleteImageWithFileName("*", "png");
+    EXPECT_EQ(entries(), (std::set<std::string>{"c.jpg", "d", "E.PNG", "a.*"}));
+
+    KPImageDictionary::deleteImageWithFileName("*", "");
+    EXPECT_EQ(entries(), (std::set<std::string>{"c.jpg", "E.PNG", "a.*"}));
+
+    // A name with "*" as extension means the file literally called a.*; "*" is not special there.
+    touch(_docs / "a.png");
+    KPImageDictionary::deleteImageWithFileName("a", "*");
+    EXPECT_EQ(entries(), (std::set<std::string>{"c.jpg", "E.PNG", "a.png"}));
+    KPImageDictionary::deleteImageWithFileName("a", "png");
+    EXPECT_EQ(entries(), (std::set<std::string>{"c.jpg", "E.PNG"}));
+    KPImageDictionary::deleteImageWithFileName("a", "png"); // already gone: ignored
+
+    populate();
+    KPImageDictionary::deleteImageWithFileName("*", "*");
+    EXPECT_TRUE(entries().empty());
+    EXPECT_TRUE(fs::exists(_docs));
+}
+
+TEST_F(KPImageDictionaryTest, DeletionRemovesLinksNeverTheirTargets) {
+    const fs::path outside = _root / "outside";
+    fs::create_directories(outside / "keep.png");
+    touch(outside / "keep.png" / "precious.png");
+    touch(outside / "target.png");
+    fs::create_directory_symlink(outside / "keep.png", _docs / "dirlink.png");
+    fs::create_symlink(outside / "target.png", _docs / "filelink.png");
+    fs::create_symlink(_root / "dangling", _docs / "dangling.png");
+    fs::create_directory(_docs / "inner");
+    fs::create_directory_symlink(outside, _docs / "inner" / "escape");
+
+    KPImageDictionary::deleteImageWithFileName("*", "png");
+    EXPECT_EQ(entries(), (std::set<std::string>{"inner"}));
+    KPImageDictionary::deleteImageWithFileName("*", "*"); // removes inner with the link inside it
+    EXPECT_TRUE(entries().empty());
+    EXPECT_TRUE(fs::exists(outside / "keep.png" / "precious.png"));
+    EXPECT_TRUE(fs::exists(outside / "target.png"));
+
+    // The single-name form removes a link itself too.
+    fs::create_symlink(outside / "target.png", _docs / "one.png");
+    KPImageDictionary::deleteImageWithFileName("one", "png");
+    EXPECT_FALSE(fs::exists(fs::symlink_status(_docs / "one.png")));
+    EXPECT_TRUE(fs::exists(outside / "target.png"));
+}
+
+TEST_F(KPImageDictionaryTest, UnusableDirectoryGivesNoAndNil) {
+    const kp::CGImageRef image = kptest::makeGray(4, 4, std::vector<uint8_t>(16, 7));
+    ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(image, "kept"));
+    // Unwritable even for root: a directory path whose parent is a regular file.
+    touch(_root / "plainfile", "stays");
+    kp::setDocumentsDirectory((_root / "plainfile" / "Documents").string());
+    EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(image, "x"));
+    EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("x"));
+    KPImageDictionary::deleteImageWithFileName("*", "*");
+    KPImageDictionary::deleteImageWithFileName("x", "png");
+    // Missing directory.
+    kp::setDocumentsDirectory((_root / "missing").string());
+    EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(image, "x"));
+    EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("kept"));
+    KPImageDictionary::deleteImageWithFileName("*", "*");
+    EXPECT_FALSE(fs::exists(_root / "missing"));
+    // Nothing was disturbed.
+    std::ifstream in(_root / "plainfile");
+    std::string text;
+    in >> text;
+    EXPECT_EQ(text, "stays");
+    kp::setDocumentsDirectory(_docs.string());
+    expectSamePixels(image, KPImageDictionary::loadImageWithFileName("kept")->CGImage());
+    EXPECT_EQ(entries(), (std::set<std::string>{"kept.png"}));
+}
+
+} // namespace

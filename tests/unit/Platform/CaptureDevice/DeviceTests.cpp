@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: MIT
+// Capture devices: enumeration and positions, the configuration lock, controls and their support.
+#include "KPImage/Platform/AVCaptureDevice.h"
+#include "support/FakeCaptureDevice.h"
+
+#include <gtest/gtest.h>
+
+using namespace kp;
+using kptest::FakeCaptureDevice;
+
+namespace {
+// Only the cameras a test adds (plus sample cameras when asked), whatever the machine has.
+struct Discovery {
+    explicit Discovery(bool samples) { AVCaptureDevice::setDiscovery({false, "/dev", samples}); }
+    ~Discovery() { AVCaptureDevice::setDiscovery({}); }
+};
+} // namespace
+
+TEST(CaptureDevice, EnumerationOrderPositionsAndIdentity) {
+    Discovery only(true);
+    auto fake = std::make_shared<FakeCaptureDevice>("added");
+    auto added = AVCaptureDevice::addDevice(fake, AVCaptureDevicePositionBack);
+    auto all = AVCaptureDevice::devices();
+    ASSERT_EQ(all.size(), 3U);
+    EXPECT_EQ(all[0], added) << "added devices come first";
+    EXPECT_EQ(all[1]->position(), AVCaptureDevicePositionFront);
+    EXPECT_EQ(all[2]->position(), AVCaptureDevicePositionBack);
+    EXPECT_EQ(all[1]->uniqueID(), "sample:front");
+    EXPECT_EQ(AVCaptureDevice::devices()[1], all[1]) << "the same camera is the same object";
+    EXPECT_EQ(AVCaptureDevice::devicesWithMediaType(AVMediaTypeVideo).size(), 3U);
+    EXPECT_TRUE(AVCaptureDevice::devicesWithMediaType(AVMediaTypeAudio).empty());
+    EXPECT_EQ(AVCaptureDevice::defaultDeviceWithMediaType(AVMediaTypeVideo), added);
+    EXPECT_EQ(AVCaptureDevice::deviceWithUniqueID("sample:back"), all[2]);
+    EXPECT_TRUE(all[2]->hasMediaType(AVMediaTypeVideo));
+    EXPECT_FALSE(all[2]->hasMediaType(AVMediaTypeMetadata));
+    // The sample back camera has flash and torch; the front one has neither.
+    EXPECT_TRUE(all[2]->hasTorch());
+    EXPECT_TRUE(all[2]->hasFlash());
+    EXPECT_FALSE(all[1]->hasTorch());
+    EXPECT_FALSE(all[1]->hasFlash());
+
+    AVCaptureDevice::removeDevice(added);
+    EXPECT_EQ(AVCaptureDevice::devices().size(), 2U);
+    EXPECT_FALSE(added->isConnected());
+    EXPECT_FALSE(added->lockForConfiguration());
+}
+
+TEST(CaptureDevice, LockIsNeededForChangesAndFailsWhenAnotherHolderHasIt) {
+    auto fake = std::make_shared<FakeCaptureDevice>();
+    AVCaptureDevice device(fake, AVCaptureDevicePositionFront);
+
+    // Without the lock, setters change nothing.
+    device.setFocusMode(AVCaptureFocusModeLocked);
+    EXPECT_EQ(device.focusMode(), AVCaptureFocusModeContinuousAutoFocus);
+    EXPECT_TRUE(fake->appliedControls().empty());
+
+    fake->failNextLocks(1);
+    NSErrorRef error;
+    EXPECT_FALSE(device.lockForConfiguration(&error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), AVFoundationErrorDomain);
+    EXPECT_EQ(error->code(), AVErrorDeviceLockedForConfigurationByAnotherProcess);
+    EXPECT_FALSE(device.isLockedForConfiguration());
+
+    ASSERT_TRUE(device.lockForConfiguration(&error));
+    EXPECT_FALSE(error) << "success clears the error";
+    EXPECT_TRUE(device.lockForConfiguration()) << "the lock nests within the process";
+    EXPECT_EQ(fake->lockAttempts(), 2) << "nesting does not ask the camera again";
+    device.setAutoFocusRangeRestriction(AVCaptureAutoFocusRangeRestrictionNear);
+    device.setFocusMode(AVCaptureFocusModeAutoFocus);
+    device.setWhiteBalanceMode(AVCaptureWhiteBalanceModeContinuousAutoWhiteBalance);
+    device.setExposureMode(AVCaptureExposureModeContinuousAutoExposure);
+    device.setFlashMode(AVCaptureFlashModeAuto);
+    device.setFlashMode(static_cast<AVCaptureFlashMode>(7)); // not a mode: ignored
+    device.setAutoFocusRangeRestriction(static_cast<AVCaptureAutoFocusRangeRestriction>(3));
+    device.unlockForConfiguration();
+    EXPECT_TRUE(fake->holdsLock());
+    device.unlockForConfiguration();
+    EXPECT_FALSE(fake->holdsLock());
+    device.unlockForConfiguration(); // one too many: ignored
+
+    EXPECT_EQ(device.focusMode(), AVCaptureFocusModeAutoFocus);
+    EXPECT_EQ(device.autoFocusRangeRestriction(), AVCaptureAutoFocusRangeRestrictionNear);
+    EXPECT_EQ(device.flashMode(), AVCaptureFlashModeAuto);
+    const auto applied = fake->appliedControls();
+    ASSERT_EQ(applied.size(), 5U) << "every accepted change reaches the camera, nothing else";
+    EXPECT_EQ(applied.back().flashMode, AVCaptureFlashModeAuto);
+    EXPECT_EQ(applied[1].autoFocusRangeRestriction, AVCaptureAutoFocusRangeRestrictionNear);
+}
+
+TEST(CaptureDevice, TorchLevelsAndMissingCapabilities) {
+    auto fake = std::make_shared<FakeCaptureDevice>();
+    AVCaptureDevice device(fake, AVCaptureDevicePositionBack);
+    NSErrorRef error;
+    EXPECT_FALSE(device.setTorchModeOnWithLevel(0.5F, &error)) << "needs the lock";
+    EXPECT_TRUE(error);
+    ASSERT_TRUE(device.lockForConfiguration());
+    for (float bad : {0.0F, -1.0F, 1.0001F, std::numeric_limits<float>::quiet_NaN()}) {
+        EXPECT_FALSE(device.setTorchModeOnWithLevel(bad, &error)) << bad;
+        EXPECT_TRUE(error);
+    }
+    EXPECT_EQ(device.torchMode(), AVCaptureTorchModeOff);
+    EXPECT_TRUE(device.setTorchModeOnWithLevel(AVCaptureMaxAvailableTorchLevel, &error));
+    EXPECT_FALSE(error);
+    EXPECT_EQ(device.torchMode(), AVCaptureTorchModeOn);
+    EXPECT_FLOAT_EQ(device.torchLevel(), 1.0F);
+    device.setTorchMode(AVCaptureTorchModeOff);
+    EXPECT_FLOAT_EQ(device.torchLevel(), 0.0F);
+    device.unlockForConfiguration();
+
+    auto bare = std::make_shared<FakeCaptureDevice>("bare", FakeCaptureDevice::noCapabilities());
+    AVCaptureDevice plain(bare, AVCaptureDevicePositionFront);
+    EXPECT_FALSE(plain.hasFlash());
+    EXPECT_FALSE(plain.hasTorch());
+    EXPECT_FALSE(plain.isFocusModeSupported(AVCaptureFocusModeAutoFocus));
+    EXPECT_FALSE(plain.isAutoFocusRangeRestrictionSupported());
+    EXPECT_FALSE(plain.isWhiteBalanceModeSupported(AVCaptureWhiteBalanceModeContinuousAutoWhiteBalance));
+    ASSERT_TRUE(plain.lockForConfiguration());
+    plain.setFocusMode(AVCaptureFocusModeAutoFocus);
+    plain.setAutoFocusRangeRestriction(AVCaptureAutoFocusRangeRestrictionFar);
+    plain.setFlashMode(AVCaptureFlashModeOn);
+    EXPECT_FALSE(plain.setTorchModeOnWithLevel(0.5F));
+    plain.unlockForConfiguration();
+    EXPECT_EQ(plain.flashMode(), AVCaptureFlashModeOff);
+    EXPECT_EQ(plain.autoFocusRangeRestriction(), AVCaptureAutoFocusRangeRestrictionNone);
+    EXPECT_TRUE(bare->appliedControls().empty());
+}

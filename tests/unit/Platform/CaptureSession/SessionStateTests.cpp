@@ -1,0 +1,238 @@
+// SPDX-License-Identifier: MIT
+// The capture session as a state machine: every operation in every state has its documented result.
+#include "KPImage/Platform/AVCaptureDevice.h"
+#include "KPImage/Platform/AVCaptureInput.h"
+#include "KPImage/Platform/AVCaptureMetadataOutput.h"
+#include "KPImage/Platform/AVCaptureSession.h"
+#include "KPImage/Platform/AVCaptureStillImageOutput.h"
+#include "KPImage/Platform/AVCaptureVideoDataOutput.h"
+#include "support/FakeCaptureDevice.h"
+#include "support/ManualMainQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+using namespace kp;
+using kptest::FakeCaptureDevice;
+
+namespace {
+
+enum class State { NotRunning, Running, Reconfiguring };
+
+struct World {
+    std::shared_ptr<FakeCaptureDevice> camera = std::make_shared<FakeCaptureDevice>("cam-a");
+    std::shared_ptr<FakeCaptureDevice> other = std::make_shared<FakeCaptureDevice>("cam-b");
+    AVCaptureDevice::Ref device = std::make_shared<AVCaptureDevice>(camera, AVCaptureDevicePositionFront);
+    AVCaptureDevice::Ref otherDevice = std::make_shared<AVCaptureDevice>(other, AVCaptureDevicePositionBack);
+    std::shared_ptr<AVCaptureSession> session = AVCaptureSession::create();
+    std::shared_ptr<AVCaptureDeviceInput> input = AVCaptureDeviceInput::deviceInputWithDevice(device);
+    std::shared_ptr<AVCaptureVideoDataOutput> frames = AVCaptureVideoDataOutput::create();
+
+    World(State run, bool withInput) {
+        session->addOutput(frames);
+        if (withInput) {
+            session->addInput(input);
+        }
+        if (run != State::NotRunning) {
+            session->startRunning();
+        }
+        if (run == State::Reconfiguring) {
+            session->beginConfiguration();
+        }
+    }
+};
+
+std::string name(State run, bool input) {
+    const char* r = run == State::NotRunning ? "not running" : run == State::Running ? "running" : "reconfiguring";
+    return std::string(r) + (input ? ", input present" : ", input missing");
+}
+
+} // namespace
+
+TEST(CaptureSessionStates, EveryOperationInEveryState) {
+    kptest::ManualMainQueue main;
+    for (State run : {State::NotRunning, State::Running, State::Reconfiguring}) {
+        for (bool withInput : {true, false}) {
+            SCOPED_TRACE(name(run, withInput));
+            const bool running = run != State::NotRunning;
+            const bool configuring = run == State::Reconfiguring;
+            const bool streaming = running && withInput; // a reconfiguring session was started before
+
+            { // The state itself.
+                World w(run, withInput);
+                EXPECT_EQ(w.session->isRunning(), running);
+                EXPECT_EQ(w.session->isConfiguring(), configuring);
+                EXPECT_EQ(w.camera->isStreaming(), streaming);
+                EXPECT_EQ(w.session->inputs().size(), withInput ? 1U : 0U);
+                EXPECT_EQ(w.frames->connectionWithMediaType(AVMediaTypeVideo) != nullptr, withInput)
+                    << "an output has a connection only while its session has a camera input";
+                EXPECT_EQ(w.frames->connectionWithMediaType(AVMediaTypeAudio), nullptr);
+            }
+            { // startRunning: running; the camera streams at once, or at the commit while reconfiguring.
+                World w(run, withInput);
+                w.session->startRunning();
+                EXPECT_TRUE(w.session->isRunning());
+                EXPECT_EQ(w.camera->isStreaming(), withInput);
+                w.session->commitConfiguration();
+                EXPECT_EQ(w.camera->isStreaming(), withInput);
+            }
+            { // stopRunning: stopped and the camera off at once, even inside a transaction.
+                World w(run, withInput);
+                w.session->stopRunning();
+                EXPECT_FALSE(w.session->isRunning());
+                EXPECT_FALSE(w.camera->isStreaming());
+                w.session->commitConfiguration();
+                EXPECT_FALSE(w.camera->isStreaming());
+            }
+            { // canAddInput / addInput of another camera: only into a session without a camera input.
+                World w(run, withInput);
+                auto second = AVCaptureDeviceInput::deviceInputWithDevice(w.otherDevice);
+                EXPECT_EQ(w.session->canAddInput(second), !withInput);
+                EXPECT_EQ(w.session->canAddInput(w.input), !withInput) << "an input in a session cannot join again";
+                EXPECT_FALSE(w.session->canAddInput(nullptr));
+                w.session->addInput(second);
+                ASSERT_EQ(w.session->inputs().size(), 1U);
+                EXPECT_EQ(w.session->inputs()[0], withInput ? w.input : second);
+                EXPECT_EQ(w.other->isStreaming(), !withInput && run == State::Running);
+                w.session->commitConfiguration();
+                EXPECT_EQ(w.other->isStreaming(), !withInput && running);
+            }
+            { // removeInput: the session keeps running without a camera; the camera stops (at the commit).
+                World w(run, withInput);
+                w.session->removeInput(w.input);
+                EXPECT_TRUE(w.session->inputs().empty());
+                EXPECT_EQ(w.session->isRunning(), running);
+                EXPECT_EQ(w.camera->isStreaming(), streaming && configuring);
+                w.session->commitConfiguration();
+                EXPECT_FALSE(w.camera->isStreaming());
+                // The removed input may join a session again.
+                EXPECT_TRUE(w.session->canAddInput(w.input));
+            }
+            { // Outputs: one of each kind.
+                World w(run, withInput);
+                EXPECT_FALSE(w.session->canAddOutput(AVCaptureVideoDataOutput::create()));
+                EXPECT_FALSE(w.session->canAddOutput(w.frames));
+                auto still = AVCaptureStillImageOutput::create();
+                EXPECT_TRUE(w.session->canAddOutput(still));
+                w.session->addOutput(still);
+                EXPECT_EQ(w.session->outputs().size(), 2U);
+                EXPECT_EQ(still->session(), w.session);
+                w.session->removeOutput(w.frames);
+                EXPECT_EQ(w.frames->session(), nullptr);
+                EXPECT_EQ(w.frames->connectionWithMediaType(AVMediaTypeVideo), nullptr);
+                w.session->commitConfiguration();
+                // The still output alone keeps the camera streaming while running with an input.
+                EXPECT_EQ(w.camera->isStreaming(), withInput && running);
+            }
+            { // Presets: known presets apply (at the commit when reconfiguring); unknown ones are refused.
+                World w(run, withInput);
+                EXPECT_EQ(w.session->sessionPreset(), AVCaptureSessionPresetHigh);
+                EXPECT_FALSE(w.session->canSetSessionPreset("AVCaptureSessionPreset352x288"));
+                w.session->setSessionPreset("AVCaptureSessionPreset352x288");
+                EXPECT_EQ(w.session->sessionPreset(), AVCaptureSessionPresetHigh);
+                const int startsBefore = w.camera->startCount();
+                w.camera->setFormat({32, 24});
+                ASSERT_TRUE(w.session->canSetSessionPreset(AVCaptureSessionPreset640x480));
+                w.session->setSessionPreset(AVCaptureSessionPreset640x480);
+                EXPECT_EQ(w.session->sessionPreset(), AVCaptureSessionPreset640x480);
+                EXPECT_EQ(w.camera->startCount(), startsBefore + (streaming && !configuring ? 1 : 0));
+                w.session->commitConfiguration();
+                if (withInput && running) {
+                    EXPECT_EQ(w.camera->streamRequest().format, (CaptureFormat{32, 24}));
+                }
+            }
+            { // commitConfiguration without a transaction is ignored; transactions nest.
+                World w(run, withInput);
+                w.session->commitConfiguration();
+                w.session->commitConfiguration();
+                EXPECT_FALSE(w.session->isConfiguring());
+                w.session->beginConfiguration();
+                w.session->beginConfiguration();
+                w.session->commitConfiguration();
+                EXPECT_TRUE(w.session->isConfiguring());
+                w.session->commitConfiguration();
+                EXPECT_FALSE(w.session->isConfiguring());
+                EXPECT_EQ(w.camera->isStreaming(), withInput && running);
+            }
+        }
+    }
+}
+
+TEST(CaptureSessionStates, RuntimeFailuresStopTheSessionAndAreReportedOnTheMainQueue) {
+    kptest::ManualMainQueue main;
+    std::vector<int64_t> errors;
+    { // The camera refuses to start.
+        World w(State::NotRunning, true);
+        w.session->setRuntimeErrorHandler([&](const NSErrorRef& e) { errors.push_back(e->code()); });
+        w.camera->failNextStart(NSError::errorWithDomain(AVFoundationErrorDomain, AVErrorDeviceAlreadyUsedByAnotherSession));
+        w.session->startRunning();
+        EXPECT_FALSE(w.session->isRunning());
+        EXPECT_TRUE(errors.empty()) << "reported through the main queue, not from inside startRunning";
+        main.drain();
+        EXPECT_EQ(errors, (std::vector<int64_t>{AVErrorDeviceAlreadyUsedByAnotherSession}));
+    }
+    errors.clear();
+    { // The camera vanishes mid-stream.
+        World w(State::Running, true);
+        w.session->setRuntimeErrorHandler([&](const NSErrorRef& e) { errors.push_back(e->code()); });
+        ASSERT_TRUE(w.camera->isStreaming());
+        w.camera->vanish();
+        ASSERT_TRUE(main.drainUntil([&] { return !errors.empty(); }));
+        EXPECT_EQ(errors, (std::vector<int64_t>{AVErrorDeviceWasDisconnected}));
+        EXPECT_FALSE(w.session->isRunning());
+        EXPECT_FALSE(w.device->isConnected());
+        EXPECT_FALSE(w.session->canAddInput(AVCaptureDeviceInput::deviceInputWithDevice(w.device)));
+        NSErrorRef error;
+        EXPECT_EQ(AVCaptureDeviceInput::deviceInputWithDevice(w.device, &error), nullptr);
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->code(), AVErrorDeviceNotConnected);
+    }
+}
+
+TEST(CaptureSessionStates, MetadataOutputOffersTheCamerasTypesOnlyWithAnInput) {
+    World w(State::NotRunning, false);
+    auto metadata = AVCaptureMetadataOutput::create();
+    EXPECT_TRUE(metadata->availableMetadataObjectTypes().empty());
+    w.session->addOutput(metadata);
+    EXPECT_TRUE(metadata->availableMetadataObjectTypes().empty());
+    metadata->setMetadataObjectTypes({AVMetadataObjectTypeFace});
+    EXPECT_TRUE(metadata->metadataObjectTypes().empty()) << "types not available are ignored";
+    w.session->addInput(w.input);
+    EXPECT_EQ(metadata->availableMetadataObjectTypes().size(), 3U);
+    metadata->setMetadataObjectTypes(
+        {AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeFace, AVMetadataObjectTypePDF417Code, "unknown"});
+    EXPECT_EQ(metadata->metadataObjectTypes(),
+              (std::vector<AVMetadataObjectType>{AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeFace}));
+    auto connection = metadata->connectionWithMediaType(AVMediaTypeMetadata);
+    ASSERT_TRUE(connection);
+    connection->setEnabled(false);
+    EXPECT_FALSE(connection->isEnabled());
+    EXPECT_EQ(metadata->connectionWithMediaType(AVMediaTypeMetadata), connection) << "one connection object";
+}
+
+TEST(CaptureSessionStates, ConnectionStabilisationFollowsTheCamera) {
+    World w(State::NotRunning, true);
+    auto connection = w.frames->connectionWithMediaType(AVMediaTypeVideo);
+    ASSERT_TRUE(connection);
+    EXPECT_TRUE(connection->isVideoStabilizationSupported());
+    EXPECT_EQ(connection->activeVideoStabilizationMode(), AVCaptureVideoStabilizationModeOff);
+    connection->setPreferredVideoStabilizationMode(AVCaptureVideoStabilizationModeAuto);
+    EXPECT_EQ(connection->preferredVideoStabilizationMode(), AVCaptureVideoStabilizationModeAuto);
+    EXPECT_EQ(connection->activeVideoStabilizationMode(), AVCaptureVideoStabilizationModeStandard);
+    connection->setVideoScaleAndCropFactor(0.5);
+    EXPECT_DOUBLE_EQ(connection->videoScaleAndCropFactor(), 1.0);
+    connection->setVideoScaleAndCropFactor(2.0);
+    EXPECT_DOUBLE_EQ(connection->videoScaleAndCropFactor(), 2.0);
+
+    auto plain = std::make_shared<FakeCaptureDevice>("plain", FakeCaptureDevice::noCapabilities());
+    World v(State::NotRunning, false);
+    v.session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(
+        std::make_shared<AVCaptureDevice>(plain, AVCaptureDevicePositionBack)));
+    auto c2 = v.frames->connectionWithMediaType(AVMediaTypeVideo);
+    ASSERT_TRUE(c2);
+    EXPECT_FALSE(c2->isVideoStabilizationSupported());
+    c2->setPreferredVideoStabilizationMode(AVCaptureVideoStabilizationModeAuto);
+    EXPECT_EQ(c2->activeVideoStabilizationMode(), AVCaptureVideoStabilizationModeOff);
+}

@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: MIT
+// Dispatch queues, the main run loop, timers and one-time initialisation.
+#include "KPImage/Platform/Dispatch.h"
+#include "KPImage/Platform/NSRunLoop.h"
+#include "KPImage/Platform/NSThread.h"
+#include "KPImage/Platform/NSTimer.h"
+#include "support/ManualMainQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <poll.h>
+
+#include <atomic>
+#include <future>
+#include <mutex>
+#include <vector>
+
+using namespace kp;
+
+TEST(Dispatch, SerialQueueRunsTasksInOrderOneAtATime) {
+    auto queue = dispatch_queue_create("VideoDataOutputQueue", DISPATCH_QUEUE_SERIAL);
+    EXPECT_STREQ(dispatch_queue_get_label(queue), "VideoDataOutputQueue");
+    std::vector<int> order;
+    std::atomic<int> running{0};
+    bool overlapped = false;
+    for (int i = 0; i < 200; ++i) {
+        dispatch_async(queue, [&, i] {
+            if (running.fetch_add(1) != 0) {
+                overlapped = true;
+            }
+            order.push_back(i);
+            running.fetch_sub(1);
+        });
+    }
+    // A synchronous task runs after everything queued before it.
+    bool onQueue = false;
+    dispatch_sync(queue, [&] { onQueue = queue->isCurrent(); });
+    ASSERT_EQ(order.size(), 200U);
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(order[i], i);
+    }
+    EXPECT_FALSE(overlapped);
+    EXPECT_TRUE(onQueue);
+    EXPECT_FALSE(queue->isCurrent());
+
+    // dispatch_sync onto the queue a task is running on runs inline rather than deadlocking.
+    int nested = 0;
+    dispatch_sync(queue, [&] { dispatch_sync(queue, [&] { nested = 1; }); });
+    EXPECT_EQ(nested, 1);
+    // Null queues and tasks are ignored.
+    dispatch_async(nullptr, [] {});
+    dispatch_sync(queue, nullptr);
+    EXPECT_STREQ(dispatch_queue_get_label(nullptr), "");
+}
+
+TEST(Dispatch, MainQueueRunsOnlyWhenDrainedAndHoldsCapturesUntilRun) {
+    kptest::ManualMainQueue main;
+    auto token = std::make_shared<int>(7);
+    std::weak_ptr<int> watch = token;
+    std::vector<int> ran;
+    dispatch_async(dispatch_get_main_queue(), [token, &ran] { ran.push_back(*token); });
+    dispatch_async(dispatch_get_main_queue(), [&ran] {
+        ran.push_back(2);
+        // Queued from a main task: runs in the next pass, not this one.
+        dispatch_async(dispatch_get_main_queue(), [&ran] { ran.push_back(3); });
+    });
+    token.reset();
+    EXPECT_FALSE(watch.expired()) << "a queued task keeps what it captured";
+    EXPECT_TRUE(ran.empty());
+    EXPECT_EQ(main.pending(), 2U);
+
+    EXPECT_EQ(main.drainOnce(), 2U);
+    EXPECT_EQ(ran, (std::vector<int>{7, 2}));
+    EXPECT_TRUE(watch.expired()) << "a task releases its captures once it has run";
+    EXPECT_EQ(main.drainOnce(), 1U);
+    EXPECT_EQ(ran, (std::vector<int>{7, 2, 3}));
+
+    // While the test drives the loop, this thread is the main thread and sync to main runs inline.
+    bool inlineRan = false;
+    bool isMain = false;
+    dispatch_async(dispatch_get_main_queue(), [&] {
+        isMain = NSThread::isMainThread();
+        dispatch_sync(dispatch_get_main_queue(), [&] { inlineRan = true; });
+    });
+    main.drain();
+    EXPECT_TRUE(isMain);
+    EXPECT_TRUE(inlineRan);
+}
+
+TEST(Dispatch, WakeupDescriptorSignalsPendingWorkForAHostLoop) {
+    kptest::ManualMainQueue main;
+    auto& loop = NSRunLoop::mainRunLoop();
+    const auto readable = [&] {
+        pollfd p{loop.wakeupFileDescriptor(), POLLIN, 0};
+        return ::poll(&p, 1, 0) == 1;
+    };
+    EXPECT_FALSE(readable());
+    // Another thread posts; the host's loop sees the descriptor and pumps.
+    std::thread([] { dispatch_async(dispatch_get_main_queue(), [] {}); }).join();
+    EXPECT_TRUE(readable());
+    EXPECT_EQ(loop.pump(), 1U);
+    EXPECT_FALSE(readable());
+}
+
+TEST(Dispatch, SyncToMainFromAnotherThreadWaitsForTheDriver) {
+    kptest::ManualMainQueue main;
+    std::atomic<bool> done{false};
+    std::thread worker([&] {
+        int value = 0;
+        dispatch_sync(dispatch_get_main_queue(), [&] { value = 5; });
+        done = value == 5;
+    });
+    ASSERT_TRUE(main.drainUntil([&] { return done.load(); }));
+    worker.join();
+}
+
+TEST(Dispatch, GlobalQueueRunsBlockingTasksSideBySide) {
+    // Two tasks that each wait for the other only finish if the pool runs them at the same time.
+    std::promise<void> a;
+    std::promise<void> b;
+    auto fa = a.get_future();
+    auto fb = b.get_future();
+    std::atomic<int> finished{0};
+    auto global = dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0);
+    dispatch_async(global, [&] {
+        a.set_value();
+        fb.wait();
+        ++finished;
+    });
+    dispatch_async(global, [&] {
+        b.set_value();
+        fa.wait();
+        ++finished;
+    });
+    kptest::ManualMainQueue main;
+    ASSERT_TRUE(main.drainUntil([&] { return finished.load() == 2; }));
+}
+
+TEST(Dispatch, AfterAndOnce) {
+    kptest::ManualMainQueue main;
+    std::atomic<int> fired{0};
+    dispatch_after(dispatch_time(DISPATCH_TIME_NOW, 5 * NSEC_PER_MSEC), dispatch_get_main_queue(), [&] { ++fired; });
+    dispatch_after(DISPATCH_TIME_FOREVER, dispatch_get_main_queue(), [&] { fired += 100; });
+    ASSERT_TRUE(main.drainUntil([&] { return fired.load() == 1; }));
+    EXPECT_EQ(dispatch_time(DISPATCH_TIME_FOREVER, 5), DISPATCH_TIME_FOREVER);
+    EXPECT_LT(dispatch_time(DISPATCH_TIME_NOW, INT64_MAX), DISPATCH_TIME_FOREVER) << "saturates, never wraps";
+
+    static dispatch_once_t once;
+    std::atomic<int> calls{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] { dispatch_once(&once, [&] { ++calls; }); });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(calls.load(), 1);
+}
+
+TEST(Dispatch, RepeatingTimerFiresOnTheClockSkipsMissedFiringsAndStopsWhenInvalidated) {
+    kptest::ManualMainQueue main;
+    auto owner = std::make_shared<int>(0);
+    std::weak_ptr<int> watch = owner;
+    int ticks = 0;
+    auto timer = NSTimer::scheduledTimerWithTimeInterval(3.0, true, [owner, &ticks](NSTimer&) { ++ticks; });
+    owner.reset();
+    ASSERT_TRUE(NSRunLoop::mainRunLoop().timeUntilNextTimer().has_value());
+    EXPECT_DOUBLE_EQ(*NSRunLoop::mainRunLoop().timeUntilNextTimer(), 3.0);
+
+    main.advance(2.9);
+    main.drain();
+    EXPECT_EQ(ticks, 0);
+    main.advance(0.1);
+    main.drain();
+    EXPECT_EQ(ticks, 1);
+    // Ten intervals late: one firing, and the next one lands on the original grid.
+    main.advance(30.0);
+    main.drain();
+    EXPECT_EQ(ticks, 2);
+    EXPECT_NEAR(*NSRunLoop::mainRunLoop().timeUntilNextTimer(), 3.0, 1e-9);
+
+    EXPECT_FALSE(watch.expired()) << "the run loop holds the scheduled timer's block";
+    timer->invalidate();
+    EXPECT_TRUE(watch.expired()) << "invalidating releases the block";
+    EXPECT_FALSE(timer->isValid());
+    main.advance(10.0);
+    main.drain();
+    EXPECT_EQ(ticks, 2);
+    EXPECT_FALSE(NSRunLoop::mainRunLoop().timeUntilNextTimer().has_value());
+
+    // A one-shot timer fires once and is then invalid.
+    int once = 0;
+    auto single = NSTimer::scheduledTimerWithTimeInterval(0.5, false, [&](NSTimer&) { ++once; });
+    main.advance(5.0);
+    main.drain();
+    main.advance(5.0);
+    main.drain();
+    EXPECT_EQ(once, 1);
+    EXPECT_FALSE(single->isValid());
+}
+
+TEST(Dispatch, RunForReturnsAndStopEndsRun) {
+    NSRunLoop& loop = NSRunLoop::mainRunLoop();
+    loop.reset();
+    int ran = 0;
+    dispatch_async(dispatch_get_main_queue(), [&] { ++ran; });
+    loop.runFor(0);
+    EXPECT_EQ(ran, 1);
+    // A task that stops the loop ends run().
+    dispatch_async(dispatch_get_main_queue(), [&] {
+        ++ran;
+        NSRunLoop::mainRunLoop().stop();
+    });
+    loop.run();
+    EXPECT_EQ(ran, 2);
+    EXPECT_FALSE(loop.hasDriver());
+}
