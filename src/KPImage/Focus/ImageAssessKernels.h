@@ -78,7 +78,7 @@ inline void probeBits(const uint64_t* row0, const uint64_t* row3, uint64_t* top,
     }
 }
 
-// The kernels themselves; each reads rows 39..446, columns 39..618 of the frame (always inside it).
+// The kernels themselves; each reads rows 39..446, columns 39..614 of the frame (always inside it).
 FocusSums focusSumsScalar(const uint8_t* frame);
 #if defined(__x86_64__) || defined(__i386__)
 FocusSums focusSumsSSE41(const uint8_t* frame);
