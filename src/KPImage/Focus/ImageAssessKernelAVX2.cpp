@@ -2,67 +2,36 @@
 // AVX2 block loop of the focus measure: eight neighbouring blocks per vector, one 32-bit lane each.
 #include "KPImage/Focus/ImageAssessKernels.h"
 
-#include <cstddef>
-
 #if defined(__x86_64__) || defined(__i386__)
 
 #include <immintrin.h>
+
+#include <cstddef>
 
 namespace kp::focus {
 
 namespace {
 
-// A block is 2 x 2 cells of 4 x 4 pixels on the grid of block corners; a vector covers 8 cells (32
-// bytes of a row), so one lane holds one block column. Cell rows are summed once and shared by the two
-// rows of blocks that overlap them.
-constexpr int kLanes = 8;
-constexpr int kVectors = (kBlockColumns + kLanes - 1) / kLanes; // 18, the last one partly used
-constexpr int kCells = kVectors * kLanes + kLanes;               // room for the j + 1 reads
+// Layout. The frame is read in cell rows of 4 pixel rows starting at row 39; a block is made of two cell
+// rows (its upper and lower half). Within a row, pixels are summed in horizontal pairs starting at column
+// 39, so block column j covers pair words 2j..2j+3 and its 4 x 4 centre covers words 2j+1 and 2j+2 on the
+// lower half of the upper cell row and the upper half of the lower one. Every pixel row is converted once;
+// each cell row's sums serve both rows of blocks that share it.
+constexpr int kLanes = 8;                                        // blocks per vector
+constexpr int kChunks = (kBlockColumns + kLanes - 1) / kLanes;   // 18; lanes past block column 140 are dropped
+constexpr int kChunkBytes = kLanes * kBlockStep;                 // 32 pixels
+constexpr int kChunkWords = kChunkBytes / 2;                     // 16 pair sums
+constexpr int kWords = kChunks * kChunkWords + kChunkWords;      // room for the one-cell look-ahead
 
 #define KP_AVX2 __attribute__((target("avx2")))
 
-KP_AVX2 inline __m256i load(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
-KP_AVX2 inline __m256i load(const int32_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
-KP_AVX2 inline void store(int32_t* p, __m256i v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
+KP_AVX2 inline __m256i load(const void* p) { return _mm256_loadu_si256(static_cast<const __m256i*>(p)); }
+KP_AVX2 inline void store(void* p, __m256i v) { _mm256_storeu_si256(static_cast<__m256i*>(p), v); }
 
-// Pairwise byte sums of one row segment as 16 x 16-bit.
-KP_AVX2 inline __m256i pairs(const uint8_t* p) { return _mm256_maddubs_epi16(load(p), _mm256_set1_epi8(1)); }
-
-// The 16-bit pair sums folded into one 32-bit cell sum per lane.
-KP_AVX2 inline __m256i cells(__m256i pairSums) { return _mm256_madd_epi16(pairSums, _mm256_set1_epi16(1)); }
-
-// Cell sums and row-alternating cell sums (+ - + -) of the four rows from `row`, 8 cells from `row`.
-KP_AVX2 inline void cellRow(const uint8_t* row, __m256i& sum, __m256i& alternating) {
-    const __m256i p0 = pairs(row);
-    const __m256i p1 = pairs(row + kFrameWidth);
-    const __m256i p2 = pairs(row + 2 * kFrameWidth);
-    const __m256i p3 = pairs(row + 3 * kFrameWidth);
-    sum = cells(_mm256_add_epi16(_mm256_add_epi16(p0, p1), _mm256_add_epi16(p2, p3)));
-    alternating = cells(_mm256_add_epi16(_mm256_sub_epi16(p0, p1), _mm256_sub_epi16(p2, p3)));
-}
-
-KP_AVX2 inline __m256i cellSum(const uint8_t* row) {
-    const __m256i p0 = pairs(row);
-    const __m256i p1 = pairs(row + kFrameWidth);
-    const __m256i p2 = pairs(row + 2 * kFrameWidth);
-    const __m256i p3 = pairs(row + 3 * kFrameWidth);
-    return cells(_mm256_add_epi16(_mm256_add_epi16(p0, p1), _mm256_add_epi16(p2, p3)));
-}
-
-KP_AVX2 void fillCellRow(const uint8_t* row, int32_t* sums, int32_t* alternating) {
-    for (int v = 0; v < kVectors; ++v) {
-        __m256i s;
-        __m256i a;
-        cellRow(row + v * kLanes * kBlockStep, s, a);
-        store(sums + v * kLanes, s);
-        store(alternating + v * kLanes, a);
-    }
-}
-
-// (x * x + 128) >> 8 per lane for |x| < 2^15: with the high half zero, madd squares the low half exactly.
+// (x * x + 128) >> 8 per lane, |x| < 2^15. madd of x with itself gives x^2 plus 1 for negative x (the high
+// half is then all ones); a square is never 127 modulo 256, so the extra 1 never changes the shifted result.
 KP_AVX2 inline __m256i energy(__m256i x) {
-    const __m256i m = _mm256_abs_epi32(x);
-    return _mm256_srli_epi32(_mm256_add_epi32(_mm256_madd_epi16(m, m), _mm256_set1_epi32(128)), 8);
+    return _mm256_srli_epi32(_mm256_add_epi32(_mm256_madd_epi16(x, x), _mm256_set1_epi32(128)), 8);
 }
 
 KP_AVX2 inline uint32_t laneSum(__m256i v) {
@@ -72,80 +41,163 @@ KP_AVX2 inline uint32_t laneSum(__m256i v) {
     return static_cast<uint32_t>(_mm_cvtsi128_si32(s));
 }
 
+// Pair sums of one chunk of a cell row (4 pixel rows from p); returns the saturation bits of its row 0 (low
+// half) and row 3 (high half).
+KP_AVX2 inline uint64_t convertChunk(const uint8_t* p, int16_t* upper, int16_t* lower, int16_t* alternating) {
+    const __m256i ones8 = _mm256_set1_epi8(1);
+    const __m256i below200 = _mm256_set1_epi8(72); // x - 72 has its top bit set exactly when x >= 200
+    const __m256i r0 = load(p);
+    const __m256i r3 = load(p + 3 * kFrameWidth);
+    const __m256i p0 = _mm256_maddubs_epi16(r0, ones8);
+    const __m256i p1 = _mm256_maddubs_epi16(load(p + kFrameWidth), ones8);
+    const __m256i p2 = _mm256_maddubs_epi16(load(p + 2 * kFrameWidth), ones8);
+    const __m256i p3 = _mm256_maddubs_epi16(r3, ones8);
+    const __m256i u = _mm256_add_epi16(p0, p1);
+    const __m256i l = _mm256_add_epi16(p2, p3);
+    store(upper, u);
+    store(lower, l);
+    store(alternating, _mm256_add_epi16(_mm256_sub_epi16(p0, p1), _mm256_sub_epi16(p2, p3)));
+    const uint32_t bits0 = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_subs_epu8(r0, below200)));
+    const uint32_t bits3 = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_subs_epu8(r3, below200)));
+    return bits0 | uint64_t{bits3} << 32;
+}
+
+
+// One converted cell row.
+struct CellRow {
+    alignas(32) int16_t upper[kWords];       // rows 0 + 1
+    alignas(32) int16_t lower[kWords];       // rows 2 + 3
+    alignas(32) int16_t alternating[kWords]; // rows 0 - 1 + 2 - 3
+    uint64_t hot0[kProbeWords];              // saturated pixels of row 0 (probe bit layout)
+    uint64_t hot3[kProbeWords];              // and of row 3
+};
+
+// What a cell row leaves for the row of blocks below it (it is then their upper half).
+struct UpperHalf {
+    alignas(32) int16_t block[kChunks * kChunkWords];       // block-wide pair sums
+    alignas(32) int16_t centre[kChunks * kChunkWords];      // centre-column pair sums of rows 2 + 3
+    alignas(32) int16_t alternating[kChunks * kChunkWords]; // block-wide alternating pair sums
+};
+
+struct Accumulators {
+    __m256i c;
+    __m256i a;
+    __m256i ok;
+};
+
+// Converts chunks m and m + 1 of the cell row whose first pixel row is `rows`.
+KP_AVX2 inline void convertPair(const uint8_t* rows, int m, CellRow& row) {
+    const int k = m * kChunkWords;
+    const uint64_t first = convertChunk(rows + m * kChunkBytes, row.upper + k, row.lower + k, row.alternating + k);
+    const uint64_t second = convertChunk(rows + (m + 1) * kChunkBytes, row.upper + k + kChunkWords,
+                                         row.lower + k + kChunkWords, row.alternating + k + kChunkWords);
+    row.hot0[m / 2] = (first & 0xFFFFFFFFu) | (second << 32);
+    row.hot3[m / 2] = (first >> 32) | (second & 0xFFFFFFFF00000000u);
+}
+
+// Chunk m of a converted cell row: finishes the blocks it is the lower half of (when `blocks`), and keeps
+// what the next row of blocks needs from it.
+KP_AVX2 inline void useChunk(const CellRow& row, int m, UpperHalf& half, bool blocks, uint32_t goodBits,
+                             Accumulators& acc) {
+    const __m256i ones16 = _mm256_set1_epi16(1);
+    const __m256i laneShift = _mm256_setr_epi32(31, 27, 23, 19, 15, 11, 7, 3);
+    const int k = m * kChunkWords;
+    // Words 2j..2j+3 of block column j: this chunk's and, two words on, the next cell's.
+    const __m256i blockSum = _mm256_add_epi16(_mm256_add_epi16(load(row.upper + k), load(row.lower + k)),
+                                              _mm256_add_epi16(load(row.upper + k + 2), load(row.lower + k + 2)));
+    const __m256i blockAlt = _mm256_add_epi16(load(row.alternating + k), load(row.alternating + k + 2));
+    // Words 2j+1 and 2j+2: the centre columns.
+    const __m256i centreLower = _mm256_blend_epi16(load(row.lower + k + 2), load(row.lower + k), 0xAA);
+    if (blocks) {
+        const __m256i centreUpper = _mm256_blend_epi16(load(row.upper + k + 2), load(row.upper + k), 0xAA);
+        // C = 3 I - (T - I) = 4 I - T; the word sums stay within 16 bits, madd folds each pair.
+        const __m256i centre = _mm256_add_epi16(load(half.centre + k), centreUpper);
+        const __m256i cWords =
+            _mm256_sub_epi16(_mm256_sub_epi16(_mm256_slli_epi16(centre, 2), load(half.block + k)), blockSum);
+        const __m256i aWords = _mm256_add_epi16(load(half.alternating + k), blockAlt);
+        const __m256i eC = energy(_mm256_madd_epi16(cWords, ones16));
+        const __m256i eA = energy(_mm256_madd_epi16(aWords, ones16));
+        // Bit 4j of goodBits moved to the sign bit of lane j selects the energies of unsaturated blocks.
+        const __m256i unsaturated = _mm256_sllv_epi32(_mm256_set1_epi32(static_cast<int32_t>(goodBits)), laneShift);
+        const __m256i okC = _mm256_castps_si256(_mm256_blendv_ps(
+            _mm256_setzero_ps(), _mm256_castsi256_ps(eC), _mm256_castsi256_ps(unsaturated)));
+        acc.c = _mm256_add_epi32(acc.c, eC);
+        acc.a = _mm256_add_epi32(acc.a, eA);
+        acc.ok = _mm256_add_epi32(acc.ok, okC);
+    }
+    store(half.block + k, blockSum);
+    store(half.centre + k, centreLower);
+    store(half.alternating + k, blockAlt);
+}
+
 } // namespace
 
 KP_AVX2 FocusSums focusSumsAVX2(const uint8_t* frame) {
-    alignas(32) int32_t cellSums[2][kCells] = {};
-    alignas(32) int32_t cellAlts[2][kCells] = {};
-
-    // Bytes 0 and 3 of a cell's lane are its first and last column: the probe positions of a block.
-    const __m256i byte0 = _mm256_set1_epi32(0x000000FF);
-    const __m256i byte3 = _mm256_set1_epi32(static_cast<int32_t>(0xFF000000u));
-    const __m256i bytes03 = _mm256_set1_epi32(static_cast<int32_t>(0xFF0000FFu));
-    const __m256i limit = _mm256_set1_epi8(static_cast<char>(kSaturationLimit));
+    // Cell row g is converted while cell row g - 1 is used, so that no load waits on a recent store.
+    CellRow cellRows[2];
+    UpperHalf half;
+    uint64_t tops[2][kProbeWords] = {};
+    uint64_t bottom[kProbeWords] = {};
+    for (CellRow& row : cellRows) {
+        // The look-ahead past the last chunk only feeds dropped lanes; keep what it reads defined.
+        for (int k = kChunks * kChunkWords; k < kWords; ++k) {
+            row.upper[k] = row.lower[k] = row.alternating[k] = 0;
+        }
+        row.hot0[kProbeWords - 1] = 0;
+        row.hot3[kProbeWords - 1] = 0;
+    }
     const __m256i zero = _mm256_setzero_si256();
-    const __m256i lastValid =
-        _mm256_cmpgt_epi32(_mm256_set1_epi32(kBlockColumns - (kVectors - 1) * kLanes), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
-
-    __m256i accC = zero;
-    __m256i accA = zero;
-    __m256i accOK = zero;
-    __m256i good = zero; // counts down: each unsaturated block adds -1
+    Accumulators acc{zero, zero, zero};
+    Accumulators lastChunk{zero, zero, zero}; // lanes past the last block column are dropped at the end
+    int32_t count = 1;
 
     const uint8_t* origin = frame + static_cast<size_t>(kFirstRow) * kFrameWidth + kFirstColumn;
-    fillCellRow(origin, cellSums[0], cellAlts[0]);
-    for (int i = 0; i < kBlockRows; ++i) {
-        const uint8_t* top = origin + static_cast<size_t>(kBlockStep * i) * kFrameWidth;
-        const uint8_t* bottom = top + kBlockStep * kFrameWidth;
-        const int32_t* topSum = cellSums[i & 1];
-        const int32_t* topAlt = cellAlts[i & 1];
-        int32_t* bottomSum = cellSums[(i + 1) & 1];
-        int32_t* bottomAlt = cellAlts[(i + 1) & 1];
-        fillCellRow(bottom, bottomSum, bottomAlt);
-
-        for (int v = 0; v < kVectors; ++v) {
-            const int j = v * kLanes;
-            const uint8_t* p = top + j * kBlockStep;
-            const __m256i total = _mm256_add_epi32(
-                _mm256_add_epi32(load(topSum + j), load(topSum + j + 1)),
-                _mm256_add_epi32(load(bottomSum + j), load(bottomSum + j + 1)));
-            const __m256i A = _mm256_add_epi32(_mm256_add_epi32(load(topAlt + j), load(topAlt + j + 1)),
-                                               _mm256_add_epi32(load(bottomAlt + j), load(bottomAlt + j + 1)));
-            const __m256i centre = cellSum(p + 2 * kFrameWidth + 2);
-            const __m256i C = _mm256_sub_epi32(_mm256_slli_epi32(centre, 2), total); // 3 I - (total - I)
-
-            // Probes: row 0 at columns 0, 4, 7; row 3 at 0; row 4 at 7; row 7 at 0, 3, 7.
-            const __m256i row0 = load(p);
-            const __m256i row0next = load(p + 4);
-            const __m256i row3 = load(p + 3 * kFrameWidth);
-            const __m256i row4next = load(p + 4 * kFrameWidth + 4);
-            const __m256i row7 = load(p + 7 * kFrameWidth);
-            const __m256i row7next = load(p + 7 * kFrameWidth + 4);
-            const __m256i probes =
-                _mm256_max_epu8(_mm256_and_si256(_mm256_max_epu8(row0, row3), byte0),
-                                _mm256_max_epu8(_mm256_and_si256(_mm256_max_epu8(row0next, row7), bytes03),
-                                                _mm256_and_si256(_mm256_max_epu8(row4next, row7next), byte3)));
-            __m256i unsaturated = _mm256_cmpeq_epi32(_mm256_subs_epu8(probes, limit), zero);
-
-            __m256i eC = energy(C);
-            __m256i eA = energy(A);
-            if (v == kVectors - 1) {
-                eC = _mm256_and_si256(eC, lastValid);
-                eA = _mm256_and_si256(eA, lastValid);
-                unsaturated = _mm256_and_si256(unsaturated, lastValid);
+    constexpr int kCellRows = kBlockRows + 1;
+    for (int g = 0; g <= kCellRows; ++g) {
+        const bool convert = g < kCellRows;
+        const uint8_t* rows = origin + static_cast<size_t>(kBlockStep * g) * kFrameWidth;
+        CellRow& next = cellRows[g & 1];
+        if (g == 0) {
+            for (int m = 0; m < kChunks; m += 2) {
+                convertPair(rows, m, next);
             }
-            accC = _mm256_add_epi32(accC, eC);
-            accA = _mm256_add_epi32(accA, eA);
-            accOK = _mm256_add_epi32(accOK, _mm256_and_si256(eC, unsaturated));
-            good = _mm256_add_epi32(good, unsaturated);
+            continue;
+        }
+
+        // Cell row h = g - 1 is the lower half of block row h - 1 and then the upper half of block row h.
+        const int h = g - 1;
+        const CellRow& row = cellRows[h & 1];
+        uint64_t* top = tops[h & 1];
+        const uint64_t* prevTop = tops[(h & 1) ^ 1];
+        probeBits(row.hot0, row.hot3, top, bottom);
+        const bool blocks = h > 0;
+        uint64_t good[kProbeWords] = {};
+        if (blocks) {
+            for (int w = 0; w + 1 < kProbeWords; ++w) {
+                good[w] = ~(prevTop[w] | bottom[w]) & kProbeLanes[w];
+                count += __builtin_popcountll(good[w]);
+            }
+        }
+        for (int m = 0; m < kChunks; m += 2) {
+            if (convert) {
+                convertPair(rows, m, next);
+            }
+            useChunk(row, m, half, blocks, static_cast<uint32_t>(good[m / 2]), acc);
+            if (m + 2 < kChunks) {
+                useChunk(row, m + 1, half, blocks, static_cast<uint32_t>(good[m / 2] >> 32), acc);
+            } else {
+                useChunk(row, m + 1, half, blocks, static_cast<uint32_t>(good[m / 2] >> 32), lastChunk);
+            }
         }
     }
 
+    const __m256i lastValid = _mm256_cmpgt_epi32(_mm256_set1_epi32(kBlockColumns - (kChunks - 1) * kLanes),
+                                                 _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
     FocusSums sums;
-    sums.accC = laneSum(accC);
-    sums.accA = laneSum(accA);
-    sums.accOK = laneSum(accOK);
-    sums.count = static_cast<int32_t>(1u - laneSum(good));
+    sums.accC = laneSum(_mm256_add_epi32(acc.c, _mm256_and_si256(lastChunk.c, lastValid)));
+    sums.accA = laneSum(_mm256_add_epi32(acc.a, _mm256_and_si256(lastChunk.a, lastValid)));
+    sums.accOK = laneSum(_mm256_add_epi32(acc.ok, lastChunk.ok)); // good bits exist only for real blocks
+    sums.count = count;
     return sums;
 }
 

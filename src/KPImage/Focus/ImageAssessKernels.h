@@ -4,6 +4,7 @@
 
 #include "KPImage/Focus/ImageAssess.h"
 
+#include <array>
 #include <cstdint>
 
 namespace kp::focus {
@@ -49,7 +50,35 @@ void focusScoresFromSums(const FocusSums& sums, ImageAssessOutput* output);
 /// ImageAssess of a 640 x 480 frame with the given kernel.
 void imageAssessWith(FocusKernel kernel, const uint8_t* frame, ImageAssessOutput* output);
 
-// The kernels themselves; each reads rows 39..446, columns 39..618 of the frame (always inside it).
+/// Probe pixels of a row of cells as bits: bit t of a word array stands for column 39 + t, and the SIMD
+/// kernels set it when that pixel exceeds the saturation limit. A block's probes sit in its corner cells'
+/// first and last columns (cell j spans bits 4j..4j+3) on rows 0 and 3 of its two cell rows.
+inline constexpr int kProbeWords = 10; // 576 columns and a zero word for the look-ahead
+
+/// Bits 4j of the probe words that stand for existing block columns (0..140).
+inline constexpr std::array<uint64_t, kProbeWords> kProbeLanes = [] {
+    std::array<uint64_t, kProbeWords> lanes{};
+    for (int t = 0; t < 64 * kProbeWords; t += kBlockStep) {
+        if (t / kBlockStep < kBlockColumns) {
+            lanes[t / 64] |= uint64_t{1} << (t % 64);
+        }
+    }
+    return lanes;
+}();
+
+/// Bits 4j of `top` (the cell row as a block's upper half) and `bottom` (as its lower half) are set when block
+/// column j has a saturated probe there; row0 and row3 hold the cell row's first and last pixel rows.
+inline void probeBits(const uint64_t* row0, const uint64_t* row3, uint64_t* top, uint64_t* bottom) {
+    auto ahead = [](const uint64_t* bits, int w, int k) { return (bits[w] >> k) | (bits[w + 1] << (64 - k)); };
+    for (int w = 0; w + 1 < kProbeWords; ++w) {
+        // Upper half: row 0 at columns 0, 4, 7; row 3 at column 0.
+        top[w] = row0[w] | row3[w] | ahead(row0, w, 4) | ahead(row0, w, 7);
+        // Lower half (block rows 4 and 7): row 0 at column 7; row 3 at columns 0, 3, 7.
+        bottom[w] = row3[w] | ahead(row3, w, 3) | ahead(row0, w, 7) | ahead(row3, w, 7);
+    }
+}
+
+// The kernels themselves; each reads rows 39..446, columns 39..614 of the frame (always inside it).
 FocusSums focusSumsScalar(const uint8_t* frame);
 #if defined(__x86_64__) || defined(__i386__)
 FocusSums focusSumsSSE41(const uint8_t* frame);
