@@ -11,12 +11,6 @@
 #include <thread>
 #include <vector>
 
-// Cairo, Fontconfig and GLib are not instrumented: their own synchronisation (atomics, futexes) is invisible to
-// ThreadSanitizer, which then reports races inside them (their freed-object pools, Pango's font-loading thread).
-extern "C" const char* __tsan_default_suppressions() {
-    return "race:libfontconfig.so\nrace:libglib-2.0.so\nrace:libcairo.so\ncalled_from_lib:libfontconfig.so.1\n";
-}
-
 namespace {
 
 TEST(ImagingConcurrency, FaceDetectionAndTextFromSeveralThreads) {

@@ -12,10 +12,6 @@
 
 #include <cmath>
 
-// Fontconfig keeps its font caches for the life of the process in structures that LeakSanitizer cannot
-// follow (offset-encoded pointers), so the first text drawn reports them as leaks at exit.
-extern "C" const char* __lsan_default_suppressions() { return "leak:libfontconfig.so\n"; }
-
 namespace {
 
 using kp::CGPointMake;
