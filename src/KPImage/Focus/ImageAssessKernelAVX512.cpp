@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: MIT
+// AVX-512 block loop of the focus measure: sixteen neighbouring blocks per vector, one 32-bit lane each.
+#include "KPImage/Focus/ImageAssessKernels.h"
+
+#if defined(__x86_64__)
+
+#include <immintrin.h>
+
+#include <cstddef>
+
+// The compiler's own AVX-512 intrinsics start some results from a deliberately undefined vector, which
+// its uninitialised-use analysis then reports once they are inlined here.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+namespace kp::focus {
+
+namespace {
+
+// The scheme of the AVX2 loop (see there) on 64-byte vectors. A chunk of 64 pixels is exactly one probe
+// word, so a byte compare gives the saturation bits of a row directly, and the unsaturated blocks of a
+// chunk select their energies through a lane mask instead of a blend.
+constexpr int kLanes = 16;                                       // blocks per vector
+constexpr int kChunks = (kBlockColumns + kLanes - 1) / kLanes;   // 9; lanes past block column 140 are dropped
+constexpr int kChunkBytes = kLanes * kBlockStep;                 // 64 pixels, one probe word
+constexpr int kChunkWords = kChunkBytes / 2;                     // 32 pair sums
+constexpr int kWords = kChunks * kChunkWords + kChunkWords;      // room for the one-cell look-ahead
+constexpr __mmask16 kLastChunkLanes = (1u << (kBlockColumns - (kChunks - 1) * kLanes)) - 1;
+constexpr uint64_t kCellStarts = 0x1111111111111111u;            // bit 4j of a probe word is block column j
+
+static_assert(kChunks + 1 == kProbeWords, "one probe word per chunk and a zero word for the look-ahead");
+
+#define KP_AVX512 __attribute__((target("avx512f,avx512bw,bmi2")))
+
+KP_AVX512 inline __m512i load(const void* p) { return _mm512_loadu_si512(p); }
+KP_AVX512 inline void store(void* p, __m512i v) { _mm512_storeu_si512(p, v); }
+
+// (x * x + 128) >> 8 per lane, |x| < 2^15; see the AVX2 loop for why madd of x with itself is exact here.
+KP_AVX512 inline __m512i energy(__m512i x) {
+    return _mm512_srli_epi32(_mm512_add_epi32(_mm512_madd_epi16(x, x), _mm512_set1_epi32(128)), 8);
+}
+
+// One converted cell row.
+struct CellRow {
+    alignas(64) int16_t upper[kWords];       // rows 0 + 1
+    alignas(64) int16_t lower[kWords];       // rows 2 + 3
+    alignas(64) int16_t alternating[kWords]; // rows 0 - 1 + 2 - 3
+    uint64_t hot0[kProbeWords];              // saturated pixels of row 0 (probe bit layout)
+    uint64_t hot3[kProbeWords];              // and of row 3
+};
+
+// What a cell row leaves for the row of blocks below it (it is then their upper half).
+struct UpperHalf {
+    alignas(64) int16_t block[kChunks * kChunkWords];       // block-wide pair sums
+    alignas(64) int16_t centre[kChunks * kChunkWords];      // centre-column pair sums of rows 2 + 3
+    alignas(64) int16_t alternating[kChunks * kChunkWords]; // block-wide alternating pair sums
+};
+
+struct Accumulators {
+    __m512i c;
+    __m512i a;
+    __m512i ok;
+};
+
+// Pair sums of chunk m of the cell row whose first pixel row is `rows`, and the saturation bits of its
+// rows 0 and 3.
+KP_AVX512 inline void convertChunk(const uint8_t* rows, int m, CellRow& row) {
+    const __m512i ones8 = _mm512_set1_epi8(1);
+    const __m512i limit = _mm512_set1_epi8(static_cast<char>(kSaturationLimit));
+    const uint8_t* p = rows + m * kChunkBytes;
+    const int k = m * kChunkWords;
+    const __m512i r0 = load(p);
+    const __m512i r3 = load(p + 3 * kFrameWidth);
+    const __m512i p0 = _mm512_maddubs_epi16(r0, ones8);
+    const __m512i p1 = _mm512_maddubs_epi16(load(p + kFrameWidth), ones8);
+    const __m512i p2 = _mm512_maddubs_epi16(load(p + 2 * kFrameWidth), ones8);
+    const __m512i p3 = _mm512_maddubs_epi16(r3, ones8);
+    store(row.upper + k, _mm512_add_epi16(p0, p1));
+    store(row.lower + k, _mm512_add_epi16(p2, p3));
+    store(row.alternating + k, _mm512_add_epi16(_mm512_sub_epi16(p0, p1), _mm512_sub_epi16(p2, p3)));
+    row.hot0[m] = _mm512_cmpgt_epu8_mask(r0, limit);
+    row.hot3[m] = _mm512_cmpgt_epu8_mask(r3, limit);
+}
+
+// Chunk m of a converted cell row: finishes the blocks it is the lower half of (when `blocks`), and keeps
+// what the next row of blocks needs from it. `lanes` are the block columns that exist, `good` the
+// unsaturated ones among them.
+KP_AVX512 inline void useChunk(const CellRow& row, int m, UpperHalf& half, bool blocks, __mmask16 lanes,
+                               __mmask16 good, Accumulators& acc) {
+    const __m512i ones16 = _mm512_set1_epi16(1);
+    constexpr __mmask32 kOddWords = 0xAAAAAAAAu;
+    const int k = m * kChunkWords;
+    // Words 2j..2j+3 of block column j: this chunk's and, two words on, the next cell's.
+    const __m512i blockSum = _mm512_add_epi16(_mm512_add_epi16(load(row.upper + k), load(row.lower + k)),
+                                              _mm512_add_epi16(load(row.upper + k + 2), load(row.lower + k + 2)));
+    const __m512i blockAlt = _mm512_add_epi16(load(row.alternating + k), load(row.alternating + k + 2));
+    // Words 2j+1 and 2j+2: the centre columns.
+    const __m512i centreLower = _mm512_mask_blend_epi16(kOddWords, load(row.lower + k + 2), load(row.lower + k));
+    if (blocks) {
+        const __m512i centreUpper =
+            _mm512_mask_blend_epi16(kOddWords, load(row.upper + k + 2), load(row.upper + k));
+        // C = 3 I - (T - I) = 4 I - T; the word sums stay within 16 bits, madd folds each pair.
+        const __m512i centre = _mm512_add_epi16(load(half.centre + k), centreUpper);
+        const __m512i cWords =
+            _mm512_sub_epi16(_mm512_sub_epi16(_mm512_slli_epi16(centre, 2), load(half.block + k)), blockSum);
+        const __m512i aWords = _mm512_add_epi16(load(half.alternating + k), blockAlt);
+        const __m512i eC = energy(_mm512_madd_epi16(cWords, ones16));
+        const __m512i eA = energy(_mm512_madd_epi16(aWords, ones16));
+        acc.c = _mm512_mask_add_epi32(acc.c, lanes, acc.c, eC);
+        acc.a = _mm512_mask_add_epi32(acc.a, lanes, acc.a, eA);
+        acc.ok = _mm512_mask_add_epi32(acc.ok, good, acc.ok, eC);
+    }
+    store(half.block + k, blockSum);
+    store(half.centre + k, centreLower);
+    store(half.alternating + k, blockAlt);
+}
+
+} // namespace
+
+KP_AVX512 FocusSums focusSumsAVX512(const uint8_t* frame) {
+    // Cell row g is converted while cell row g - 1 is used, so that no load waits on a recent store.
+    CellRow cellRows[2];
+    UpperHalf half;
+    uint64_t tops[2][kProbeWords] = {};
+    uint64_t bottom[kProbeWords] = {};
+    for (CellRow& row : cellRows) {
+        // The look-ahead past the last chunk only feeds dropped lanes; keep what it reads defined.
+        for (int k = kChunks * kChunkWords; k < kWords; ++k) {
+            row.upper[k] = row.lower[k] = row.alternating[k] = 0;
+        }
+        row.hot0[kProbeWords - 1] = 0;
+        row.hot3[kProbeWords - 1] = 0;
+    }
+    const __m512i zero = _mm512_setzero_si512();
+    Accumulators acc{zero, zero, zero};
+    int32_t count = 1;
+
+    const uint8_t* origin = frame + static_cast<size_t>(kFirstRow) * kFrameWidth + kFirstColumn;
+    constexpr int kCellRows = kBlockRows + 1;
+    for (int m = 0; m < kChunks; ++m) {
+        convertChunk(origin, m, cellRows[0]);
+    }
+    for (int g = 1; g <= kCellRows; ++g) {
+        const bool convert = g < kCellRows;
+        const uint8_t* rows = origin + static_cast<size_t>(kBlockStep * g) * kFrameWidth;
+        CellRow& next = cellRows[g & 1];
+
+        // Cell row h = g - 1 is the lower half of block row h - 1 and then the upper half of block row h.
+        const int h = g - 1;
+        const CellRow& row = cellRows[h & 1];
+        uint64_t* top = tops[h & 1];
+        const uint64_t* prevTop = tops[(h & 1) ^ 1];
+        probeBits(row.hot0, row.hot3, top, bottom);
+        const bool blocks = h > 0;
+        uint64_t good[kProbeWords] = {};
+        if (blocks) {
+            for (int w = 0; w + 1 < kProbeWords; ++w) {
+                good[w] = ~(prevTop[w] | bottom[w]) & kProbeLanes[w];
+                count += __builtin_popcountll(good[w]);
+            }
+        }
+        for (int m = 0; m < kChunks; ++m) {
+            if (convert) {
+                convertChunk(rows, m, next);
+            }
+            const __mmask16 lanes = m + 1 < kChunks ? __mmask16{0xFFFF} : kLastChunkLanes;
+            const auto goodLanes = static_cast<__mmask16>(_pext_u64(good[m], kCellStarts));
+            useChunk(row, m, half, blocks, lanes, goodLanes, acc);
+        }
+    }
+
+    FocusSums sums;
+    sums.accC = static_cast<uint32_t>(_mm512_reduce_add_epi32(acc.c));
+    sums.accA = static_cast<uint32_t>(_mm512_reduce_add_epi32(acc.a));
+    sums.accOK = static_cast<uint32_t>(_mm512_reduce_add_epi32(acc.ok));
+    sums.count = count;
+    return sums;
+}
+
+} // namespace kp::focus
+
+#endif
