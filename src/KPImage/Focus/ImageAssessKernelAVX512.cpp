@@ -28,11 +28,11 @@ constexpr int kChunkBytes = kLanes * kBlockStep;                 // 64 pixels, o
 constexpr int kChunkWords = kChunkBytes / 2;                     // 32 pair sums
 constexpr int kWords = kChunks * kChunkWords + kChunkWords;      // room for the one-cell look-ahead
 constexpr __mmask16 kLastChunkLanes = (1u << (kBlockColumns - (kChunks - 1) * kLanes)) - 1;
-constexpr uint64_t kCellStarts = 0x1111111111111111u;            // bit 4j of a probe word is block column j
 
-static_assert(kChunks + 1 == kProbeWords, "one probe word per chunk and a zero word for the look-ahead");
+// The block columns of chunk m that exist.
+constexpr __mmask16 chunkLanes(int m) { return m + 1 < kChunks ? __mmask16{0xFFFF} : kLastChunkLanes; }
 
-#define KP_AVX512 __attribute__((target("avx512f,avx512bw,bmi2")))
+#define KP_AVX512 __attribute__((target("avx512f,avx512bw")))
 
 KP_AVX512 inline __m512i load(const void* p) { return _mm512_loadu_si512(p); }
 KP_AVX512 inline void store(void* p, __m512i v) { _mm512_storeu_si512(p, v); }
@@ -47,8 +47,6 @@ struct CellRow {
     alignas(64) int16_t upper[kWords];       // rows 0 + 1
     alignas(64) int16_t lower[kWords];       // rows 2 + 3
     alignas(64) int16_t alternating[kWords]; // rows 0 - 1 + 2 - 3
-    uint64_t hot0[kProbeWords];              // saturated pixels of row 0 (probe bit layout)
-    uint64_t hot3[kProbeWords];              // and of row 3
 };
 
 // What a cell row leaves for the row of blocks below it (it is then their upper half).
@@ -58,21 +56,51 @@ struct UpperHalf {
     alignas(64) int16_t alternating[kChunks * kChunkWords]; // block-wide alternating pair sums
 };
 
+// Saturated probes. Lane j of a chunk's vector stands for its block column j; byte 3 of the lane holds the
+// largest probe pixel of the cell row's part of that block.
+struct Probes {
+    __m512i top[kChunks];       // the cell row as the upper half of its blocks
+    __mmask16 good[2][kChunks]; // unsaturated blocks of the row of blocks the cell row ends
+};
+
 struct Accumulators {
     __m512i c;
     __m512i a;
     __m512i ok;
 };
 
-// Pair sums of chunk m of the cell row whose first pixel row is `rows`, and the saturation bits of its
-// rows 0 and 3.
-KP_AVX512 inline void convertChunk(const uint8_t* rows, int m, CellRow& row) {
+// Rows 0 and 3 of a chunk of a cell row and of the chunk after it (zero after the last).
+struct EdgeRows {
+    __m512i row0;
+    __m512i row3;
+    __m512i row0Next;
+    __m512i row3Next;
+};
+
+// The next chunk's edge rows; the chunk after the last only feeds lanes that are dropped.
+KP_AVX512 inline void advanceEdges(const uint8_t* rows, int m, EdgeRows& edges) {
+    edges.row0 = edges.row0Next;
+    edges.row3 = edges.row3Next;
+    const bool last = m + 2 >= kChunks;
+    edges.row0Next = last ? _mm512_setzero_si512() : load(rows + (m + 2) * kChunkBytes);
+    edges.row3Next = last ? _mm512_setzero_si512() : load(rows + (m + 2) * kChunkBytes + 3 * kFrameWidth);
+}
+
+// Edge rows of the first chunk of a cell row.
+KP_AVX512 inline EdgeRows firstEdges(const uint8_t* rows) {
+    return {load(rows), load(rows + 3 * kFrameWidth), load(rows + kChunkBytes), load(rows + kChunkBytes + 3 * kFrameWidth)};
+}
+
+// Pair sums of chunk m of cell row g (first pixel row `rows`) and its probes; from the second cell row on,
+// the unsaturated blocks (among `lanes`) of the row of blocks it ends, which are also counted.
+KP_AVX512 inline void convertChunk(const uint8_t* rows, int g, int m, const EdgeRows& edges, __mmask16 lanes,
+                                   CellRow& row, Probes& probes, int32_t& count) {
     const __m512i ones8 = _mm512_set1_epi8(1);
-    const __m512i limit = _mm512_set1_epi8(static_cast<char>(kSaturationLimit));
+    const __m512i limit = _mm512_set1_epi32(static_cast<int32_t>((uint32_t{kSaturationLimit} << 24) | 0xFFFFFFu));
     const uint8_t* p = rows + m * kChunkBytes;
     const int k = m * kChunkWords;
-    const __m512i r0 = load(p);
-    const __m512i r3 = load(p + 3 * kFrameWidth);
+    const __m512i r0 = edges.row0;
+    const __m512i r3 = edges.row3;
     const __m512i p0 = _mm512_maddubs_epi16(r0, ones8);
     const __m512i p1 = _mm512_maddubs_epi16(load(p + kFrameWidth), ones8);
     const __m512i p2 = _mm512_maddubs_epi16(load(p + 2 * kFrameWidth), ones8);
@@ -80,8 +108,23 @@ KP_AVX512 inline void convertChunk(const uint8_t* rows, int m, CellRow& row) {
     store(row.upper + k, _mm512_add_epi16(p0, p1));
     store(row.lower + k, _mm512_add_epi16(p2, p3));
     store(row.alternating + k, _mm512_add_epi16(_mm512_sub_epi16(p0, p1), _mm512_sub_epi16(p2, p3)));
-    row.hot0[m] = _mm512_cmpgt_epu8_mask(r0, limit);
-    row.hot3[m] = _mm512_cmpgt_epu8_mask(r3, limit);
+
+    // Lane j holds pixels 4j..4j+3 of a row; shifted by a lane, pixels 4j+4..4j+7. Upper half: row 0 at
+    // columns 0, 4, 7; row 3 at column 0. Lower half (block rows 4 and 7): row 0 at column 7; row 3 at
+    // columns 0, 3, 7. Byte 0 moves to byte 3 by a lane shift.
+    const __m512i r0Ahead = _mm512_alignr_epi32(edges.row0Next, r0, 1);
+    const __m512i r3Ahead = _mm512_alignr_epi32(edges.row3Next, r3, 1);
+    const __m512i top =
+        _mm512_max_epu8(_mm512_slli_epi32(_mm512_max_epu8(_mm512_max_epu8(r0, r3), r0Ahead), 24), r0Ahead);
+    const __m512i bottom = _mm512_max_epu8(_mm512_max_epu8(r0Ahead, r3Ahead), _mm512_max_epu8(r3, _mm512_slli_epi32(r3, 24)));
+    if (g > 0) {
+        // Byte 3 above 199 and any lower bytes: the lane exceeds 0xC7FFFFFF.
+        const __mmask16 saturated = _mm512_cmpgt_epu32_mask(_mm512_max_epu8(probes.top[m], bottom), limit);
+        const __mmask16 good = static_cast<__mmask16>(~saturated & lanes);
+        probes.good[g & 1][m] = good;
+        count += __builtin_popcount(good);
+    }
+    probes.top[m] = top;
 }
 
 // Chunk m of a converted cell row: finishes the blocks it is the lower half of (when `blocks`), and keeps
@@ -123,15 +166,12 @@ KP_AVX512 FocusSums focusSumsAVX512(const uint8_t* frame) {
     // Cell row g is converted while cell row g - 1 is used, so that no load waits on a recent store.
     CellRow cellRows[2];
     UpperHalf half;
-    uint64_t tops[2][kProbeWords] = {};
-    uint64_t bottom[kProbeWords] = {};
+    Probes probes;
     for (CellRow& row : cellRows) {
         // The look-ahead past the last chunk only feeds dropped lanes; keep what it reads defined.
         for (int k = kChunks * kChunkWords; k < kWords; ++k) {
             row.upper[k] = row.lower[k] = row.alternating[k] = 0;
         }
-        row.hot0[kProbeWords - 1] = 0;
-        row.hot3[kProbeWords - 1] = 0;
     }
     const __m512i zero = _mm512_setzero_si512();
     Accumulators acc{zero, zero, zero};
@@ -139,35 +179,25 @@ KP_AVX512 FocusSums focusSumsAVX512(const uint8_t* frame) {
 
     const uint8_t* origin = frame + static_cast<size_t>(kFirstRow) * kFrameWidth + kFirstColumn;
     constexpr int kCellRows = kBlockRows + 1;
+    EdgeRows firstRowEdges = firstEdges(origin);
     for (int m = 0; m < kChunks; ++m) {
-        convertChunk(origin, m, cellRows[0]);
+        convertChunk(origin, 0, m, firstRowEdges, chunkLanes(m), cellRows[0], probes, count);
+        advanceEdges(origin, m, firstRowEdges);
     }
     for (int g = 1; g <= kCellRows; ++g) {
         const bool convert = g < kCellRows;
         const uint8_t* rows = origin + static_cast<size_t>(kBlockStep * g) * kFrameWidth;
-        CellRow& next = cellRows[g & 1];
-
         // Cell row h = g - 1 is the lower half of block row h - 1 and then the upper half of block row h.
         const int h = g - 1;
         const CellRow& row = cellRows[h & 1];
-        uint64_t* top = tops[h & 1];
-        const uint64_t* prevTop = tops[(h & 1) ^ 1];
-        probeBits(row.hot0, row.hot3, top, bottom);
         const bool blocks = h > 0;
-        uint64_t good[kProbeWords] = {};
-        if (blocks) {
-            for (int w = 0; w + 1 < kProbeWords; ++w) {
-                good[w] = ~(prevTop[w] | bottom[w]) & kProbeLanes[w];
-                count += __builtin_popcountll(good[w]);
-            }
-        }
+        EdgeRows edges = convert ? firstEdges(rows) : EdgeRows{};
         for (int m = 0; m < kChunks; ++m) {
             if (convert) {
-                convertChunk(rows, m, next);
+                convertChunk(rows, g, m, edges, chunkLanes(m), cellRows[g & 1], probes, count);
+                advanceEdges(rows, m, edges);
             }
-            const __mmask16 lanes = m + 1 < kChunks ? __mmask16{0xFFFF} : kLastChunkLanes;
-            const auto goodLanes = static_cast<__mmask16>(_pext_u64(good[m], kCellStarts));
-            useChunk(row, m, half, blocks, lanes, goodLanes, acc);
+            useChunk(row, m, half, blocks, chunkLanes(m), blocks ? probes.good[h & 1][m] : __mmask16{0}, acc);
         }
     }
 
