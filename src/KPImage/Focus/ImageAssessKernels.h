@@ -50,8 +50,8 @@ void focusScoresFromSums(const FocusSums& sums, ImageAssessOutput* output);
 /// ImageAssess of a 640 x 480 frame with the given kernel.
 void imageAssessWith(FocusKernel kernel, const uint8_t* frame, ImageAssessOutput* output);
 
-/// Probe pixels of a row of cells as bits: bit t of a word array stands for column 39 + t, and the SIMD
-/// kernels set it when that pixel exceeds the saturation limit. A block's probes sit in its corner cells'
+/// Probe pixels of a row of cells as bits: bit t of a word array stands for column 39 + t, and the
+/// SSE4.1 kernel sets it when that pixel exceeds the saturation limit. A block's probes sit in its corner cells'
 /// first and last columns (cell j spans bits 4j..4j+3) on rows 0 and 3 of its two cell rows.
 inline constexpr int kProbeWords = 10; // 576 columns and a zero word for the look-ahead
 
