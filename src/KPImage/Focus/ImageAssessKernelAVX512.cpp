@@ -42,6 +42,15 @@ KP_AVX512 inline __m512i energy(__m512i x) {
     return _mm512_srli_epi32(_mm512_add_epi32(_mm512_madd_epi16(x, x), _mm512_set1_epi32(128)), 8);
 }
 
+// Wrapping sum of the lanes (the library reduction may add them as signed scalars, which must not overflow).
+KP_AVX512 inline uint32_t laneSum(__m512i v) {
+    const __m256i h = _mm256_add_epi32(_mm512_castsi512_si256(v), _mm512_extracti64x4_epi64(v, 1));
+    __m128i q = _mm_add_epi32(_mm256_castsi256_si128(h), _mm256_extracti128_si256(h, 1));
+    q = _mm_add_epi32(q, _mm_shuffle_epi32(q, 0x4E));
+    q = _mm_add_epi32(q, _mm_shuffle_epi32(q, 0xB1));
+    return static_cast<uint32_t>(_mm_cvtsi128_si32(q));
+}
+
 // One converted cell row.
 struct CellRow {
     alignas(64) int16_t upper[kWords];       // rows 0 + 1
@@ -202,9 +211,9 @@ KP_AVX512 FocusSums focusSumsAVX512(const uint8_t* frame) {
     }
 
     FocusSums sums;
-    sums.accC = static_cast<uint32_t>(_mm512_reduce_add_epi32(acc.c));
-    sums.accA = static_cast<uint32_t>(_mm512_reduce_add_epi32(acc.a));
-    sums.accOK = static_cast<uint32_t>(_mm512_reduce_add_epi32(acc.ok));
+    sums.accC = laneSum(acc.c);
+    sums.accA = laneSum(acc.a);
+    sums.accOK = laneSum(acc.ok);
     sums.count = count;
     return sums;
 }
