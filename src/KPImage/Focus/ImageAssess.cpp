@@ -49,6 +49,10 @@ using SumsFunction = FocusSums (*)(const uint8_t*);
 
 SumsFunction kernelFunction(FocusKernel kernel) {
     switch (kernel) {
+#if defined(__x86_64__)
+    case FocusKernel::AVX512:
+        return focusSumsAVX512;
+#endif
 #if defined(__x86_64__) || defined(__i386__)
     case FocusKernel::AVX2:
         return focusSumsAVX2;
@@ -81,13 +85,19 @@ bool focusKernelAvailable(FocusKernel kernel) {
         __builtin_cpu_init();
         return __builtin_cpu_supports("avx2");
 #endif
+#if defined(__x86_64__)
+    case FocusKernel::AVX512:
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+               __builtin_cpu_supports("bmi2");
+#endif
     default:
         return false;
     }
 }
 
 FocusKernel bestFocusKernel() {
-    for (FocusKernel kernel : {FocusKernel::AVX2, FocusKernel::SSE41}) {
+    for (FocusKernel kernel : {FocusKernel::AVX512, FocusKernel::AVX2, FocusKernel::SSE41}) {
         if (focusKernelAvailable(kernel)) {
             return kernel;
         }
@@ -97,6 +107,8 @@ FocusKernel bestFocusKernel() {
 
 const char* focusKernelName(FocusKernel kernel) {
     switch (kernel) {
+    case FocusKernel::AVX512:
+        return "avx512";
     case FocusKernel::AVX2:
         return "avx2";
     case FocusKernel::SSE41:

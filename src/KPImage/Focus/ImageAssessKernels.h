@@ -30,7 +30,7 @@ struct FocusSums {
 };
 
 /// The implementations of the block loop.
-enum class FocusKernel { Scalar, SSE41, AVX2 };
+enum class FocusKernel { Scalar, SSE41, AVX2, AVX512 };
 
 /// True when this build and this processor can run kernel.
 bool focusKernelAvailable(FocusKernel kernel);
@@ -38,7 +38,7 @@ bool focusKernelAvailable(FocusKernel kernel);
 /// The fastest kernel available here (what ImageAssess uses).
 FocusKernel bestFocusKernel();
 
-/// A short name of the kernel ("scalar", "sse4.1", "avx2").
+/// A short name of the kernel ("scalar", "sse4.1", "avx2", "avx512").
 const char* focusKernelName(FocusKernel kernel);
 
 /// Block sums of a 640 x 480 frame with the given kernel; falls back to the scalar one when it is unavailable.
@@ -50,8 +50,8 @@ void focusScoresFromSums(const FocusSums& sums, ImageAssessOutput* output);
 /// ImageAssess of a 640 x 480 frame with the given kernel.
 void imageAssessWith(FocusKernel kernel, const uint8_t* frame, ImageAssessOutput* output);
 
-/// Probe pixels of a row of cells as bits: bit t of a word array stands for column 39 + t, and the SIMD
-/// kernels set it when that pixel exceeds the saturation limit. A block's probes sit in its corner cells'
+/// Probe pixels of a row of cells as bits: bit t of a word array stands for column 39 + t, and the
+/// SSE4.1 kernel sets it when that pixel exceeds the saturation limit. A block's probes sit in its corner cells'
 /// first and last columns (cell j spans bits 4j..4j+3) on rows 0 and 3 of its two cell rows.
 inline constexpr int kProbeWords = 10; // 576 columns and a zero word for the look-ahead
 
@@ -83,6 +83,9 @@ FocusSums focusSumsScalar(const uint8_t* frame);
 #if defined(__x86_64__) || defined(__i386__)
 FocusSums focusSumsSSE41(const uint8_t* frame);
 FocusSums focusSumsAVX2(const uint8_t* frame);
+#endif
+#if defined(__x86_64__)
+FocusSums focusSumsAVX512(const uint8_t* frame); // needs AVX-512 F and BW, and BMI2
 #endif
 
 } // namespace kp::focus

@@ -75,7 +75,7 @@ ImageAssessOutput assess(Frame& frame) {
 
 std::vector<FocusKernel> availableKernels() {
     std::vector<FocusKernel> kernels;
-    for (FocusKernel k : {FocusKernel::Scalar, FocusKernel::SSE41, FocusKernel::AVX2}) {
+    for (FocusKernel k : {FocusKernel::Scalar, FocusKernel::SSE41, FocusKernel::AVX2, FocusKernel::AVX512}) {
         if (kp::focus::focusKernelAvailable(k)) {
             kernels.push_back(k);
         }
