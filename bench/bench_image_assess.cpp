@@ -182,7 +182,8 @@ private:
 
 int main(int argc, char** argv) {
     benchmark::RegisterBenchmark("ImageAssess", BM_ImageAssess)->Unit(benchmark::kMicrosecond);
-    for (auto kernel : {kp::focus::FocusKernel::Scalar, kp::focus::FocusKernel::SSE41, kp::focus::FocusKernel::AVX2}) {
+    for (auto kernel : {kp::focus::FocusKernel::Scalar, kp::focus::FocusKernel::SSE41, kp::focus::FocusKernel::AVX2,
+                        kp::focus::FocusKernel::AVX512}) {
         if (kp::focus::focusKernelAvailable(kernel)) {
             benchmark::RegisterBenchmark((std::string("ImageAssessKernel/") + kp::focus::focusKernelName(kernel)).c_str(),
                                          BM_Kernel, kernel)
