@@ -20,13 +20,14 @@ std::optional<kp::UIImage> load(const std::string& path) {
     return image;
 }
 
-int analyze(const std::vector<std::string>& argv) {
+/// Runs print on each FILE argument's image; files that cannot be read are reported and make the result 1.
+template <typename Print> int forEachImage(const std::vector<std::string>& argv, const char* command, Print print) {
     Args args(argv, {}, {});
     if (!args.error().empty()) {
         return fail(args.error());
     }
     if (args.positional().empty()) {
-        return fail("analyze needs at least one FILE");
+        return fail(std::string(command) + " needs at least one FILE");
     }
     int status = 0;
     for (const std::string& path : args.positional()) {
@@ -35,37 +36,29 @@ int analyze(const std::vector<std::string>& argv) {
             status = 1;
             continue;
         }
-        JsonObject o;
-        o.add("file", path)
-            .add("width", static_cast<uint64_t>(kp::CGImageGetWidth(image->CGImage())))
-            .add("height", static_cast<uint64_t>(kp::CGImageGetHeight(image->CGImage())))
-            .add("grayscale", image->isGrayScale())
-            .add("focus", image->calculateFocus())
-            .add("focusScore", image->calculateFocusScore(1, 1, 10))
-            .add("brightness", image->calculateBrightness());
-        std::cout << o.str() << std::endl;
+        std::cout << print(path, *image).str() << std::endl;
     }
     return status;
 }
 
+int analyze(const std::vector<std::string>& argv) {
+    return forEachImage(argv, "analyze", [](const std::string& path, const kp::UIImage& image) {
+        JsonObject o;
+        o.add("file", path)
+            .add("width", static_cast<uint64_t>(kp::CGImageGetWidth(image.CGImage())))
+            .add("height", static_cast<uint64_t>(kp::CGImageGetHeight(image.CGImage())))
+            .add("grayscale", image.isGrayScale())
+            .add("focus", image.calculateFocus())
+            .add("focusScore", image.calculateFocusScore(1, 1, 10))
+            .add("brightness", image.calculateBrightness());
+        return o;
+    });
+}
+
 int focus(const std::vector<std::string>& argv) {
-    Args args(argv, {}, {});
-    if (!args.error().empty()) {
-        return fail(args.error());
-    }
-    if (args.positional().empty()) {
-        return fail("focus needs at least one FILE");
-    }
-    int status = 0;
-    for (const std::string& path : args.positional()) {
-        auto image = load(path);
-        if (!image) {
-            status = 1;
-            continue;
-        }
-        std::cout << JsonObject().add("file", path).add("focus", image->calculateFocus()).str() << std::endl;
-    }
-    return status;
+    return forEachImage(argv, "focus", [](const std::string& path, const kp::UIImage& image) {
+        return JsonObject().add("file", path).add("focus", image.calculateFocus());
+    });
 }
 
 int focusScore(const std::vector<std::string>& argv) {

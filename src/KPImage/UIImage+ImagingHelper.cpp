@@ -26,6 +26,22 @@ int64_t truncatedSide(CGFloat v) {
     return static_cast<int64_t>(v);
 }
 
+/// The bitmap drawn (resampled) into a new w x h bitmap of the given layout, as an image; nil when no such
+/// bitmap can be made.
+std::optional<UIImage> drawnIntoBitmap(const CGImageRef& bitmap, size_t w, size_t h, size_t bytesPerRow,
+                                       const CGColorSpaceRef& space, CGBitmapInfo info) {
+    CGContextRef ctx = CGBitmapContextCreate(nullptr, w, h, 8, bytesPerRow, space, info);
+    if (!ctx) {
+        return std::nullopt;
+    }
+    CGContextDrawImage(ctx, CGRectMake(0, 0, static_cast<CGFloat>(w), static_cast<CGFloat>(h)), bitmap);
+    CGImageRef drawn = CGBitmapContextCreateImage(ctx);
+    if (!drawn) {
+        return std::nullopt;
+    }
+    return UIImage::imageWithCGImage(std::move(drawn));
+}
+
 /// Double to unsigned as the library's ARM64 home converts it: truncation, saturating at both ends.
 uint64_t toUnsigned(CGFloat v) {
     if (!(v > 0)) {
@@ -90,18 +106,8 @@ std::optional<UIImage> UIImage::makeGrayScale() const {
     if (width <= 0 || height <= 0) {
         return std::nullopt;
     }
-    CGContextRef ctx = CGBitmapContextCreate(nullptr, static_cast<size_t>(width), static_cast<size_t>(height), 8,
-                                             static_cast<size_t>(width), CGColorSpaceCreateDeviceGray(),
-                                             kCGImageAlphaNone);
-    if (!ctx) {
-        return std::nullopt;
-    }
-    CGContextDrawImage(ctx, CGRectMake(0, 0, static_cast<CGFloat>(width), static_cast<CGFloat>(height)), _image);
-    CGImageRef gray = CGBitmapContextCreateImage(ctx);
-    if (!gray) {
-        return std::nullopt;
-    }
-    return UIImage::imageWithCGImage(std::move(gray));
+    return drawnIntoBitmap(_image, static_cast<size_t>(width), static_cast<size_t>(height),
+                           static_cast<size_t>(width), CGColorSpaceCreateDeviceGray(), kCGImageAlphaNone);
 }
 
 std::optional<UIImage> UIImage::makeGrayScaleAndScale(int32_t scale) const {
@@ -163,19 +169,7 @@ std::optional<UIImage> scaleImage(const UIImage& image) {
     }
     const auto w = static_cast<size_t>(sw);
     const auto h = static_cast<size_t>(sh);
-    const size_t bytesPerRow = w * (cg->bitsPerPixel() / 8);
-    std::vector<uint8_t> buffer(bytesPerRow * h);
-    CGContextRef ctx =
-        CGBitmapContextCreate(buffer.data(), w, h, 8, bytesPerRow, cg->colorSpace(), cg->bitmapInfo());
-    if (!ctx) {
-        return std::nullopt;
-    }
-    CGContextDrawImage(ctx, CGRectMake(0, 0, static_cast<CGFloat>(w), static_cast<CGFloat>(h)), cg);
-    CGImageRef scaled = CGBitmapContextCreateImage(ctx);
-    if (!scaled) {
-        return std::nullopt;
-    }
-    return UIImage::imageWithCGImage(std::move(scaled));
+    return drawnIntoBitmap(cg, w, h, w * (cg->bitsPerPixel() / 8), cg->colorSpace(), cg->bitmapInfo());
 }
 
 uint8_t* padImage(const UIImage& image) {
