@@ -115,11 +115,12 @@ private:
     CGInterpolationQuality _interpolation = kCGInterpolationDefault;
     CGFloat _alpha = 1.0;
     struct SavedState {
+        CGColor fill;
+        CGColor stroke;
         CGFloat alpha;
         CGInterpolationQuality interpolation;
     };
-    std::vector<std::pair<CGColor, CGColor>> _colorStack;
-    std::vector<SavedState> _stateStack;
+    std::vector<SavedState> _savedStates; // what saveGState keeps beside Cairo's own state
 };
 using CGContextRef = std::shared_ptr<CGContext>;
 

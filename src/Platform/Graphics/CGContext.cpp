@@ -8,9 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <numbers>
-#include <tuple>
 
 namespace kp {
 
@@ -49,6 +47,16 @@ cairo_surface_t* surfaceForImage(const CGImage& image) {
     }
     cairo_surface_mark_dirty(surface);
     return surface;
+}
+
+/// Makes rect the current path; false (and no path change) for a rect that is not finite.
+bool rectPath(cairo_t* cr, CGRect rect) {
+    if (!finiteRect(rect)) {
+        return false;
+    }
+    cairo_new_path(cr);
+    cairo_rectangle(cr, rect.origin.x, rect.origin.y, rect.size.width, rect.size.height);
+    return true;
 }
 
 cairo_filter_t filterFor(CGInterpolationQuality q) {
@@ -169,20 +177,20 @@ CGImageRef CGContext::createImage() {
 
 void CGContext::saveGState() {
     cairo_save(_cr);
-    _colorStack.emplace_back(_fill, _stroke);
-    _stateStack.push_back({_alpha, _interpolation});
+    _savedStates.push_back({_fill, _stroke, _alpha, _interpolation});
 }
 
 void CGContext::restoreGState() {
-    if (_colorStack.empty()) {
+    if (_savedStates.empty()) {
         return;
     }
     cairo_restore(_cr);
-    std::tie(_fill, _stroke) = _colorStack.back();
-    _colorStack.pop_back();
-    _alpha = _stateStack.back().alpha;
-    _interpolation = _stateStack.back().interpolation;
-    _stateStack.pop_back();
+    const SavedState& saved = _savedStates.back();
+    _fill = saved.fill;
+    _stroke = saved.stroke;
+    _alpha = saved.alpha;
+    _interpolation = saved.interpolation;
+    _savedStates.pop_back();
 }
 
 void CGContext::translateCTM(CGFloat tx, CGFloat ty) {
@@ -241,23 +249,15 @@ void CGContext::setInterpolationQuality(CGInterpolationQuality quality) { _inter
 void CGContext::applyColor(const CGColor& c) { cairo_set_source_rgba(_cr, c.red, c.green, c.blue, c.alpha * _alpha); }
 
 void CGContext::fillRect(CGRect rect) {
-    if (!finiteRect(rect)) {
-        return;
+    if (rectPath(_cr, rect)) {
+        fillPath();
     }
-    cairo_new_path(_cr);
-    cairo_rectangle(_cr, rect.origin.x, rect.origin.y, rect.size.width, rect.size.height);
-    applyColor(_fill);
-    cairo_fill(_cr);
 }
 
 void CGContext::strokeRect(CGRect rect) {
-    if (!finiteRect(rect)) {
-        return;
+    if (rectPath(_cr, rect)) {
+        strokePath();
     }
-    cairo_new_path(_cr);
-    cairo_rectangle(_cr, rect.origin.x, rect.origin.y, rect.size.width, rect.size.height);
-    applyColor(_stroke);
-    cairo_stroke(_cr);
 }
 
 void CGContext::strokeRectWithWidth(CGRect rect, CGFloat width) {
@@ -268,13 +268,11 @@ void CGContext::strokeRectWithWidth(CGRect rect, CGFloat width) {
 }
 
 void CGContext::clearRect(CGRect rect) {
-    if (!finiteRect(rect)) {
+    if (!rectPath(_cr, rect)) {
         return;
     }
     cairo_save(_cr);
     cairo_set_operator(_cr, CAIRO_OPERATOR_CLEAR);
-    cairo_new_path(_cr);
-    cairo_rectangle(_cr, rect.origin.x, rect.origin.y, rect.size.width, rect.size.height);
     cairo_fill(_cr);
     cairo_restore(_cr);
 }
@@ -300,8 +298,7 @@ void CGContext::fillEllipseInRect(CGRect rect) {
         return;
     }
     ellipsePath(_cr, rect);
-    applyColor(_fill);
-    cairo_fill(_cr);
+    fillPath();
 }
 
 void CGContext::strokeEllipseInRect(CGRect rect) {
@@ -309,8 +306,7 @@ void CGContext::strokeEllipseInRect(CGRect rect) {
         return;
     }
     ellipsePath(_cr, rect);
-    applyColor(_stroke);
-    cairo_stroke(_cr);
+    strokePath();
 }
 
 void CGContext::beginPath() { cairo_new_path(_cr); }
@@ -349,12 +345,9 @@ void CGContext::strokePath() {
     cairo_stroke(_cr);
 }
 void CGContext::clipToRect(CGRect rect) {
-    if (!finiteRect(rect)) {
-        return;
+    if (rectPath(_cr, rect)) {
+        cairo_clip(_cr);
     }
-    cairo_new_path(_cr);
-    cairo_rectangle(_cr, rect.origin.x, rect.origin.y, rect.size.width, rect.size.height);
-    cairo_clip(_cr);
 }
 
 void CGContext::drawImage(CGRect rect, const CGImageRef& image) {
