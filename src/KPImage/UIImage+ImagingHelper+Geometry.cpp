@@ -5,6 +5,7 @@
 #include "KPImage/Platform/CGContext.h"
 #include "KPImage/Platform/SystemLog.h"
 #include "KPImage/Platform/UIGraphics.h"
+#include "KPImage/ImagingHelperSupport.h"
 
 #include <cmath>
 #include <cstdint>
@@ -19,30 +20,15 @@ kp::CGFloat RadiansToDegrees(kp::CGFloat radians) { return radians * 180.0 / 3.1
 
 namespace kp {
 
+using detail::logMissingBitmap;
+using detail::toUnsigned;
+
 namespace {
 
 // Source lines the error messages name; they identify the failing method in existing log analysis.
 constexpr int kCropLine = 801;
 constexpr int kCropViewLine = 860;
 constexpr int kRotateLine = 942;
-
-void logMissingBitmap(const char* method, int line, const UIImage& image) {
-    // %@ of the line is the image's description.
-    NSLog("%s [Line %d] *** error: image must be backed by a CGImage: %s", method, line,
-          image.description().c_str());
-}
-
-// Floating point to unsigned the way 64-bit ARM converts: NaN and negatives give 0, values past the range
-// saturate. Keeps garbage input defined instead of undefined behaviour.
-uint64_t toUnsigned(double v) {
-    if (!(v > 0)) {
-        return 0;
-    }
-    if (v >= 18446744073709551616.0) {
-        return UINT64_MAX;
-    }
-    return static_cast<uint64_t>(v);
-}
 
 // An image context (not opaque, scale 1) open for the object's life. A begin always pushes an entry, null
 // when the size cannot make a bitmap, so the end is always paired with it.

@@ -2,6 +2,7 @@
 // ImagingHelper category: bitmap access, the focus pipeline, the focus quality score and brightness.
 #include "KPImage/UIImage+ImagingHelper.h"
 
+#include "KPImage/ImagingHelperSupport.h"
 #include "KPImage/Platform/CGContext.h"
 #include "KPImage/Platform/SystemLog.h"
 
@@ -9,13 +10,11 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 
 namespace kp {
 
 namespace {
 
-constexpr const char* kNoBitmapFormat = "%s [Line %d] *** error: image must be backed by a CGImage: %s";
 constexpr const char* kRectOutsideFormat = "%s [Line %d] *** error: rect is outside of image";
 
 /// Truncates a size in points to an integer, or -1 when it is not a usable size.
@@ -40,17 +39,6 @@ std::optional<UIImage> drawnIntoBitmap(const CGImageRef& bitmap, size_t w, size_
         return std::nullopt;
     }
     return UIImage::imageWithCGImage(std::move(drawn));
-}
-
-/// Double to unsigned as the library's ARM64 home converts it: truncation, saturating at both ends.
-uint64_t toUnsigned(CGFloat v) {
-    if (!(v > 0)) {
-        return 0;
-    }
-    if (v >= 18446744073709551615.0) {
-        return std::numeric_limits<uint64_t>::max();
-    }
-    return static_cast<uint64_t>(v);
 }
 
 /// The sampling step of the brightness measures: min(W, 10), 1 when that is 0.
@@ -106,8 +94,8 @@ std::optional<UIImage> UIImage::makeGrayScale() const {
     if (width <= 0 || height <= 0) {
         return std::nullopt;
     }
-    return drawnIntoBitmap(_image, static_cast<size_t>(width), static_cast<size_t>(height),
-                           static_cast<size_t>(width), CGColorSpaceCreateDeviceGray(), kCGImageAlphaNone);
+    return drawnIntoBitmap(_image, static_cast<size_t>(width), static_cast<size_t>(height), static_cast<size_t>(width),
+                           CGColorSpaceCreateDeviceGray(), kCGImageAlphaNone);
 }
 
 std::optional<UIImage> UIImage::makeGrayScaleAndScale(int32_t scale) const {
@@ -253,7 +241,7 @@ int32_t UIImage::calculateFocusScore(int32_t offset, int32_t skip, int32_t edgeP
 
 int32_t UIImage::calculateBrightness() const {
     if (!_image) {
-        NSLog(kNoBitmapFormat, "-[UIImage(ImagingHelper) calculateBrightness]", 580, description().c_str());
+        detail::logMissingBitmap("-[UIImage(ImagingHelper) calculateBrightness]", 580, *this);
         return 0;
     }
     const uint64_t W = _image->width();
@@ -277,8 +265,7 @@ int32_t UIImage::calculateBrightness() const {
 
 int32_t UIImage::calculateBrightness(int32_t channels, int32_t edgePercentSkip) const {
     if (!_image) {
-        NSLog(kNoBitmapFormat, "-[UIImage(ImagingHelper) calculateBrightness:edgePercentSkip:]", 632,
-              description().c_str());
+        detail::logMissingBitmap("-[UIImage(ImagingHelper) calculateBrightness:edgePercentSkip:]", 632, *this);
         return 0;
     }
     const uint64_t W = _image->width();
@@ -309,7 +296,7 @@ int32_t UIImage::calculateBrightness(int32_t channels, int32_t edgePercentSkip) 
 
 int32_t UIImage::calculateBrightness(CGRect rect) const {
     if (!_image) {
-        NSLog(kNoBitmapFormat, "-[UIImage(ImagingHelper) calculateBrightness:]", 689, description().c_str());
+        detail::logMissingBitmap("-[UIImage(ImagingHelper) calculateBrightness:]", 689, *this);
         return 0;
     }
     const uint64_t W = _image->width();
@@ -322,10 +309,10 @@ int32_t UIImage::calculateBrightness(CGRect rect) const {
     const uint8_t* data = _image->bytes();
     const uint64_t length = _image->byteCount();
     const uint64_t s = brightnessStep(W);
-    const uint64_t y0 = toUnsigned(rect.origin.y);
-    const uint64_t y1 = toUnsigned(rect.size.height + static_cast<CGFloat>(y0));
-    const uint64_t x0 = toUnsigned(rect.origin.x);
-    const uint64_t x1 = toUnsigned(rect.size.width + static_cast<CGFloat>(x0));
+    const uint64_t y0 = detail::toUnsigned(rect.origin.y);
+    const uint64_t y1 = detail::toUnsigned(rect.size.height + static_cast<CGFloat>(y0));
+    const uint64_t x0 = detail::toUnsigned(rect.origin.x);
+    const uint64_t x1 = detail::toUnsigned(rect.size.width + static_cast<CGFloat>(x0));
     float sum = 0;
     if (y0 <= y1) {
         // Both ends inclusive; the last row or column may lie past the bitmap, whose missing bytes add 0.
