@@ -17,6 +17,7 @@
 #include "KPImage/Platform/AVCaptureDevice.h"
 #include "KPImage/Platform/AVCaptureInput.h"
 #include "KPImage/Platform/AVCaptureMetadataOutput.h"
+#include "KPImage/Platform/AVMetadataObject.h"
 #include "KPImage/Platform/AVCaptureOutput.h"
 #include "KPImage/Platform/AVCaptureSession.h"
 #include "KPImage/Platform/AVCaptureStillImageOutput.h"

@@ -3,14 +3,13 @@
 #pragma once
 
 #include "KPImage/Platform/AVCaptureOutput.h"
+#include "KPImage/Platform/AVMetadataObject.h"
 #include "KPImage/Platform/Dispatch.h"
 
 #include <memory>
 #include <vector>
 
 namespace kp {
-
-class AVMetadataObject;
 
 /// Receives batches of detections on the output's delegate queue.
 class AVCaptureMetadataOutputObjectsDelegate {
