@@ -35,6 +35,8 @@ private:
         bool finished = false;
         std::thread::id id;
     };
+    // Guards the three fields below: a run may call stop() on its own thread while start() is still publishing it.
+    std::mutex _mutex;
     std::shared_ptr<Run> _run;
     std::thread _thread;
     std::shared_ptr<Run> _detached; // a run stopped from itself that may still be finishing
