@@ -10,8 +10,10 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <set>
 
 namespace {
@@ -169,6 +171,68 @@ TEST_F(KPImageDictionaryTest, DeletionRemovesLinksNeverTheirTargets) {
     KPImageDictionary::deleteImageWithFileName("one", "png");
     EXPECT_FALSE(fs::exists(fs::symlink_status(_docs / "one.png")));
     EXPECT_TRUE(fs::exists(outside / "target.png"));
+}
+
+// Restores an environment variable when it goes.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::string& value) : _name(name) {
+        if (const char* old = std::getenv(name)) {
+            _old = old;
+        }
+        ::setenv(name, value.c_str(), 1);
+    }
+    ~ScopedEnv() {
+        if (_old) {
+            ::setenv(_name, _old->c_str(), 1);
+        } else {
+            ::unsetenv(_name);
+        }
+    }
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    const char* _name;
+    std::optional<std::string> _old;
+};
+
+TEST_F(KPImageDictionaryTest, RemovalNeverTakesTheDirectoryOrWhatIsAboveIt) {
+    // A scratch home with the default documents directory in it.
+    const fs::path home = _root / "home";
+    const fs::path docs = home / "Documents";
+    fs::create_directories(docs / "a");
+    ScopedEnv homeEnv("HOME", home.string());
+    ScopedEnv configEnv("XDG_CONFIG_HOME", (home / ".config").string());
+    kp::setDocumentsDirectory("");
+    ASSERT_EQ(kp::NSSearchPathForDirectoriesInDomains(kp::NSDocumentDirectory, kp::NSUserDomainMask, true).front(),
+              docs.string());
+    touch(home / "precious.txt");
+    touch(docs / "kept.png");
+    touch(docs / "a" / "inner.png");
+    fs::create_directory_symlink(home, docs / "up");
+    fs::create_directory_symlink("/", docs / "root");
+
+    // Each of these builds a path that ends in "/.", "/.." or "/" and names the directory or one above it.
+    for (const auto& [name, extension] : std::vector<std::pair<std::string, std::string>>{
+             {".", ""}, {"", "."}, {"a/.", ""}, {"a/", "."}, {"up/", ""}, {"up/", "/"}, {"root/", ""},
+             {"a/../", "."}, {"", "./"}, {"a/", "./"}}) {
+        SCOPED_TRACE(name + "|" + extension);
+        KPImageDictionary::deleteImageWithFileName(name, extension);
+        ASSERT_TRUE(fs::exists(home / "precious.txt"));
+        ASSERT_TRUE(fs::exists(docs / "kept.png"));
+        ASSERT_TRUE(fs::exists(docs / "a" / "inner.png"));
+    }
+    // Names still reach where they say: a file in a subdirectory, a file beside the directory.
+    KPImageDictionary::deleteImageWithFileName("a/inner", "png");
+    EXPECT_FALSE(fs::exists(docs / "a" / "inner.png"));
+    KPImageDictionary::deleteImageWithFileName("../precious", "txt");
+    EXPECT_FALSE(fs::exists(home / "precious.txt"));
+    // The wildcard removes the links themselves and keeps the directory.
+    KPImageDictionary::deleteImageWithFileName("*", "*");
+    EXPECT_TRUE(fs::is_directory(docs));
+    EXPECT_TRUE(fs::is_empty(docs));
+    EXPECT_TRUE(fs::is_directory(home));
 }
 
 TEST_F(KPImageDictionaryTest, UnusableDirectoryGivesNoAndNil) {
