@@ -283,7 +283,9 @@ std::optional<std::vector<uint8_t>> UIImageJPEGRepresentation(const UIImage& ima
 }
 
 std::optional<std::vector<uint8_t>> dataWithContentsOfFile(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Non-blocking, so that opening a FIFO or a device returns at once; the opened file itself is then
+    // checked (no gap between the check and the read).
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
         return std::nullopt;
     }
@@ -344,7 +346,8 @@ bool writeToFile(std::span<const uint8_t> bytes, const std::string& path, bool a
     if (dir.empty()) {
         dir = ".";
     }
-    std::string tmp = (dir / ("." + target.filename().string() + ".XXXXXX")).string();
+    // A short name of fixed length, so that any target name that fits the file system has a temporary one.
+    std::string tmp = (dir / ".kptmp-XXXXXX").string();
     const int fd = ::mkstemp(tmp.data());
     if (fd < 0) {
         return false;

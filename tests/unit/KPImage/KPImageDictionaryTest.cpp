@@ -119,6 +119,21 @@ TEST_F(KPImageDictionaryTest, SavingAgainReplacesAndLeavesNoTemporaryFiles) {
     EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("text"));
 }
 
+TEST_F(KPImageDictionaryTest, EveryNameThatFitsTheFileSystemSaves) {
+    const kp::CGImageRef image = kptest::makeGray(3, 2, pattern(6, 4));
+    // "NAME.png" of up to 255 bytes is a valid file name; the temporary file beside it must be too.
+    for (size_t length = 240; length <= 251; ++length) {
+        SCOPED_TRACE(length);
+        const std::string name(length, 'n');
+        ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(image, name));
+        ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(image, name)); // replacing works too
+        expectSamePixels(image, KPImageDictionary::loadImageWithFileName(name)->CGImage());
+        KPImageDictionary::deleteImageWithFileName(name, "png");
+    }
+    EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(image, std::string(252, 'n')));
+    EXPECT_TRUE(entries().empty());
+}
+
 TEST_F(KPImageDictionaryTest, WildcardDeletion) {
     const auto populate = [&] {
         for (const char* name : {"a.png", "b.png", "c.jpg", "d", "E.PNG", "a.*", "x.tar.png"}) {

@@ -7,6 +7,9 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <random>
 
@@ -163,6 +166,23 @@ TEST(ImageIO, AtomicWritesReplaceWholeFilesOrNothing) {
         ++entries;
     }
     EXPECT_EQ(entries, 1u);
+    fs::remove_all(dir);
+}
+
+TEST(ImageIO, ReadsOnlyRegularFilesAndNeverWaits) {
+    const fs::path dir = scratchDir("fifo");
+    const std::string fifo = (dir / "pipe.png").string();
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    // No writer ever opens the pipe: a blocking open would wait for ever.
+    EXPECT_FALSE(dataWithContentsOfFile(fifo));
+    EXPECT_FALSE(UIImage::imageWithContentsOfFile(fifo));
+    EXPECT_FALSE(dataWithContentsOfFile("/dev/null"));
+    EXPECT_FALSE(dataWithContentsOfFile(dir.string()));
+    // A link to a regular file is read through.
+    const std::vector<uint8_t> bytes{1, 2, 3};
+    ASSERT_TRUE(writeToFile(bytes, (dir / "plain").string(), true));
+    fs::create_symlink(dir / "plain", dir / "link");
+    EXPECT_EQ(dataWithContentsOfFile((dir / "link").string()), bytes);
     fs::remove_all(dir);
 }
 
