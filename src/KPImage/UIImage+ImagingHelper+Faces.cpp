@@ -128,8 +128,7 @@ std::optional<UIImage> UIImage::drawText(const std::string& text, CGPoint atPoin
     atColor.set();
     NSStringAttributes attributes;
     attributes.font = font;
-    // The text takes the colour made current above.
-    attributes.foregroundColor = atColor;
+    // No foreground colour: the text is drawn black, whatever colour was set above.
     attributes.baselineOffset = 1.0f;
     NSStringDrawInRect(text, CGRectIntegral(CGRectMake(atPoint.x, atPoint.y, imageSize.width, imageSize.height)),
                        attributes);

@@ -88,7 +88,8 @@ public:
     /// A copy of the image with square markers at the eyes and mouth and the face box outlined.
     std::optional<UIImage> drawFacialLocationsLeftEye(CGPoint leftEye, CGPoint rightEye, CGPoint mouth,
                                                       CGRect faceBox) const;
-    /// A copy of the image with text drawn at point in a bold font.
+    /// A copy of the image with text drawn at point in a bold font. The colour is made current but the text
+    /// has no foreground colour, so it comes out black as on the platform.
     std::optional<UIImage> drawText(const std::string& text, CGPoint atPoint, const UIColor& atColor,
                                     int fontSize) const;
 
