@@ -332,3 +332,19 @@ TEST(ImageGeometry, StretchingAndEmptyTargets) {
 }
 
 } // namespace
+
+TEST(ImageGeometry, PicturesTooWideToDrawGiveNil) {
+    const kp::UIImage wide =
+        kp::UIImage::imageWithCGImage(kptest::makeBGRA(40000, 2, std::vector<uint8_t>(40000 * 2 * 4, 255)));
+    kptest::LogCapture log;
+    EXPECT_FALSE(wide.resizeToSize(CGSizeMake(100, 2)));
+    EXPECT_FALSE(wide.imageByScalingToSize(CGSizeMake(100, 2)));
+    EXPECT_FALSE(wide.imageByScalingProportionallyToSize(CGSizeMake(100, 100)));
+    EXPECT_FALSE(wide.imageRotatedByDegrees(90));
+    EXPECT_FALSE(wide.rotatedByAngle(90));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"could not scale image", "could not scale image"}));
+    // The bitmap operations that need no drawing still work.
+    const auto cut = wide.imageAtRect(CGRectMake(39990, 0, 10, 2));
+    ASSERT_TRUE(cut);
+    EXPECT_EQ(kp::CGImageGetWidth(cut->CGImage()), 10u);
+}
