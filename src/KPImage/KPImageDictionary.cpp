@@ -5,6 +5,7 @@
 #include "KPImage/Platform/ImageIO.h"
 #include "KPImage/Platform/NSFileManager.h"
 #include "KPImage/Platform/NSSearchPath.h"
+#include "Platform/Graphics/Allocation.h"
 
 #include <filesystem>
 #include <system_error>
@@ -73,7 +74,7 @@ bool removalKeepsDirectory(const std::string& directory, const std::string& path
 }
 
 void removeInside(NSFileManager& manager, const std::string& directory, const std::string& path) {
-    if (removalKeepsDirectory(directory, path)) {
+    if (detail::orOnAllocationFailure(false, [&] { return removalKeepsDirectory(directory, path); })) {
         manager.removeItemAtPath(path);
     }
 }

@@ -5,6 +5,7 @@
 #include "KPImage/Platform/CIDetector.h"
 #include "KPImage/Platform/NSStringDrawing.h"
 #include "KPImage/Platform/UIGraphics.h"
+#include "Platform/Graphics/Allocation.h"
 
 #include <cstdint>
 
@@ -65,7 +66,9 @@ FaceFeatures UIImage::getFaceFeaturesWithAccuracy(int32_t accuracy, bool withLog
     CIDetectorFeatureOptions featureOptions;
     featureOptions.smile = true;
     featureOptions.eyeBlink = true;
-    const std::vector<CIFaceFeature> features = detector->featuresInImage(image, featureOptions);
+    // The detector works on a copy of the picture; a picture that does not fit in memory finds no face.
+    const std::vector<CIFaceFeature> features = detail::orOnAllocationFailure(
+        std::vector<CIFaceFeature>{}, [&] { return detector->featuresInImage(image, featureOptions); });
 
     for (const CIFaceFeature& feature : features) {
         // Every feature sets the angle, so the angle returned is the last feature's, chosen or not.

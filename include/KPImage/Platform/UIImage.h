@@ -39,9 +39,10 @@ public:
     static UIImage imageWithCGImage(CGImageRef image, CGFloat scale, UIImageOrientation orientation);
     /// An image with no bitmap behind it, of the given size in points.
     static UIImage imageWithoutBitmap(CGSize size);
-    /// Decodes PNG or JPEG data; EXIF orientation sets imageOrientation. Nil for anything else.
+    /// Decodes PNG or JPEG data; EXIF orientation sets imageOrientation. Nil for anything else, for a picture
+    /// over maximumDecodedImagePixels() (ImageIO.h) or when its pixels do not fit in memory.
     static std::optional<UIImage> imageWithData(std::span<const uint8_t> data);
-    /// Reads and decodes a PNG or JPEG file; nil when unreadable or not an image.
+    /// Reads and decodes a PNG or JPEG file; nil when unreadable or not an image, as imageWithData.
     static std::optional<UIImage> imageWithContentsOfFile(const std::string& path);
 
     /// The bitmap; null when the image has none.

@@ -2,6 +2,7 @@
 // The drawing context on Cairo: one ARGB32 surface, converted to the bitmap's own layout at the edges.
 #include "KPImage/Platform/CGContext.h"
 
+#include "Platform/Graphics/Allocation.h"
 #include "Platform/Graphics/PixelLayout.h"
 
 #include <cairo.h>
@@ -100,39 +101,43 @@ CGContextRef CGBitmapContextCreate(void* data, size_t width, size_t height, size
         return nullptr;
     }
 
-    auto ctx = std::shared_ptr<CGContext>(new CGContext());
-    ctx->_width = width;
-    ctx->_height = height;
-    ctx->_bitsPerPixel = bitsPerPixel;
-    ctx->_bytesPerRow = bytesPerRow;
-    ctx->_colorSpace = std::move(space);
-    ctx->_bitmapInfo = bitmapInfo;
-    if (data != nullptr) {
-        ctx->_bytes = static_cast<uint8_t*>(data);
-    } else {
-        ctx->_ownBytes.assign(bytesPerRow * height, 0);
-        ctx->_bytes = ctx->_ownBytes.data();
-    }
-    ctx->_direct = layout->isCairoARGB32() && bytesPerRow % 4 == 0 && bytesPerRow <= INT32_MAX;
-    if (ctx->_direct) {
-        ctx->_surface = cairo_image_surface_create_for_data(ctx->_bytes, CAIRO_FORMAT_ARGB32, static_cast<int>(width),
-                                                            static_cast<int>(height), static_cast<int>(bytesPerRow));
-    } else {
-        ctx->_surface =
-            cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(width), static_cast<int>(height));
-    }
-    if (cairo_surface_status(ctx->_surface) != CAIRO_STATUS_SUCCESS) {
-        return nullptr;
-    }
-    if (!ctx->_direct && data != nullptr) {
-        ctx->loadFromBytes();
-    }
-    ctx->_cr = cairo_create(ctx->_surface);
-    if (cairo_status(ctx->_cr) != CAIRO_STATUS_SUCCESS) {
-        return nullptr;
-    }
-    cairo_set_antialias(ctx->_cr, CAIRO_ANTIALIAS_DEFAULT);
-    return ctx;
+    // The context's own bytes are as large as the caller asks: running out of memory gives no context.
+    return detail::orOnAllocationFailure<CGContextRef>(nullptr, [&]() -> CGContextRef {
+        auto ctx = std::shared_ptr<CGContext>(new CGContext());
+        ctx->_width = width;
+        ctx->_height = height;
+        ctx->_bitsPerPixel = bitsPerPixel;
+        ctx->_bytesPerRow = bytesPerRow;
+        ctx->_colorSpace = std::move(space);
+        ctx->_bitmapInfo = bitmapInfo;
+        if (data != nullptr) {
+            ctx->_bytes = static_cast<uint8_t*>(data);
+        } else {
+            ctx->_ownBytes.assign(bytesPerRow * height, 0);
+            ctx->_bytes = ctx->_ownBytes.data();
+        }
+        ctx->_direct = layout->isCairoARGB32() && bytesPerRow % 4 == 0 && bytesPerRow <= INT32_MAX;
+        if (ctx->_direct) {
+            ctx->_surface =
+                cairo_image_surface_create_for_data(ctx->_bytes, CAIRO_FORMAT_ARGB32, static_cast<int>(width),
+                                                    static_cast<int>(height), static_cast<int>(bytesPerRow));
+        } else {
+            ctx->_surface =
+                cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(width), static_cast<int>(height));
+        }
+        if (cairo_surface_status(ctx->_surface) != CAIRO_STATUS_SUCCESS) {
+            return nullptr;
+        }
+        if (!ctx->_direct && data != nullptr) {
+            ctx->loadFromBytes();
+        }
+        ctx->_cr = cairo_create(ctx->_surface);
+        if (cairo_status(ctx->_cr) != CAIRO_STATUS_SUCCESS) {
+            return nullptr;
+        }
+        cairo_set_antialias(ctx->_cr, CAIRO_ANTIALIAS_DEFAULT);
+        return ctx;
+    });
 }
 
 CGContext::~CGContext() {
@@ -186,9 +191,11 @@ CGImageRef CGContext::createImage() {
         return nullptr;
     }
     storeToBytes();
-    std::vector<uint8_t> copy(_bytes, _bytes + _bytesPerRow * _height);
-    return CGImageCreate(_width, _height, 8, _bitsPerPixel, _bytesPerRow, _colorSpace, _bitmapInfo,
-                         CGDataProviderCreateWithData(std::move(copy)));
+    return detail::orOnAllocationFailure<CGImageRef>(nullptr, [&] {
+        std::vector<uint8_t> copy(_bytes, _bytes + _bytesPerRow * _height);
+        return CGImageCreate(_width, _height, 8, _bitsPerPixel, _bytesPerRow, _colorSpace, _bitmapInfo,
+                             CGDataProviderCreateWithData(std::move(copy)));
+    });
 }
 
 void CGContext::saveGState() {

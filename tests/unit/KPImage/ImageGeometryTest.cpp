@@ -2,6 +2,8 @@
 // Cropping, rotating and scaling images: the crop arithmetic, canvas sizes, and where the picture lands.
 #include "KPImage/UIImage+ImagingHelper.h"
 
+#include "KPImage/KPImagingHelper.h"
+
 #include "support/PixelProbe.h"
 #include "support/TestSupport.h"
 
@@ -347,4 +349,27 @@ TEST(ImageGeometry, PicturesTooWideToDrawGiveNil) {
     const auto cut = wide.imageAtRect(CGRectMake(39990, 0, 10, 2));
     ASSERT_TRUE(cut);
     EXPECT_EQ(kp::CGImageGetWidth(cut->CGImage()), 10u);
+}
+
+TEST(ImageGeometry, RunningOutOfMemoryGivesNil) {
+    const kp::UIImage big = coordinateImage(1024, 1024); // 4 MiB of RGBA
+    const kp::UIImage wideGrey = kptest::grayImage(4096, 1024, [](size_t x, size_t) { return x; });
+    const std::vector<uint8_t> greyBytes(1024 * 1024, 50);
+    kptest::LogCapture log;
+    kptest::ScopedAllocationLimit memory(512u << 10);
+    EXPECT_FALSE(big.cropImageAtCoordinates(CGRectMake(0, 0, 900, 900), 10.0f));
+    EXPECT_FALSE(big.cropImageAtCoordinates(CGRectMake(0, 0, 100, 100), 0.0f, CGSizeMake(100, 100)));
+    EXPECT_FALSE(big.imageAtRect(CGRectMake(0, 0, 1024, 1024)));
+    EXPECT_FALSE(big.rotatedByAngle(30));
+    EXPECT_FALSE(big.resizeToSize(CGSizeMake(1000, 1000)));
+    EXPECT_FALSE(big.imageByScalingToSize(CGSizeMake(1000, 1000)));
+    EXPECT_FALSE(big.imageRotatedByDegrees(90));
+    EXPECT_FALSE(big.makeGrayScale());
+    EXPECT_FALSE(wideGrey.makeGrayScaleAndScale(2)); // the reduction's own buffer
+    EXPECT_FALSE(kp::KPImagingHelper::makeUIImageFromGrayScaleData(greyBytes, 1024, 1024, 1024));
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"could not scale image"});
+    // Small results are still made.
+    EXPECT_TRUE(big.imageAtRect(CGRectMake(0, 0, 64, 64)));
+    EXPECT_TRUE(big.resizeToSize(CGSizeMake(64, 64)));
+    EXPECT_GE(memory.refusals(), 10u);
 }

@@ -134,6 +134,16 @@ TEST_F(KPImageDictionaryTest, EveryNameThatFitsTheFileSystemSaves) {
     EXPECT_TRUE(entries().empty());
 }
 
+TEST_F(KPImageDictionaryTest, RunningOutOfMemoryGivesNoAndNil) {
+    const kp::CGImageRef big = kptest::makeRGBA(512, 512, pattern(512 * 512 * 4, 5)); // 1 MiB
+    ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(big, "big"));
+    kptest::ScopedAllocationLimit memory(256u << 10);
+    EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(big, "other"));
+    EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("big"));
+    EXPECT_GE(memory.refusals(), 2u);
+    EXPECT_EQ(entries(), (std::set<std::string>{"big.png"}));
+}
+
 TEST_F(KPImageDictionaryTest, WildcardDeletion) {
     const auto populate = [&] {
         for (const char* name : {"a.png", "b.png", "c.jpg", "d", "E.PNG", "a.*", "x.tar.png"}) {
