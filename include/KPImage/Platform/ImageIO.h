@@ -35,7 +35,8 @@ std::optional<std::vector<uint8_t>> UIImageJPEGRepresentation(const UIImage& ima
 std::optional<std::vector<uint8_t>> dataWithContentsOfFile(const std::string& path);
 /// Writes bytes to path. Atomically: into a temporary file of a short fixed-length name (".kptmp-" and six
 /// random characters) in the same directory, flushed, then renamed over path, so path holds either the old
-/// or the new bytes and every name the file system takes can be written. Returns false on any failure.
+/// or the new bytes and every name the file system takes can be written. Not atomically: straight into path,
+/// which must be (or become) a regular file; a FIFO or device is refused at once. False on any failure.
 bool writeToFile(std::span<const uint8_t> bytes, const std::string& path, bool atomically);
 
 } // namespace kp

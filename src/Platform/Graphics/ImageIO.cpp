@@ -362,8 +362,14 @@ bool writeBytes(std::span<const uint8_t> bytes, const std::string& path, bool at
         return false;
     }
     if (!atomically) {
-        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        // As for reading: a FIFO or device is refused at once instead of waiting for a reader.
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
         if (fd < 0) {
+            return false;
+        }
+        struct stat st {};
+        if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            ::close(fd);
             return false;
         }
         const bool ok = writeAll(fd, bytes);

@@ -319,6 +319,10 @@ TEST(ImageIO, ReadsOnlyRegularFilesAndNeverWaits) {
     EXPECT_FALSE(UIImage::imageWithContentsOfFile(fifo));
     EXPECT_FALSE(dataWithContentsOfFile("/dev/null"));
     EXPECT_FALSE(dataWithContentsOfFile(dir.string()));
+    // Nor does a direct write wait for a reader; an atomic one replaces the pipe by a file.
+    EXPECT_FALSE(writeToFile(std::vector<uint8_t>{1}, fifo, false));
+    EXPECT_TRUE(writeToFile(std::vector<uint8_t>{1}, fifo, true));
+    EXPECT_EQ(dataWithContentsOfFile(fifo), std::vector<uint8_t>{1});
     // A link to a regular file is read through.
     const std::vector<uint8_t> bytes{1, 2, 3};
     ASSERT_TRUE(writeToFile(bytes, (dir / "plain").string(), true));
