@@ -25,14 +25,24 @@ void* allocate(std::size_t size) {
 }
 } // namespace
 
-// The replaceable allocation functions; the aligned and nothrow forms of the standard library end up here or
-// in its own aligned allocation, which it frees itself.
+// The replaceable allocation functions, plain and nothrow (a sanitizer runtime brings its own of each, which must
+// not meet ours); the aligned forms are left to the runtime, which pairs them itself.
 void* operator new(std::size_t size) { return allocate(size); }
 void* operator new[](std::size_t size) { return allocate(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return allocate(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
 
 namespace kptest {
 
