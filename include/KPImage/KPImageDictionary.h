@@ -14,6 +14,10 @@ namespace kp {
 /// may set it with setDocumentsDirectory). The directory is looked up afresh on every call and the files
 /// are the only storage. Names are used unchanged: "a/b" addresses b.png in the existing subdirectory a.
 ///
+/// Warning: since names are not checked, a name containing "/" or ".." reaches outside the directory
+/// ("../x" is x.png beside it; "a/b" may pass through a link); a host that takes names from users must
+/// check them itself. A removal never takes away the documents directory itself or a directory above it.
+///
 /// Example:
 ///     kp::setDocumentsDirectory("/var/lib/myapp/images");
 ///     kp::KPImageDictionary::saveImageAsPNG(photo.CGImage(), "front");
@@ -31,7 +35,9 @@ public:
 
     /// Removes NAME.EXT. With the name "*", removes every entry of the documents directory (files and
     /// directories) whose extension is exactly EXT (case-sensitive), or every entry when EXT is "*"; entries
-    /// that are symbolic links are removed themselves, never what they point to. Failures are ignored.
+    /// that are symbolic links are removed themselves, never what they point to. A path that would remove the
+    /// documents directory or a directory above it (a name or extension ending in "." or "..", such as the
+    /// name "." with the extension "") is refused and nothing is removed. Failures are ignored.
     static void deleteImageWithFileName(const std::string& fileName, const std::string& fileExtension);
 };
 

@@ -5,6 +5,7 @@
 #include "KPImage/Platform/CGContext.h"
 #include "KPImage/Platform/UIDevice.h"
 #include "KPImage/Platform/UIGraphics.h"
+#include "Platform/Graphics/Allocation.h"
 
 #include <limits>
 #include <vector>
@@ -44,12 +45,14 @@ std::optional<UIImage> makeImage(const RawLayout& layout, std::span<const uint8_
     if (count < 0 || data.data() == nullptr || data.size() < static_cast<uint64_t>(count)) {
         return std::nullopt;
     }
-    std::vector<uint8_t> copy(data.begin(), data.begin() + count);
-    const CGImageRef image =
-        CGImageCreate(static_cast<size_t>(width), static_cast<size_t>(height), 8,
-                      static_cast<size_t>(layout.bytesPerPixel) * 8, static_cast<size_t>(bytesPerRow),
-                      layout.gray ? CGColorSpaceCreateDeviceGray() : CGColorSpaceCreateDeviceRGB(), layout.bitmapInfo,
-                      CGDataProviderCreateWithData(std::move(copy)), nullptr, false, kCGRenderingIntentDefault);
+    const CGImageRef image = detail::orOnAllocationFailure<CGImageRef>(nullptr, [&] {
+        std::vector<uint8_t> copy(data.begin(), data.begin() + count);
+        return CGImageCreate(static_cast<size_t>(width), static_cast<size_t>(height), 8,
+                             static_cast<size_t>(layout.bytesPerPixel) * 8, static_cast<size_t>(bytesPerRow),
+                             layout.gray ? CGColorSpaceCreateDeviceGray() : CGColorSpaceCreateDeviceRGB(),
+                             layout.bitmapInfo, CGDataProviderCreateWithData(std::move(copy)), nullptr, false,
+                             kCGRenderingIntentDefault);
+    });
     if (!image) {
         return std::nullopt;
     }
@@ -95,9 +98,12 @@ std::optional<UIImage> KPImagingHelper::makeUIImageFromCMSampleBuffer(const CMSa
     CGImageRef bitmap;
     // The copy leaves the frame free for the camera to reuse as soon as it is unlocked.
     if (base != nullptr && height > 0 && bytesPerRow <= CVPixelBufferGetDataSize(pixels) / height) {
-        std::vector<uint8_t> copy(base, base + bytesPerRow * height);
-        bitmap = CGImageCreate(width, height, 8, 32, bytesPerRow, CGColorSpaceCreateDeviceRGB(), kKPBitmapInfoBGRA,
-                               CGDataProviderCreateWithData(std::move(copy)));
+        // Out of memory leaves no bitmap, and the frame is unlocked all the same.
+        bitmap = detail::orOnAllocationFailure<CGImageRef>(nullptr, [&] {
+            std::vector<uint8_t> copy(base, base + bytesPerRow * height);
+            return CGImageCreate(width, height, 8, 32, bytesPerRow, CGColorSpaceCreateDeviceRGB(), kKPBitmapInfoBGRA,
+                                 CGDataProviderCreateWithData(std::move(copy)));
+        });
     }
     CVPixelBufferUnlockBaseAddress(pixels, 0);
     if (!bitmap) {

@@ -5,6 +5,7 @@
 #include "KPImage/Platform/CIDetector.h"
 #include "KPImage/Platform/NSStringDrawing.h"
 #include "KPImage/Platform/UIGraphics.h"
+#include "Platform/Graphics/Allocation.h"
 
 #include <cstdint>
 
@@ -65,7 +66,9 @@ FaceFeatures UIImage::getFaceFeaturesWithAccuracy(int32_t accuracy, bool withLog
     CIDetectorFeatureOptions featureOptions;
     featureOptions.smile = true;
     featureOptions.eyeBlink = true;
-    const std::vector<CIFaceFeature> features = detector->featuresInImage(image, featureOptions);
+    // The detector works on a copy of the picture; a picture that does not fit in memory finds no face.
+    const std::vector<CIFaceFeature> features = detail::orOnAllocationFailure(
+        std::vector<CIFaceFeature>{}, [&] { return detector->featuresInImage(image, featureOptions); });
 
     for (const CIFaceFeature& feature : features) {
         // Every feature sets the angle, so the angle returned is the last feature's, chosen or not.
@@ -128,8 +131,7 @@ std::optional<UIImage> UIImage::drawText(const std::string& text, CGPoint atPoin
     atColor.set();
     NSStringAttributes attributes;
     attributes.font = font;
-    // The text takes the colour made current above.
-    attributes.foregroundColor = atColor;
+    // No foreground colour: the text is drawn black, whatever colour was set above.
     attributes.baselineOffset = 1.0f;
     NSStringDrawInRect(text, CGRectIntegral(CGRectMake(atPoint.x, atPoint.y, imageSize.width, imageSize.height)),
                        attributes);

@@ -5,6 +5,7 @@
 #include "KPImage/ImagingHelperSupport.h"
 #include "KPImage/Platform/CGContext.h"
 #include "KPImage/Platform/SystemLog.h"
+#include "Platform/Graphics/Allocation.h"
 
 #include <algorithm>
 #include <cmath>
@@ -121,7 +122,12 @@ std::optional<UIImage> UIImage::makeGrayScaleAndScale(int32_t scale) const {
         return index < length ? src[index] : 0u;
     };
     const uint64_t d = s / 2;
-    std::vector<uint8_t> out(w * h);
+    std::optional<std::vector<uint8_t>> buffer = detail::orOnAllocationFailure<std::optional<std::vector<uint8_t>>>(
+        std::nullopt, [&] { return std::vector<uint8_t>(w * h); });
+    if (!buffer) {
+        return std::nullopt;
+    }
+    std::vector<uint8_t>& out = *buffer;
     for (uint64_t j = 0; j < h; ++j) {
         for (uint64_t i = 0; i < w; ++i) {
             const uint64_t r0 = s * j, r1 = s * j + d;

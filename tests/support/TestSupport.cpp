@@ -4,7 +4,58 @@
 
 #include "KPImage/Platform/SystemLog.h"
 
+#include <atomic>
+#include <cstdlib>
+#include <limits>
+#include <new>
+
+namespace {
+std::atomic<size_t> gAllocationLimit{std::numeric_limits<size_t>::max()};
+std::atomic<size_t> gAllocationRefusals{0};
+
+void* allocate(std::size_t size) {
+    if (size > gAllocationLimit.load(std::memory_order_relaxed)) {
+        gAllocationRefusals.fetch_add(1, std::memory_order_relaxed);
+        throw std::bad_alloc();
+    }
+    if (void* p = std::malloc(size == 0 ? 1 : size)) {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+} // namespace
+
+// The replaceable allocation functions, plain and nothrow (a sanitizer runtime brings its own of each, which must
+// not meet ours); the aligned forms are left to the runtime, which pairs them itself.
+void* operator new(std::size_t size) { return allocate(size); }
+void* operator new[](std::size_t size) { return allocate(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return allocate(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
+
 namespace kptest {
+
+ScopedAllocationLimit::ScopedAllocationLimit(size_t maxBytes) {
+    gAllocationRefusals.store(0, std::memory_order_relaxed);
+    gAllocationLimit.store(maxBytes, std::memory_order_relaxed);
+}
+
+ScopedAllocationLimit::~ScopedAllocationLimit() {
+    gAllocationLimit.store(std::numeric_limits<size_t>::max(), std::memory_order_relaxed);
+}
+
+size_t ScopedAllocationLimit::refusals() const { return gAllocationRefusals.load(std::memory_order_relaxed); }
 
 LogCapture::LogCapture() {
     kp::setLogSink([this](std::string_view line) {

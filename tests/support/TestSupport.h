@@ -26,6 +26,19 @@ private:
     std::vector<std::string> _lines;
 };
 
+/// While it lives, every operator new of more than maxBytes bytes in this process (library included) throws
+/// std::bad_alloc, as on a machine short of memory. One at a time; the test binaries replace operator new
+/// for this and otherwise pass every request to malloc.
+class ScopedAllocationLimit {
+public:
+    explicit ScopedAllocationLimit(size_t maxBytes);
+    ~ScopedAllocationLimit();
+    ScopedAllocationLimit(const ScopedAllocationLimit&) = delete;
+    ScopedAllocationLimit& operator=(const ScopedAllocationLimit&) = delete;
+    /// How many requests were refused so far.
+    size_t refusals() const;
+};
+
 /// Path of a file in tests/data.
 std::string dataPath(const std::string& name);
 

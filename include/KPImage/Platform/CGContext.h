@@ -45,8 +45,11 @@ public:
 
     /// The bitmap bytes in the context's layout, brought up to date with what was drawn.
     void* data();
-    /// A new image of what has been drawn so far (the bytes are copied).
+    /// A new image of what has been drawn so far (the bytes are copied); null once a drawing failed.
     CGImageRef createImage();
+    /// True once a drawing could not be done (an image Cairo cannot show, more than 32767 pixels a side, or
+    /// Cairo's own error state): the context then makes no more images.
+    bool failed() const;
 
     void saveGState();
     void restoreGState();
@@ -85,7 +88,8 @@ public:
     void clipToRect(CGRect rect);
 
     /// Draws the image upright into rect with the current transform, resampled bilinearly (nearest with
-    /// kCGInterpolationNone).
+    /// kCGInterpolationNone). An image that cannot be shown (more than 32767 pixels a side, or no memory)
+    /// fails the context; an image of a layout the context cannot read is skipped.
     void drawImage(CGRect rect, const CGImageRef& image);
 
     /// The Cairo context behind this context, for the platform layer's own drawing (text). Borrowed.
@@ -108,6 +112,7 @@ private:
     uint8_t* _bytes = nullptr;      // the layout bytes (caller's or _ownBytes)
     std::vector<uint8_t> _ownBytes; // when the context allocated them
     bool _direct = false;           // Cairo draws straight into _bytes (BGRA premultiplied)
+    bool _failed = false;           // a drawing could not be done; no image comes out any more
     cairo_surface_t* _surface = nullptr;
     cairo_t* _cr = nullptr;
     CGColor _fill{0, 0, 0, 1};

@@ -1,5 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Image file codecs of the platform layer: PNG (libspng) and JPEG (libjpeg-turbo) with size limits.
+//
+// Decoding memory: a small file can announce a picture of up to kKPMaxImagePixels (2^30) pixels, which takes
+// 4 GiB as RGBA. Files announcing more than maximumDecodedImagePixels() are refused before any pixel is
+// allocated; a host with less memory to spare lowers the limit once with setMaximumDecodedImagePixels (for
+// example to 50 million pixels). A picture within the limit that still does not fit in memory gives nil too:
+// no function here throws.
 #pragma once
 
 #include "KPImage/Platform/UIImage.h"
@@ -12,16 +18,25 @@
 
 namespace kp {
 
+/// The most pixels an image decoded from a file or data may have; kKPMaxImagePixels unless lowered.
+uint64_t maximumDecodedImagePixels();
+/// Sets that limit for every decoding from now on, process-wide, from any thread: 1 to kKPMaxImagePixels
+/// are taken as they are; 0 or anything larger restores kKPMaxImagePixels (the limit cannot be raised).
+void setMaximumDecodedImagePixels(uint64_t pixels);
+
 /// The PNG encoding of the image's bitmap (grey stays grey, RGB stays RGB, 32-bit becomes straight RGBA);
-/// nil without a bitmap or for a layout PNG cannot hold.
+/// nil without a bitmap, for a layout PNG cannot hold, or when memory runs out.
 std::optional<std::vector<uint8_t>> UIImagePNGRepresentation(const UIImage& image);
-/// The JPEG encoding of the bitmap at quality 0..1 (grey or RGB); nil without a bitmap.
+/// The JPEG encoding of the bitmap at quality 0..1 (grey or RGB); nil without a bitmap or memory.
 std::optional<std::vector<uint8_t>> UIImageJPEGRepresentation(const UIImage& image, CGFloat quality);
 
-/// Reads a whole file; nil when it cannot be read.
+/// Reads a whole regular file; nil when it cannot be read, is over 2 GiB or is not a regular file (a FIFO,
+/// device or directory is refused at once, never waited on).
 std::optional<std::vector<uint8_t>> dataWithContentsOfFile(const std::string& path);
-/// Writes bytes to path. Atomically: into a temporary file in the same directory, flushed, then renamed
-/// over path, so path holds either the old or the new bytes. Returns false on any failure.
+/// Writes bytes to path. Atomically: into a temporary file of a short fixed-length name (".kptmp-" and six
+/// random characters) in the same directory, flushed, then renamed over path, so path holds either the old
+/// or the new bytes and every name the file system takes can be written. Not atomically: straight into path,
+/// which must be (or become) a regular file; a FIFO or device is refused at once. False on any failure.
 bool writeToFile(std::span<const uint8_t> bytes, const std::string& path, bool atomically);
 
 } // namespace kp

@@ -28,7 +28,8 @@ private:
     bool _bold;
 };
 
-/// Attributes of drawn text. Unset font: the 12-point system font; unset colour: black.
+/// Attributes of drawn text. Unset font: the 12-point system font; unset colour: black, whatever fill or
+/// stroke colour is set in the context (text takes its colour from the attributes only).
 struct NSStringAttributes {
     /// NSFontAttributeName.
     std::optional<UIFont> font;

@@ -17,7 +17,8 @@ void UIGraphicsBeginImageContext(CGSize size);
 void UIGraphicsBeginImageContextWithOptions(CGSize size, bool opaque, CGFloat scale);
 /// The context on top of this thread's stack; null when none is open.
 CGContextRef UIGraphicsGetCurrentContext();
-/// An image of what the current context holds (scale and orientation up); nil without a context.
+/// An image of what the current context holds (scale and orientation up); nil without a context, once a
+/// drawing into it failed (CGContext::failed) or when memory for the copy runs out.
 std::optional<UIImage> UIGraphicsGetImageFromCurrentImageContext();
 /// Pops the current image context (no-op when none is open).
 void UIGraphicsEndImageContext();

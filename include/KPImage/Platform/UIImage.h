@@ -39,9 +39,10 @@ public:
     static UIImage imageWithCGImage(CGImageRef image, CGFloat scale, UIImageOrientation orientation);
     /// An image with no bitmap behind it, of the given size in points.
     static UIImage imageWithoutBitmap(CGSize size);
-    /// Decodes PNG or JPEG data; EXIF orientation sets imageOrientation. Nil for anything else.
+    /// Decodes PNG or JPEG data; EXIF orientation sets imageOrientation. Nil for anything else, for a picture
+    /// over maximumDecodedImagePixels() (ImageIO.h) or when its pixels do not fit in memory.
     static std::optional<UIImage> imageWithData(std::span<const uint8_t> data);
-    /// Reads and decodes a PNG or JPEG file; nil when unreadable or not an image.
+    /// Reads and decodes a PNG or JPEG file; nil when unreadable or not an image, as imageWithData.
     static std::optional<UIImage> imageWithContentsOfFile(const std::string& path);
 
     /// The bitmap; null when the image has none.
@@ -88,7 +89,8 @@ public:
     /// A copy of the image with square markers at the eyes and mouth and the face box outlined.
     std::optional<UIImage> drawFacialLocationsLeftEye(CGPoint leftEye, CGPoint rightEye, CGPoint mouth,
                                                       CGRect faceBox) const;
-    /// A copy of the image with text drawn at point in a bold font.
+    /// A copy of the image with text drawn at point in a bold font. The colour is made current but the text
+    /// has no foreground colour, so it comes out black as on the platform.
     std::optional<UIImage> drawText(const std::string& text, CGPoint atPoint, const UIColor& atColor,
                                     int fontSize) const;
 

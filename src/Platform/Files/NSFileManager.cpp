@@ -16,17 +16,15 @@ NSFileManager& NSFileManager::defaultManager() {
 }
 
 std::optional<std::vector<std::string>> NSFileManager::contentsOfDirectoryAtPath(const std::string& path) const {
-    std::error_code error;
-    fs::directory_iterator it(path, error);
-    if (error) {
-        return std::nullopt;
-    }
     std::vector<std::string> names;
+    std::error_code error;
     try {
-        for (const fs::directory_iterator end; it != end; it.increment(error)) {
+        fs::directory_iterator it(path, error);
+        for (const fs::directory_iterator end; !error && it != end; it.increment(error)) {
             names.push_back(it->path().filename().string());
         }
     } catch (...) {
+        // Out of memory for the names, or an entry that cannot be read: no listing.
         return std::nullopt;
     }
     if (error) {
@@ -40,7 +38,12 @@ bool NSFileManager::removeItemAtPath(const std::string& path) const {
     std::error_code error;
     // remove_all looks at the path itself with symlink_status: a link is unlinked, never followed, and
     // links inside a directory are unlinked as entries.
-    const std::uintmax_t removed = fs::remove_all(path, error);
+    std::uintmax_t removed = 0;
+    try {
+        removed = fs::remove_all(path, error);
+    } catch (...) {
+        return false; // out of memory part way: what was removed stays removed
+    }
     return !error && removed != static_cast<std::uintmax_t>(-1) && removed > 0;
 }
 

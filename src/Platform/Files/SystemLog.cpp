@@ -2,6 +2,8 @@
 // The system log: a replaceable sink, standard error by default.
 #include "KPImage/Platform/SystemLog.h"
 
+#include "Platform/Graphics/Allocation.h"
+
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
@@ -61,10 +63,13 @@ std::string vformat(const char* format, va_list args) {
     if (n <= 0) {
         return {};
     }
-    std::string out(static_cast<size_t>(n) + 1, '\0');
-    std::vsnprintf(out.data(), out.size(), format, args);
-    out.resize(static_cast<size_t>(n));
-    return out;
+    // A line too long for the memory left is dropped, never thrown.
+    return detail::orOnAllocationFailure(std::string(), [&] {
+        std::string out(static_cast<size_t>(n) + 1, '\0');
+        std::vsnprintf(out.data(), out.size(), format, args);
+        out.resize(static_cast<size_t>(n));
+        return out;
+    });
 }
 
 } // namespace

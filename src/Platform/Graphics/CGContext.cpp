@@ -2,6 +2,7 @@
 // The drawing context on Cairo: one ARGB32 surface, converted to the bitmap's own layout at the edges.
 #include "KPImage/Platform/CGContext.h"
 
+#include "Platform/Graphics/Allocation.h"
 #include "Platform/Graphics/PixelLayout.h"
 
 #include <cairo.h>
@@ -19,33 +20,44 @@ bool finiteRect(CGRect r) {
     return finite(r.origin.x) && finite(r.origin.y) && finite(r.size.width) && finite(r.size.height);
 }
 
-/// A Cairo surface showing an image's pixels: the image's own bytes when they are already ARGB32,
-/// otherwise a converted copy (kept alive by the surface).
-cairo_surface_t* surfaceForImage(const CGImage& image) {
-    const auto layout = detail::pixelLayoutOf(image);
-    if (!layout) {
-        return nullptr;
-    }
-    const int w = static_cast<int>(image.width());
-    const int h = static_cast<int>(image.height());
-    if (layout->isCairoARGB32() && image.bytesPerRow() % 4 == 0 && image.bytesPerRow() <= INT32_MAX) {
-        // Cairo only reads a source surface; the image's bytes are immutable and outlive the call.
-        return cairo_image_surface_create_for_data(const_cast<uint8_t*>(image.bytes()), CAIRO_FORMAT_ARGB32, w, h,
-                                                   static_cast<int>(image.bytesPerRow()));
-    }
-    cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, w, h);
-    if (cairo_surface_status(surface) != CAIRO_STATUS_SUCCESS) {
-        cairo_surface_destroy(surface);
-        return nullptr;
-    }
+/// Converts the image's rows into an ARGB32 surface of its size.
+void fillFromImage(cairo_surface_t* surface, const CGImage& image, const detail::PixelLayout& layout) {
     cairo_surface_flush(surface);
     uint8_t* dst = cairo_image_surface_get_data(surface);
     const size_t stride = static_cast<size_t>(cairo_image_surface_get_stride(surface));
     for (size_t y = 0; y < image.height(); ++y) {
-        detail::rowToARGB32(image.bytes() + y * image.bytesPerRow(), *layout, image.width(),
+        detail::rowToARGB32(image.bytes() + y * image.bytesPerRow(), layout, image.width(),
                             reinterpret_cast<uint32_t*>(dst + y * stride));
     }
     cairo_surface_mark_dirty(surface);
+}
+
+/// A Cairo surface showing an image's pixels: the image's own bytes when they are already ARGB32,
+/// otherwise a converted copy (kept alive by the surface). Null for a layout the context cannot read or
+/// when Cairo cannot make the surface.
+cairo_surface_t* surfaceForImage(const CGImage& image) {
+    const auto layout = detail::pixelLayoutOf(image);
+    // Cairo refuses more than 32767 pixels a side with an error surface, which would put the drawing
+    // context into a permanent error state.
+    if (!layout || image.width() > 32767 || image.height() > 32767) {
+        return nullptr;
+    }
+    const int w = static_cast<int>(image.width());
+    const int h = static_cast<int>(image.height());
+    const bool direct = layout->isCairoARGB32() && image.bytesPerRow() % 4 == 0 && image.bytesPerRow() <= INT32_MAX;
+    cairo_surface_t* surface =
+        direct ? cairo_image_surface_create_for_data(const_cast<uint8_t*>(image.bytes()), CAIRO_FORMAT_ARGB32, w, h,
+                                                     static_cast<int>(image.bytesPerRow()))
+               : cairo_image_surface_create(CAIRO_FORMAT_ARGB32, w, h);
+    if (cairo_surface_status(surface) != CAIRO_STATUS_SUCCESS) {
+        cairo_surface_destroy(surface);
+        return nullptr;
+    }
+    if (!direct) {
+        // Cairo only reads a source surface; a direct one shows the image's immutable bytes, which outlive
+        // the call.
+        fillFromImage(surface, image, *layout);
+    }
     return surface;
 }
 
@@ -89,39 +101,43 @@ CGContextRef CGBitmapContextCreate(void* data, size_t width, size_t height, size
         return nullptr;
     }
 
-    auto ctx = std::shared_ptr<CGContext>(new CGContext());
-    ctx->_width = width;
-    ctx->_height = height;
-    ctx->_bitsPerPixel = bitsPerPixel;
-    ctx->_bytesPerRow = bytesPerRow;
-    ctx->_colorSpace = std::move(space);
-    ctx->_bitmapInfo = bitmapInfo;
-    if (data != nullptr) {
-        ctx->_bytes = static_cast<uint8_t*>(data);
-    } else {
-        ctx->_ownBytes.assign(bytesPerRow * height, 0);
-        ctx->_bytes = ctx->_ownBytes.data();
-    }
-    ctx->_direct = layout->isCairoARGB32() && bytesPerRow % 4 == 0 && bytesPerRow <= INT32_MAX;
-    if (ctx->_direct) {
-        ctx->_surface = cairo_image_surface_create_for_data(ctx->_bytes, CAIRO_FORMAT_ARGB32, static_cast<int>(width),
-                                                            static_cast<int>(height), static_cast<int>(bytesPerRow));
-    } else {
-        ctx->_surface =
-            cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(width), static_cast<int>(height));
-    }
-    if (cairo_surface_status(ctx->_surface) != CAIRO_STATUS_SUCCESS) {
-        return nullptr;
-    }
-    if (!ctx->_direct && data != nullptr) {
-        ctx->loadFromBytes();
-    }
-    ctx->_cr = cairo_create(ctx->_surface);
-    if (cairo_status(ctx->_cr) != CAIRO_STATUS_SUCCESS) {
-        return nullptr;
-    }
-    cairo_set_antialias(ctx->_cr, CAIRO_ANTIALIAS_DEFAULT);
-    return ctx;
+    // The context's own bytes are as large as the caller asks: running out of memory gives no context.
+    return detail::orOnAllocationFailure<CGContextRef>(nullptr, [&]() -> CGContextRef {
+        auto ctx = std::shared_ptr<CGContext>(new CGContext());
+        ctx->_width = width;
+        ctx->_height = height;
+        ctx->_bitsPerPixel = bitsPerPixel;
+        ctx->_bytesPerRow = bytesPerRow;
+        ctx->_colorSpace = std::move(space);
+        ctx->_bitmapInfo = bitmapInfo;
+        if (data != nullptr) {
+            ctx->_bytes = static_cast<uint8_t*>(data);
+        } else {
+            ctx->_ownBytes.assign(bytesPerRow * height, 0);
+            ctx->_bytes = ctx->_ownBytes.data();
+        }
+        ctx->_direct = layout->isCairoARGB32() && bytesPerRow % 4 == 0 && bytesPerRow <= INT32_MAX;
+        if (ctx->_direct) {
+            ctx->_surface =
+                cairo_image_surface_create_for_data(ctx->_bytes, CAIRO_FORMAT_ARGB32, static_cast<int>(width),
+                                                    static_cast<int>(height), static_cast<int>(bytesPerRow));
+        } else {
+            ctx->_surface =
+                cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(width), static_cast<int>(height));
+        }
+        if (cairo_surface_status(ctx->_surface) != CAIRO_STATUS_SUCCESS) {
+            return nullptr;
+        }
+        if (!ctx->_direct && data != nullptr) {
+            ctx->loadFromBytes();
+        }
+        ctx->_cr = cairo_create(ctx->_surface);
+        if (cairo_status(ctx->_cr) != CAIRO_STATUS_SUCCESS) {
+            return nullptr;
+        }
+        cairo_set_antialias(ctx->_cr, CAIRO_ANTIALIAS_DEFAULT);
+        return ctx;
+    });
 }
 
 CGContext::~CGContext() {
@@ -168,11 +184,18 @@ void* CGContext::data() {
     return _bytes;
 }
 
+bool CGContext::failed() const { return _failed || cairo_status(_cr) != CAIRO_STATUS_SUCCESS; }
+
 CGImageRef CGContext::createImage() {
+    if (failed()) {
+        return nullptr;
+    }
     storeToBytes();
-    std::vector<uint8_t> copy(_bytes, _bytes + _bytesPerRow * _height);
-    return CGImageCreate(_width, _height, 8, _bitsPerPixel, _bytesPerRow, _colorSpace, _bitmapInfo,
-                         CGDataProviderCreateWithData(std::move(copy)));
+    return detail::orOnAllocationFailure<CGImageRef>(nullptr, [&] {
+        std::vector<uint8_t> copy(_bytes, _bytes + _bytesPerRow * _height);
+        return CGImageCreate(_width, _height, 8, _bitsPerPixel, _bytesPerRow, _colorSpace, _bitmapInfo,
+                             CGDataProviderCreateWithData(std::move(copy)));
+    });
 }
 
 void CGContext::saveGState() {
@@ -354,8 +377,13 @@ void CGContext::drawImage(CGRect rect, const CGImageRef& image) {
     if (!image || !finiteRect(rect) || rect.size.width == 0 || rect.size.height == 0) {
         return;
     }
+    if (!detail::pixelLayoutOf(*image)) {
+        return;
+    }
     cairo_surface_t* source = surfaceForImage(*image);
     if (source == nullptr) {
+        // The picture cannot be shown: what the context holds is no longer what was drawn.
+        _failed = true;
         return;
     }
     const double iw = static_cast<double>(image->width());

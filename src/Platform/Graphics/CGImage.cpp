@@ -2,6 +2,8 @@
 // Colour spaces, data providers and bitmap images.
 #include "KPImage/Platform/CGImage.h"
 
+#include "Platform/Graphics/Allocation.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -47,7 +49,8 @@ CGDataProviderRef CGDataProviderCreateWithData(std::vector<uint8_t> bytes) {
 }
 
 std::vector<uint8_t> CGDataProviderCopyData(const CGDataProviderRef& provider) {
-    return provider ? provider->bytes() : std::vector<uint8_t>{};
+    return detail::orOnAllocationFailure(std::vector<uint8_t>{},
+                                         [&] { return provider ? provider->bytes() : std::vector<uint8_t>{}; });
 }
 
 CGImageRef CGImageCreate(size_t width, size_t height, size_t bitsPerComponent, size_t bitsPerPixel,
@@ -121,14 +124,16 @@ CGImageRef CGImageCreateWithImageInRect(const CGImageRef& image, CGRect rect) {
     const auto h = static_cast<size_t>(cut.size.height);
     const size_t bpp = image->bitsPerPixel() / 8;
     const size_t outRow = w * bpp;
-    std::vector<uint8_t> bytes(outRow * h);
-    const uint8_t* src = image->bytes();
-    for (size_t y = 0; y < h; ++y) {
-        std::memcpy(bytes.data() + y * outRow, src + (y0 + y) * image->bytesPerRow() + x0 * bpp, outRow);
-    }
-    return CGImageCreate(w, h, image->bitsPerComponent(), image->bitsPerPixel(), outRow, image->colorSpace(),
-                         image->bitmapInfo(), CGDataProviderCreateWithData(std::move(bytes)), nullptr,
-                         image->shouldInterpolate());
+    return detail::orOnAllocationFailure<CGImageRef>(nullptr, [&] {
+        std::vector<uint8_t> bytes(outRow * h);
+        const uint8_t* src = image->bytes();
+        for (size_t y = 0; y < h; ++y) {
+            std::memcpy(bytes.data() + y * outRow, src + (y0 + y) * image->bytesPerRow() + x0 * bpp, outRow);
+        }
+        return CGImageCreate(w, h, image->bitsPerComponent(), image->bitsPerPixel(), outRow, image->colorSpace(),
+                             image->bitmapInfo(), CGDataProviderCreateWithData(std::move(bytes)), nullptr,
+                             image->shouldInterpolate());
+    });
 }
 
 size_t CGImageGetWidth(const CGImageRef& image) { return image ? image->width() : 0; }

@@ -3,6 +3,7 @@
 // whole-file reads and atomic writes.
 #include "KPImage/Platform/ImageIO.h"
 
+#include "Platform/Graphics/Allocation.h"
 #include "Platform/Graphics/Codecs.h"
 #include "Platform/Graphics/PixelLayout.h"
 
@@ -10,6 +11,7 @@
 #include <spng.h>
 #include <turbojpeg.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -22,13 +24,24 @@
 
 namespace kp {
 
+namespace {
+std::atomic<uint64_t> gMaximumDecodedImagePixels{kKPMaxImagePixels};
+} // namespace
+
+uint64_t maximumDecodedImagePixels() { return gMaximumDecodedImagePixels.load(std::memory_order_relaxed); }
+
+void setMaximumDecodedImagePixels(uint64_t pixels) {
+    gMaximumDecodedImagePixels.store(pixels == 0 || pixels > kKPMaxImagePixels ? kKPMaxImagePixels : pixels,
+                                     std::memory_order_relaxed);
+}
+
 namespace detail {
 
 namespace {
 
 constexpr uint64_t kMaxFileBytes = uint64_t{1} << 31;
 
-bool sizeAllowed(uint64_t w, uint64_t h) { return w > 0 && h > 0 && w * h <= kKPMaxImagePixels; }
+bool sizeAllowed(uint64_t w, uint64_t h) { return w > 0 && h > 0 && w * h <= maximumDecodedImagePixels(); }
 
 /// The EXIF orientation in raw EXIF bytes (starting with "Exif\0\0" or a whole JPEG); 0 when absent.
 int exifOrientationOf(const uint8_t* data, size_t size) {
@@ -161,13 +174,16 @@ UIImageOrientation orientationFromExif(int exifOrientation) {
 
 std::optional<UIImage> decodeImage(std::span<const uint8_t> data) {
     static constexpr uint8_t kPNG[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
-    if (data.size() >= 8 && std::memcmp(data.data(), kPNG, 8) == 0) {
-        return decodePNG(data);
-    }
-    if (data.size() >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF) {
-        return decodeJPEG(data);
-    }
-    return std::nullopt;
+    // A small file can announce a large picture: its pixels may not fit in memory.
+    return orOnAllocationFailure<std::optional<UIImage>>(std::nullopt, [&]() -> std::optional<UIImage> {
+        if (data.size() >= 8 && std::memcmp(data.data(), kPNG, 8) == 0) {
+            return decodePNG(data);
+        }
+        if (data.size() >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF) {
+            return decodeJPEG(data);
+        }
+        return std::nullopt;
+    });
 }
 
 } // namespace detail
@@ -219,9 +235,7 @@ std::optional<std::pair<std::vector<uint8_t>, int>> tightPixels(const UIImage& i
     return std::make_pair(std::move(pixels), channels);
 }
 
-} // namespace
-
-std::optional<std::vector<uint8_t>> UIImagePNGRepresentation(const UIImage& image) {
+std::optional<std::vector<uint8_t>> encodePNG(const UIImage& image) {
     auto tight = tightPixels(image);
     if (!tight) {
         return std::nullopt;
@@ -251,12 +265,11 @@ std::optional<std::vector<uint8_t>> UIImagePNGRepresentation(const UIImage& imag
         std::free(png);
         return std::nullopt;
     }
-    std::vector<uint8_t> out(static_cast<uint8_t*>(png), static_cast<uint8_t*>(png) + size);
-    std::free(png);
-    return out;
+    std::unique_ptr<void, decltype(&std::free)> owned(png, std::free);
+    return std::vector<uint8_t>(static_cast<uint8_t*>(png), static_cast<uint8_t*>(png) + size);
 }
 
-std::optional<std::vector<uint8_t>> UIImageJPEGRepresentation(const UIImage& image, CGFloat quality) {
+std::optional<std::vector<uint8_t>> encodeJPEG(const UIImage& image, CGFloat quality) {
     auto tight = tightPixels(image);
     if (!tight) {
         return std::nullopt;
@@ -277,13 +290,26 @@ std::optional<std::vector<uint8_t>> UIImageJPEGRepresentation(const UIImage& ima
         tjFree(jpeg);
         return std::nullopt;
     }
-    std::vector<uint8_t> out(jpeg, jpeg + size);
-    tjFree(jpeg);
-    return out;
+    std::unique_ptr<unsigned char, decltype(&tjFree)> owned(jpeg, tjFree);
+    return std::vector<uint8_t>(jpeg, jpeg + size);
+}
+
+} // namespace
+
+std::optional<std::vector<uint8_t>> UIImagePNGRepresentation(const UIImage& image) {
+    return detail::orOnAllocationFailure<std::optional<std::vector<uint8_t>>>(std::nullopt,
+                                                                              [&] { return encodePNG(image); });
+}
+
+std::optional<std::vector<uint8_t>> UIImageJPEGRepresentation(const UIImage& image, CGFloat quality) {
+    return detail::orOnAllocationFailure<std::optional<std::vector<uint8_t>>>(
+        std::nullopt, [&] { return encodeJPEG(image, quality); });
 }
 
 std::optional<std::vector<uint8_t>> dataWithContentsOfFile(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Non-blocking, so that opening a FIFO or a device returns at once; the opened file itself is then
+    // checked (no gap between the check and the read).
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
         return std::nullopt;
     }
@@ -292,7 +318,13 @@ std::optional<std::vector<uint8_t>> dataWithContentsOfFile(const std::string& pa
         ::close(fd);
         return std::nullopt;
     }
-    std::vector<uint8_t> bytes(static_cast<size_t>(st.st_size));
+    std::optional<std::vector<uint8_t>> buffer = detail::orOnAllocationFailure<std::optional<std::vector<uint8_t>>>(
+        std::nullopt, [&] { return std::vector<uint8_t>(static_cast<size_t>(st.st_size)); });
+    if (!buffer) {
+        ::close(fd);
+        return std::nullopt;
+    }
+    std::vector<uint8_t>& bytes = *buffer;
     size_t done = 0;
     while (done < bytes.size()) {
         const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
@@ -306,7 +338,7 @@ std::optional<std::vector<uint8_t>> dataWithContentsOfFile(const std::string& pa
         done += static_cast<size_t>(n);
     }
     ::close(fd);
-    return bytes;
+    return buffer;
 }
 
 namespace {
@@ -324,15 +356,20 @@ bool writeAll(int fd, std::span<const uint8_t> bytes) {
     }
     return true;
 }
-} // namespace
 
-bool writeToFile(std::span<const uint8_t> bytes, const std::string& path, bool atomically) {
+bool writeBytes(std::span<const uint8_t> bytes, const std::string& path, bool atomically) {
     if (path.empty()) {
         return false;
     }
     if (!atomically) {
-        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        // As for reading: a FIFO or device is refused at once instead of waiting for a reader.
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
         if (fd < 0) {
+            return false;
+        }
+        struct stat st {};
+        if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            ::close(fd);
             return false;
         }
         const bool ok = writeAll(fd, bytes);
@@ -344,7 +381,8 @@ bool writeToFile(std::span<const uint8_t> bytes, const std::string& path, bool a
     if (dir.empty()) {
         dir = ".";
     }
-    std::string tmp = (dir / ("." + target.filename().string() + ".XXXXXX")).string();
+    // A short name of fixed length, so that any target name that fits the file system has a temporary one.
+    std::string tmp = (dir / ".kptmp-XXXXXX").string();
     const int fd = ::mkstemp(tmp.data());
     if (fd < 0) {
         return false;
@@ -361,6 +399,12 @@ bool writeToFile(std::span<const uint8_t> bytes, const std::string& path, bool a
     }
     ::unlink(tmp.c_str());
     return false;
+}
+
+} // namespace
+
+bool writeToFile(std::span<const uint8_t> bytes, const std::string& path, bool atomically) {
+    return detail::orOnAllocationFailure(false, [&] { return writeBytes(bytes, path, atomically); });
 }
 
 } // namespace kp

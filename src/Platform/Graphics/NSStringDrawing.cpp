@@ -67,6 +67,7 @@ void NSStringDrawInRect(const std::string& text, CGRect rect, const NSStringAttr
     pango_layout_set_wrap(layout.get(), PANGO_WRAP_WORD_CHAR);
     pango_layout_set_text(layout.get(), valid.get(), -1);
 
+    // The context's fill colour plays no part: without a foreground colour text is black.
     const CGColor colour = attributes.foregroundColor.value_or(UIColor::blackColor()).CGColor();
     cairo_save(cr);
     cairo_rectangle(cr, rect.origin.x, rect.origin.y, rect.size.width, rect.size.height);

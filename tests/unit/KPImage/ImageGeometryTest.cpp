@@ -2,11 +2,14 @@
 // Cropping, rotating and scaling images: the crop arithmetic, canvas sizes, and where the picture lands.
 #include "KPImage/UIImage+ImagingHelper.h"
 
+#include "KPImage/KPImagingHelper.h"
+
 #include "support/PixelProbe.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -115,6 +118,54 @@ TEST(ImageGeometry, CropWithPaddingArithmetic) {
     EXPECT_EQ(cutOf(image.cropImageAtCoordinates(CGRectMake(1e30, 1e30, 1e30, 1e30), 0)), (Cut{0, 0, 0, 0}));
     EXPECT_EQ(cutOf(image.cropImageAtCoordinates(CGRectMake(0, 0, INFINITY, INFINITY), 1e30f)),
               (Cut{1, 1, 99, 99}));
+}
+
+// The padded crop worked by hand, one single-precision step at a time: p = P / 100; W' = w + w p; x' = x -
+// (W' - w) / 2, each rounded to float, raised to 1; then truncated, 0 made 1, and the fallback to the bitmap's
+// size less one.
+Cut paddedCutByHand(double x, double y, double w, double h, float padding, size_t imageWidth, size_t imageHeight) {
+    const float p = padding / 100.0f;
+    const float paddedW = static_cast<float>(w + w * static_cast<double>(p));
+    const float paddedH = static_cast<float>(h + h * static_cast<double>(p));
+    const float growW = static_cast<float>(static_cast<double>(paddedW) - w);
+    const float growH = static_cast<float>(static_cast<double>(paddedH) - h);
+    const float halfW = static_cast<float>(static_cast<double>(growW) * 0.5);
+    const float halfH = static_cast<float>(static_cast<double>(growH) * 0.5);
+    const float px = std::max(static_cast<float>(x - static_cast<double>(halfW)), 1.0f);
+    const float py = std::max(static_cast<float>(y - static_cast<double>(halfH)), 1.0f);
+    size_t cx = static_cast<size_t>(px), cy = static_cast<size_t>(py);
+    const size_t cw = static_cast<size_t>(paddedW), ch = static_cast<size_t>(paddedH);
+    cx = cx == 0 ? 1 : cx;
+    cy = cy == 0 ? 1 : cy;
+    return {cx, cy, cx + cw < imageWidth ? cw : imageWidth - 1, cy + ch < imageHeight ? ch : imageHeight - 1};
+}
+
+TEST(ImageGeometry, PaddedCropRoundsEveryStepToSinglePrecision) {
+    const kp::UIImage image = coordinateImage(400, 400);
+    struct Case {
+        kp::CGRect box;
+        float padding;
+        Cut expected; // worked out apart from this code
+    };
+    const Case cases[] = {
+        // With p = 0.333 in double instead of 0.333f the cut would start at (7, 14).
+        {CGRectMake(40.3, 47.3, 200, 200), 33.3f, {6, 13, 266, 266}},
+        // With p in float but W' and x' left in double it would start at (7, 7).
+        {CGRectMake(10.1, 10.1, 33.6, 33.6), 12.5f, {8, 8, 37, 37}},
+        // Everything in double: (16, 8).
+        {CGRectMake(20.7, 10.1, 47.0, 21.0), 20.0f, {15, 7, 56, 25}},
+        // 0.7f is below 0.7: W' = 16.99999988 in double, 17 once rounded to float.
+        {CGRectMake(50, 60, 10, 10), 70.0f, {46, 56, 17, 17}},
+        {CGRectMake(10.1, 20.7, 30.3, 40.9), 33.3f, {5, 13, 40, 54}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.box.origin.x << "," << c.box.origin.y << " " << c.box.size.width
+                                        << "x" << c.box.size.height << " " << c.padding << "%");
+        EXPECT_EQ(paddedCutByHand(c.box.origin.x, c.box.origin.y, c.box.size.width, c.box.size.height, c.padding,
+                                  400, 400),
+                  c.expected);
+        EXPECT_EQ(cutOf(image.cropImageAtCoordinates(c.box, c.padding)), c.expected);
+    }
 }
 
 TEST(ImageGeometry, CropFromViewCoordinates) {
@@ -244,6 +295,148 @@ TEST(ImageGeometry, DrawingRotationTurnsClockwise) {
     EXPECT_TRUE(kptest::near(*pixelAt(*diamond, 71, 71), {255, 255, 255, 255}, 2));
 }
 
+// Bitmap results are plain pictures: scale 1, upright, as many points as pixels.
+void expectPlainBitmap(const std::optional<kp::UIImage>& image, kp::CGSize pixels) {
+    ASSERT_TRUE(image);
+    EXPECT_EQ(pixelSize(image), pixels);
+    EXPECT_EQ(image->scale(), 1.0);
+    EXPECT_EQ(image->imageOrientation(), kp::UIImageOrientationUp);
+    EXPECT_EQ(image->size(), pixels);
+}
+
+TEST(ImageGeometry, DrawingWorksInPointsAndBitmapOperationsInPixelsOnScaledImages) {
+    // markedImage's 40 x 20 bitmap at scale 2: 20 x 10 points, the red block 5 x 2.5 points.
+    const kp::UIImage scaled = kp::UIImage::imageWithCGImage(markedImage().CGImage(), 2.0, kp::UIImageOrientationUp);
+    ASSERT_EQ(scaled.size(), CGSizeMake(20, 10));
+
+    // Drawing: the whole picture in points, at scale 1.
+    for (const auto& drawn : {scaled.resizeToSize(CGSizeMake(20, 10)), scaled.imageByScalingToSize(CGSizeMake(20, 10)),
+                              scaled.imageRotatedByDegrees(0)}) {
+        expectPlainBitmap(drawn, CGSizeMake(20, 10));
+        EXPECT_TRUE(isRed(drawn, 2, 1));
+        EXPECT_TRUE(isBlue(drawn, 7, 1)); // past the red block's 5 points
+        EXPECT_TRUE(isBlue(drawn, 18, 8));
+    }
+    const auto turned = scaled.imageRotatedByDegrees(90);
+    expectPlainBitmap(turned, CGSizeMake(10, 20));
+    EXPECT_TRUE(isRed(turned, 8, 2));
+    EXPECT_TRUE(isBlue(turned, 8, 7));
+
+    // Bitmap operations: pixels, whatever the scale.
+    expectPlainBitmap(scaled.rotatedByAngle(0), CGSizeMake(40, 20));
+    EXPECT_TRUE(isRed(scaled.rotatedByAngle(0), 7, 1));
+    const auto quarter = scaled.rotatedByAngle(90);
+    expectPlainBitmap(quarter, CGSizeMake(20, 40));
+    EXPECT_TRUE(isRed(quarter, 2, 37));
+    const auto corner = scaled.imageAtRect(CGRectMake(0, 0, 20, 10)); // a quarter of the picture, not all of it
+    expectPlainBitmap(corner, CGSizeMake(20, 10));
+    EXPECT_TRUE(isRed(corner, 7, 1));
+    EXPECT_TRUE(isBlue(corner, 15, 7));
+    const auto cropped = scaled.cropImageAtCoordinates(CGRectMake(0, 0, 20, 10), 0);
+    expectPlainBitmap(cropped, CGSizeMake(20, 10));
+    EXPECT_TRUE(isRed(cropped, 7, 1)); // the cut starts at (1, 1) of the bitmap: red up to x 8, y 3
+    EXPECT_TRUE(isBlue(cropped, 9, 1));
+    EXPECT_TRUE(isBlue(cropped, 7, 4));
+    const auto viewCrop = scaled.cropImageAtCoordinates(CGRectMake(0, 0, 10, 5), 0, CGSizeMake(20, 10));
+    expectPlainBitmap(viewCrop, CGSizeMake(20, 10)); // view to bitmap: 2 pixels a point
+}
+
+TEST(ImageGeometry, DrawingShowsTheOrientationAndBitmapOperationsIgnoreIt) {
+    // Stored 40 x 20 with the red block top left; "right" shows it 20 x 40 turned clockwise, red top right.
+    const kp::UIImage oriented =
+        kp::UIImage::imageWithCGImage(markedImage().CGImage(), 1.0, kp::UIImageOrientationRight);
+    ASSERT_EQ(oriented.size(), CGSizeMake(20, 40));
+
+    for (const auto& drawn : {oriented.resizeToSize(CGSizeMake(20, 40)),
+                              oriented.imageByScalingToSize(CGSizeMake(20, 40)),
+                              oriented.imageByScalingProportionallyToSize(CGSizeMake(20, 40))}) {
+        expectPlainBitmap(drawn, CGSizeMake(20, 40));
+        EXPECT_TRUE(isRed(drawn, 17, 2));
+        EXPECT_TRUE(isBlue(drawn, 2, 2));
+        EXPECT_TRUE(isBlue(drawn, 17, 37));
+    }
+    // Drawing rotation draws the bitmap itself into the size in points: the stored picture squeezed into
+    // 20 x 40, red block top left (5 x 10).
+    const auto unturned = oriented.imageRotatedByDegrees(0);
+    expectPlainBitmap(unturned, CGSizeMake(20, 40));
+    EXPECT_TRUE(isRed(unturned, 2, 7));
+    EXPECT_TRUE(isBlue(unturned, 17, 2));
+    EXPECT_TRUE(isBlue(unturned, 2, 12));
+
+    // Bitmap operations see the stored pixels.
+    const auto same = oriented.rotatedByAngle(0);
+    expectPlainBitmap(same, CGSizeMake(40, 20));
+    EXPECT_TRUE(isRed(same, 2, 2));
+    EXPECT_TRUE(isBlue(same, 37, 17));
+    const auto ccw = oriented.rotatedByAngle(90);
+    expectPlainBitmap(ccw, CGSizeMake(20, 40));
+    EXPECT_TRUE(isRed(ccw, 2, 37));
+    const auto cut = oriented.imageAtRect(CGRectMake(0, 0, 10, 5));
+    expectPlainBitmap(cut, CGSizeMake(10, 5));
+    EXPECT_TRUE(isRed(cut, 9, 4));
+    const auto cropped = oriented.cropImageAtCoordinates(CGRectMake(0, 0, 20, 10), 0);
+    expectPlainBitmap(cropped, CGSizeMake(20, 10)); // 20 x 10 of the stored bitmap, not of the shown picture
+    EXPECT_TRUE(isRed(cropped, 0, 0));
+    EXPECT_TRUE(isBlue(cropped, 10, 0));
+}
+
+TEST(ImageGeometry, BitmapRotationOfOddSizesKeepsEveryLayout) {
+    // 41 x 21, blue with a red 10 x 5 block top left, as straight RGBA (alpha 255) and as 24-bit RGB.
+    std::vector<uint8_t> rgba(41 * 21 * 4), rgb(41 * 21 * 3);
+    for (size_t i = 0; i < 41 * 21; ++i) {
+        const bool mark = i % 41 < 10 && i / 41 < 5;
+        const uint8_t px[4] = {static_cast<uint8_t>(mark ? 255 : 0), 0, static_cast<uint8_t>(mark ? 0 : 255), 255};
+        std::copy(px, px + 4, &rgba[i * 4]);
+        std::copy(px, px + 3, &rgb[i * 3]);
+    }
+    for (const auto& source : {kptest::makeRGBA(41, 21, rgba), kptest::makeRGB(41, 21, rgb)}) {
+        const bool alpha = kp::CGImageGetBitsPerPixel(source) == 32;
+        SCOPED_TRACE(alpha ? "RGBA" : "RGB");
+        const kp::UIImage image = kp::UIImage::imageWithCGImage(source);
+        for (const double angle : {90.0, 180.0, 30.0}) {
+            const auto turned = image.rotatedByAngle(angle);
+            ASSERT_TRUE(turned);
+            const kp::CGImageRef& cg = turned->CGImage();
+            EXPECT_EQ(kp::CGImageGetBitsPerComponent(cg), 8u);
+            EXPECT_EQ(kp::CGImageGetBitsPerPixel(cg), kp::CGImageGetBitsPerPixel(source));
+            EXPECT_EQ(kp::CGImageGetBitmapInfo(cg), kp::CGImageGetBitmapInfo(source));
+            EXPECT_EQ(kp::CGColorSpaceGetModel(kp::CGImageGetColorSpace(cg)), kp::kCGColorSpaceModelRGB);
+            EXPECT_EQ(kp::CGImageGetBytesPerRow(cg), kp::CGImageGetWidth(cg) * kp::CGImageGetBitsPerPixel(source) / 8);
+        }
+        // 30 degrees: 41 cos 30 + 21 sin 30 = 46.0 and 41 sin 30 + 21 cos 30 = 38.7, rounded half up.
+        EXPECT_EQ(pixelSize(image.rotatedByAngle(30)), CGSizeMake(46, 39));
+
+        // A quarter turn: 21 x 41. The centre sits at (floor(21 / 2), 41 - floor(41 / 2)) = (10, 21) from the
+        // top left, half a pixel off the canvas centre: the picture spans x -0.5..20.5 and y 0.5..41.5, so the
+        // last column and the first row are half covered (half transparent, or half dark without alpha).
+        const auto quarter = image.rotatedByAngle(90);
+        ASSERT_EQ(pixelSize(quarter), CGSizeMake(21, 41));
+        EXPECT_TRUE(isRed(quarter, 1, 36)); // counter-clockwise: the red block goes bottom left
+        EXPECT_TRUE(isRed(quarter, 3, 40));
+        EXPECT_TRUE(isBlue(quarter, 5, 20));
+        EXPECT_TRUE(isBlue(quarter, 0, 1));
+        for (const auto& [x, y] : {std::pair{size_t{20}, size_t{20}}, std::pair{size_t{10}, size_t{0}}}) {
+            const Rgba half = *pixelAt(*quarter, x, y);
+            if (alpha) {
+                EXPECT_NEAR(half.a, 128, 8) << x << "," << y;
+                EXPECT_NEAR(half.b, 255, 8) << x << "," << y; // straight alpha: the colour itself is kept
+            } else {
+                EXPECT_EQ(half.a, 255);
+                EXPECT_NEAR(half.b, 128, 8) << x << "," << y;
+            }
+        }
+
+        // A half turn: 41 x 21, the picture at x -0.5..40.5, y 0.5..21.5.
+        const auto half = image.rotatedByAngle(180);
+        ASSERT_EQ(pixelSize(half), CGSizeMake(41, 21));
+        EXPECT_TRUE(isRed(half, 39, 19));
+        EXPECT_TRUE(isBlue(half, 0, 20));
+        EXPECT_EQ(pixelAt(*half, 0, 10)->a, 255);
+        EXPECT_NEAR(alpha ? pixelAt(*half, 40, 10)->a : pixelAt(*half, 40, 10)->b, 128, 8);
+        EXPECT_NEAR(alpha ? pixelAt(*half, 20, 0)->a : pixelAt(*half, 20, 0)->b, 128, 8);
+    }
+}
+
 // 200 x 100: four 50-column bands red, green, blue, white.
 kp::UIImage bandedImage(size_t width = 200, size_t height = 100) {
     std::vector<uint8_t> bytes(width * height * 4);
@@ -332,3 +525,42 @@ TEST(ImageGeometry, StretchingAndEmptyTargets) {
 }
 
 } // namespace
+
+TEST(ImageGeometry, PicturesTooWideToDrawGiveNil) {
+    const kp::UIImage wide =
+        kp::UIImage::imageWithCGImage(kptest::makeBGRA(40000, 2, std::vector<uint8_t>(40000 * 2 * 4, 255)));
+    kptest::LogCapture log;
+    EXPECT_FALSE(wide.resizeToSize(CGSizeMake(100, 2)));
+    EXPECT_FALSE(wide.imageByScalingToSize(CGSizeMake(100, 2)));
+    EXPECT_FALSE(wide.imageByScalingProportionallyToSize(CGSizeMake(100, 100)));
+    EXPECT_FALSE(wide.imageRotatedByDegrees(90));
+    EXPECT_FALSE(wide.rotatedByAngle(90));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"could not scale image", "could not scale image"}));
+    // The bitmap operations that need no drawing still work.
+    const auto cut = wide.imageAtRect(CGRectMake(39990, 0, 10, 2));
+    ASSERT_TRUE(cut);
+    EXPECT_EQ(kp::CGImageGetWidth(cut->CGImage()), 10u);
+}
+
+TEST(ImageGeometry, RunningOutOfMemoryGivesNil) {
+    const kp::UIImage big = coordinateImage(1024, 1024); // 4 MiB of RGBA
+    const kp::UIImage wideGrey = kptest::grayImage(4096, 1024, [](size_t x, size_t) { return x; });
+    const std::vector<uint8_t> greyBytes(1024 * 1024, 50);
+    kptest::LogCapture log;
+    kptest::ScopedAllocationLimit memory(512u << 10);
+    EXPECT_FALSE(big.cropImageAtCoordinates(CGRectMake(0, 0, 900, 900), 10.0f));
+    EXPECT_FALSE(big.cropImageAtCoordinates(CGRectMake(0, 0, 100, 100), 0.0f, CGSizeMake(100, 100)));
+    EXPECT_FALSE(big.imageAtRect(CGRectMake(0, 0, 1024, 1024)));
+    EXPECT_FALSE(big.rotatedByAngle(30));
+    EXPECT_FALSE(big.resizeToSize(CGSizeMake(1000, 1000)));
+    EXPECT_FALSE(big.imageByScalingToSize(CGSizeMake(1000, 1000)));
+    EXPECT_FALSE(big.imageRotatedByDegrees(90));
+    EXPECT_FALSE(big.makeGrayScale());
+    EXPECT_FALSE(wideGrey.makeGrayScaleAndScale(2)); // the reduction's own buffer
+    EXPECT_FALSE(kp::KPImagingHelper::makeUIImageFromGrayScaleData(greyBytes, 1024, 1024, 1024));
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"could not scale image"});
+    // Small results are still made.
+    EXPECT_TRUE(big.imageAtRect(CGRectMake(0, 0, 64, 64)));
+    EXPECT_TRUE(big.resizeToSize(CGSizeMake(64, 64)));
+    EXPECT_GE(memory.refusals(), 10u);
+}

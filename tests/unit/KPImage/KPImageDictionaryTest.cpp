@@ -10,8 +10,10 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <set>
 
 namespace {
@@ -117,6 +119,31 @@ TEST_F(KPImageDictionaryTest, SavingAgainReplacesAndLeavesNoTemporaryFiles) {
     EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("text"));
 }
 
+TEST_F(KPImageDictionaryTest, EveryNameThatFitsTheFileSystemSaves) {
+    const kp::CGImageRef image = kptest::makeGray(3, 2, pattern(6, 4));
+    // "NAME.png" of up to 255 bytes is a valid file name; the temporary file beside it must be too.
+    for (size_t length = 240; length <= 251; ++length) {
+        SCOPED_TRACE(length);
+        const std::string name(length, 'n');
+        ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(image, name));
+        ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(image, name)); // replacing works too
+        expectSamePixels(image, KPImageDictionary::loadImageWithFileName(name)->CGImage());
+        KPImageDictionary::deleteImageWithFileName(name, "png");
+    }
+    EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(image, std::string(252, 'n')));
+    EXPECT_TRUE(entries().empty());
+}
+
+TEST_F(KPImageDictionaryTest, RunningOutOfMemoryGivesNoAndNil) {
+    const kp::CGImageRef big = kptest::makeRGBA(512, 512, pattern(512 * 512 * 4, 5)); // 1 MiB
+    ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(big, "big"));
+    kptest::ScopedAllocationLimit memory(256u << 10);
+    EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(big, "other"));
+    EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("big"));
+    EXPECT_GE(memory.refusals(), 2u);
+    EXPECT_EQ(entries(), (std::set<std::string>{"big.png"}));
+}
+
 TEST_F(KPImageDictionaryTest, WildcardDeletion) {
     const auto populate = [&] {
         for (const char* name : {"a.png", "b.png", "c.jpg", "d", "E.PNG", "a.*", "x.tar.png"}) {
@@ -169,6 +196,68 @@ TEST_F(KPImageDictionaryTest, DeletionRemovesLinksNeverTheirTargets) {
     KPImageDictionary::deleteImageWithFileName("one", "png");
     EXPECT_FALSE(fs::exists(fs::symlink_status(_docs / "one.png")));
     EXPECT_TRUE(fs::exists(outside / "target.png"));
+}
+
+// Restores an environment variable when it goes.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::string& value) : _name(name) {
+        if (const char* old = std::getenv(name)) {
+            _old = old;
+        }
+        ::setenv(name, value.c_str(), 1);
+    }
+    ~ScopedEnv() {
+        if (_old) {
+            ::setenv(_name, _old->c_str(), 1);
+        } else {
+            ::unsetenv(_name);
+        }
+    }
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    const char* _name;
+    std::optional<std::string> _old;
+};
+
+TEST_F(KPImageDictionaryTest, RemovalNeverTakesTheDirectoryOrWhatIsAboveIt) {
+    // A scratch home with the default documents directory in it.
+    const fs::path home = _root / "home";
+    const fs::path docs = home / "Documents";
+    fs::create_directories(docs / "a");
+    ScopedEnv homeEnv("HOME", home.string());
+    ScopedEnv configEnv("XDG_CONFIG_HOME", (home / ".config").string());
+    kp::setDocumentsDirectory("");
+    ASSERT_EQ(kp::NSSearchPathForDirectoriesInDomains(kp::NSDocumentDirectory, kp::NSUserDomainMask, true).front(),
+              docs.string());
+    touch(home / "precious.txt");
+    touch(docs / "kept.png");
+    touch(docs / "a" / "inner.png");
+    fs::create_directory_symlink(home, docs / "up");
+    fs::create_directory_symlink("/", docs / "root");
+
+    // Each of these builds a path that ends in "/.", "/.." or "/" and names the directory or one above it.
+    for (const auto& [name, extension] : std::vector<std::pair<std::string, std::string>>{
+             {".", ""}, {"", "."}, {"a/.", ""}, {"a/", "."}, {"up/", ""}, {"up/", "/"}, {"root/", ""},
+             {"a/../", "."}, {"", "./"}, {"a/", "./"}}) {
+        SCOPED_TRACE(name + "|" + extension);
+        KPImageDictionary::deleteImageWithFileName(name, extension);
+        ASSERT_TRUE(fs::exists(home / "precious.txt"));
+        ASSERT_TRUE(fs::exists(docs / "kept.png"));
+        ASSERT_TRUE(fs::exists(docs / "a" / "inner.png"));
+    }
+    // Names still reach where they say: a file in a subdirectory, a file beside the directory.
+    KPImageDictionary::deleteImageWithFileName("a/inner", "png");
+    EXPECT_FALSE(fs::exists(docs / "a" / "inner.png"));
+    KPImageDictionary::deleteImageWithFileName("../precious", "txt");
+    EXPECT_FALSE(fs::exists(home / "precious.txt"));
+    // The wildcard removes the links themselves and keeps the directory.
+    KPImageDictionary::deleteImageWithFileName("*", "*");
+    EXPECT_TRUE(fs::is_directory(docs));
+    EXPECT_TRUE(fs::is_empty(docs));
+    EXPECT_TRUE(fs::is_directory(home));
 }
 
 TEST_F(KPImageDictionaryTest, UnusableDirectoryGivesNoAndNil) {

@@ -153,3 +153,27 @@ TEST(Bitmap, OrientedImagesDrawUpright) {
     UIGraphicsEndImageContext();
     EXPECT_EQ(shownLeft->CGImage()->bytes()[2], 255); // turned the other way: white on top
 }
+
+TEST(Bitmap, ImagesTooWideToShowFailTheContext) {
+    // 40000 x 2 is a valid bitmap, but wider than Cairo can show.
+    for (const auto& wide : {kptest::makeBGRA(40000, 2, std::vector<uint8_t>(40000 * 2 * 4, 255)),
+                             kptest::makeGray(40000, 2, std::vector<uint8_t>(40000 * 2, 255))}) {
+        ASSERT_TRUE(wide);
+        const CGContextRef context = CGBitmapContextCreate(nullptr, 16, 16, 8, 0, CGColorSpaceCreateDeviceRGB(),
+                                                           kKPBitmapInfoBGRA);
+        ASSERT_TRUE(context);
+        EXPECT_FALSE(context->failed());
+        CGContextDrawImage(context, CGRectMake(0, 0, 16, 16), wide);
+        EXPECT_TRUE(context->failed());
+        EXPECT_FALSE(CGBitmapContextCreateImage(context));
+        // Later drawing neither crashes nor brings images back.
+        CGContextFillRect(context, CGRectMake(0, 0, 4, 4));
+        CGContextDrawImage(context, CGRectMake(0, 0, 4, 4), kptest::makeGray(2, 2, {1, 2, 3, 4}));
+        EXPECT_FALSE(CGBitmapContextCreateImage(context));
+
+        UIGraphicsBeginImageContext({8, 8});
+        UIImage::imageWithCGImage(wide).drawInRect(CGRectMake(0, 0, 8, 8));
+        EXPECT_FALSE(UIGraphicsGetImageFromCurrentImageContext());
+        UIGraphicsEndImageContext();
+    }
+}
