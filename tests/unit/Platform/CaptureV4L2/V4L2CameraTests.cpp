@@ -15,8 +15,10 @@
 #include <turbojpeg.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 
 using namespace kp;
