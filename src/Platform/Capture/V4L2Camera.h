@@ -120,7 +120,8 @@ private:
     std::vector<Size> _sizes;
     std::map<uint32_t, Control> _controls;
 
-    mutable std::mutex _ioMutex; // serialises control changes with streaming set-up; guards the fields below
+    // Serialises control changes with streaming set-up; guards _applied, _values and the _focus fields.
+    mutable std::mutex _ioMutex;
     Applied _applied;
     std::map<uint32_t, int32_t> _values; // read back from the device
     // An emulated single focus: continuous focus is on until the lock time, which runs only while streaming.
