@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cmath>
 #include <cstring>
 
 namespace kptest {
@@ -20,6 +21,30 @@ constexpr size_t kPage = 4096;
 int fail(int error) {
     errno = error;
     return -1;
+}
+
+timeval monotonicNow() {
+    const auto us =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch());
+    return timeval{static_cast<time_t>(us.count() / 1000000), static_cast<suseconds_t>(us.count() % 1000000)};
+}
+
+// What a driver makes of a written value: integers clamped and rounded to the step, menus checked.
+int validate(const FakeV4L2::ControlRange& range, int32_t& value) {
+    if (range.type == V4L2_CTRL_TYPE_MENU || range.type == V4L2_CTRL_TYPE_INTEGER_MENU) {
+        return value < range.minimum || value > range.maximum ? ERANGE : 0;
+    }
+    if (range.type == V4L2_CTRL_TYPE_BUTTON) {
+        return 0;
+    }
+    const int64_t step = std::max(range.step, 1);
+    int64_t v = std::clamp<int64_t>(value, range.minimum, range.maximum);
+    v = range.minimum + (v - range.minimum + step / 2) / step * step;
+    if (v > range.maximum) {
+        v -= step;
+    }
+    value = static_cast<int32_t>(v);
+    return 0;
 }
 } // namespace
 
@@ -36,10 +61,10 @@ void FakeV4L2::addNode(const Node& node) {
     _nodes[node.path] = std::move(s);
 }
 
-void FakeV4L2::pushFrame(const std::string& path, std::vector<uint8_t> bytes) {
+void FakeV4L2::pushFrame(const std::string& path, std::vector<uint8_t> bytes, std::optional<timeval> timestamp) {
     {
         std::lock_guard lock(_mutex);
-        _nodes.at(path).frames.push_back(std::move(bytes));
+        _nodes.at(path).frames.push_back({std::move(bytes), timestamp.value_or(monotonicNow())});
     }
     _changed.notify_all();
 }
@@ -50,6 +75,24 @@ void FakeV4L2::vanish(const std::string& path) {
         _nodes.at(path).gone = true;
     }
     _changed.notify_all();
+}
+
+void FakeV4L2::failPoll(const std::string& path) {
+    {
+        std::lock_guard lock(_mutex);
+        _nodes.at(path).pollError = true;
+    }
+    _changed.notify_all();
+}
+
+void FakeV4L2::failIoctl(const std::string& path, unsigned long request, int error, int times) {
+    std::lock_guard lock(_mutex);
+    auto& faults = _nodes.at(path).faults;
+    if (times == 0) {
+        faults.erase(request);
+    } else {
+        faults[request] = {error, times};
+    }
 }
 
 void FakeV4L2::holdLockElsewhere(const std::string& path, bool held) {
@@ -68,6 +111,13 @@ int32_t FakeV4L2::control(const std::string& path, uint32_t id) const {
     return INT32_MIN;
 }
 
+int32_t FakeV4L2::deviceValue(const std::string& path, uint32_t id) const {
+    std::lock_guard lock(_mutex);
+    const auto& values = _nodes.at(path).values;
+    const auto it = values.find(id);
+    return it == values.end() ? INT32_MIN : it->second;
+}
+
 std::vector<std::pair<uint32_t, int32_t>> FakeV4L2::controlLog(const std::string& path) const {
     std::lock_guard lock(_mutex);
     return _nodes.at(path).log;
@@ -78,9 +128,20 @@ FakeV4L2::FrameSize FakeV4L2::lastFormat(const std::string& path) const {
     return _nodes.at(path).format;
 }
 
+uint32_t FakeV4L2::frameRate(const std::string& path) const {
+    std::lock_guard lock(_mutex);
+    return _nodes.at(path).frameRate;
+}
+
 bool FakeV4L2::isStreaming(const std::string& path) const {
     std::lock_guard lock(_mutex);
     return _nodes.at(path).streaming;
+}
+
+size_t FakeV4L2::queuedBuffers(const std::string& path) const {
+    std::lock_guard lock(_mutex);
+    const auto& queued = _nodes.at(path).queued;
+    return static_cast<size_t>(std::count(queued.begin(), queued.end(), true));
 }
 
 int FakeV4L2::openDescriptors() const {
@@ -137,6 +198,14 @@ int FakeV4L2::ioctl(int fd, unsigned long request, void* arg) {
     if (s->gone) {
         return fail(ENODEV);
     }
+    if (auto fault = s->faults.find(request); fault != s->faults.end()) {
+        auto& [error, left] = fault->second;
+        const int e = error;
+        if (left > 0 && --left == 0) {
+            s->faults.erase(fault);
+        }
+        return fail(e);
+    }
     return handle(*s, fd, request, arg);
 }
 
@@ -183,10 +252,12 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
         if (it == s.node.controls.end()) {
             return fail(EINVAL);
         }
+        q->type = it->second.type;
         q->minimum = it->second.minimum;
         q->maximum = it->second.maximum;
+        q->step = it->second.step;
         q->default_value = it->second.defaultValue;
-        q->flags = 0;
+        q->flags = it->second.type == V4L2_CTRL_TYPE_BUTTON ? V4L2_CTRL_FLAG_WRITE_ONLY : 0;
         return 0;
     }
     case VIDIOC_S_CTRL: {
@@ -195,15 +266,22 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
         if (it == s.node.controls.end()) {
             return fail(EINVAL);
         }
-        if (c->value < it->second.minimum || c->value > it->second.maximum) {
-            return fail(ERANGE);
+        const int32_t written = c->value;
+        if (const int error = validate(it->second, c->value); error != 0) {
+            return fail(error);
         }
-        s.values[c->id] = c->value;
-        s.log.emplace_back(c->id, c->value);
+        s.log.emplace_back(c->id, written);
+        if (it->second.type != V4L2_CTRL_TYPE_BUTTON) {
+            s.values[c->id] = c->value;
+        }
         return 0;
     }
     case VIDIOC_G_CTRL: {
         auto* c = static_cast<v4l2_control*>(arg);
+        auto control = s.node.controls.find(c->id);
+        if (control != s.node.controls.end() && control->second.type == V4L2_CTRL_TYPE_BUTTON) {
+            return fail(EACCES);
+        }
         auto it = s.values.find(c->id);
         if (it == s.values.end()) {
             return fail(EINVAL);
@@ -233,11 +311,43 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
             chosen = &s.node.sizes.front();
         }
         s.format = *chosen;
+        const bool packed = chosen->fourcc == V4L2_PIX_FMT_YUYV || chosen->fourcc == V4L2_PIX_FMT_UYVY;
+        const bool nv12 = chosen->fourcc == V4L2_PIX_FMT_NV12;
+        s.bytesPerLine = packed ? chosen->width * 2 + s.node.rowPadding : nv12 ? chosen->width + s.node.rowPadding : 0;
+        s.imageSize = nv12 ? s.bytesPerLine * (chosen->height + (chosen->height + 1) / 2)
+                   : packed ? s.bytesPerLine * chosen->height
+                            : chosen->width * chosen->height * 2;
         f->fmt.pix.width = chosen->width;
         f->fmt.pix.height = chosen->height;
         f->fmt.pix.pixelformat = chosen->fourcc;
-        f->fmt.pix.bytesperline = chosen->fourcc == V4L2_PIX_FMT_YUYV ? chosen->width * 2 : 0;
-        f->fmt.pix.sizeimage = chosen->width * chosen->height * 2;
+        f->fmt.pix.bytesperline = s.bytesPerLine;
+        f->fmt.pix.sizeimage = s.imageSize;
+        return 0;
+    }
+    case VIDIOC_G_PARM:
+    case VIDIOC_S_PARM: {
+        auto* p = static_cast<v4l2_streamparm*>(arg);
+        if (p->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || s.node.frameRates.empty()) {
+            return fail(ENOTTY);
+        }
+        if (request == VIDIOC_S_PARM) {
+            if (s.streaming) {
+                return fail(EBUSY);
+            }
+            // The nearest rate the node offers.
+            const auto& tpf = p->parm.capture.timeperframe;
+            const double wanted = tpf.numerator == 0 || tpf.denominator == 0
+                                      ? s.node.frameRates.front()
+                                      : static_cast<double>(tpf.denominator) / tpf.numerator;
+            s.frameRate = *std::min_element(s.node.frameRates.begin(), s.node.frameRates.end(),
+                                            [&](uint32_t a, uint32_t b) {
+                                                return std::abs(a - wanted) < std::abs(b - wanted);
+                                            });
+        }
+        const uint32_t rate = s.frameRate != 0 ? s.frameRate : s.node.frameRates.front();
+        p->parm.capture = {};
+        p->parm.capture.capability = V4L2_CAP_TIMEPERFRAME;
+        p->parm.capture.timeperframe = {1, rate};
         return 0;
     }
     case VIDIOC_REQBUFS: {
@@ -248,9 +358,9 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
         if (r->count > 0 && s.mapped > 0) {
             return fail(EBUSY);
         }
-        s.buffers.assign(r->count, std::vector<uint8_t>(static_cast<size_t>(s.format.width) * s.format.height * 2));
+        r->count = std::min(r->count, s.node.maxBuffers);
+        s.buffers.assign(r->count, std::vector<uint8_t>(s.imageSize));
         s.queued.assign(r->count, false);
-        s.used.assign(r->count, 0);
         return 0;
     }
     case VIDIOC_QUERYBUF: {
@@ -279,12 +389,18 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
         const auto index = static_cast<uint32_t>(std::find(s.queued.begin(), s.queued.end(), true) - s.queued.begin());
         auto frame = std::move(s.frames.front());
         s.frames.pop_front();
-        const size_t n = std::min(frame.size(), s.buffers[index].size());
-        std::memcpy(s.buffers[index].data(), frame.data(), n);
+        const size_t n = std::min(frame.bytes.size(), s.buffers[index].size());
+        std::memcpy(s.buffers[index].data(), frame.bytes.data(), n);
         s.queued[index] = false;
         b->index = index;
         b->bytesused = static_cast<uint32_t>(n);
-        b->flags = 0;
+        if (s.node.monotonicTimestamps) {
+            b->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
+            b->timestamp = frame.timestamp;
+        } else {
+            b->flags = V4L2_BUF_FLAG_TIMESTAMP_UNKNOWN;
+            b->timestamp = {};
+        }
         return 0;
     }
     case VIDIOC_STREAMON:
@@ -340,7 +456,7 @@ int FakeV4L2::poll(int fd, int timeoutMs, bool* hangup) {
         if (s == nullptr) {
             return fail(EBADF);
         }
-        if (s->gone) {
+        if (s->gone || s->pollError) {
             if (hangup != nullptr) {
                 *hangup = true;
             }

@@ -35,6 +35,8 @@ struct CaptureControls {
     AVCaptureFlashMode flashMode = AVCaptureFlashModeOff;
     AVCaptureTorchMode torchMode = AVCaptureTorchModeOff;
     float torchLevel = 0.0F;
+    /// How often single auto-focus was set: each new request starts a focus run, other changes never do.
+    uint32_t autoFocusRequests = 0;
 };
 
 /// A frame size in pixels.

@@ -173,6 +173,9 @@ void AVCaptureDevice::setFocusMode(AVCaptureFocusMode mode) {
     std::lock_guard lock(_mutex);
     if (canChange() && isFocusModeSupported(mode)) {
         _controls.focusMode = mode;
+        if (mode == AVCaptureFocusModeAutoFocus) {
+            ++_controls.autoFocusRequests;
+        }
         apply(_controls);
     }
 }

@@ -15,6 +15,7 @@ extern "C" {
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstring>
 
@@ -23,12 +24,48 @@ namespace kp {
 namespace {
 constexpr uint32_t kBufferCount = 4;
 constexpr int kPollMilliseconds = 100;
+constexpr uint32_t kFrameRate = 30;
+// Consecutive failed calls (poll, dequeue, re-queue) after which a stream gives up on the camera.
+constexpr int kFailuresBeforeLost = 10;
 
 NSErrorRef deviceError(AVError code, const std::string& text) {
     return NSError::errorWithDescription(AVFoundationErrorDomain, code, text);
 }
 
-bool isLost(int error) { return error == ENODEV || error == ENXIO || error == EIO; }
+// Only a removed device says ENODEV; EIO and the like are transfer errors that a camera survives.
+bool isLost(int error) { return error == ENODEV; }
+
+bool isUncompressed(uint32_t fourcc) {
+    return fourcc == V4L2_PIX_FMT_YUYV || fourcc == V4L2_PIX_FMT_UYVY || fourcc == V4L2_PIX_FMT_NV12;
+}
+bool isConvertible(uint32_t fourcc) { return isUncompressed(fourcc) || fourcc == V4L2_PIX_FMT_MJPEG; }
+
+// The fewest bytes per row (of the luma plane) a frame of the width needs; 0 for compressed formats.
+uint32_t minimumStride(uint32_t fourcc, uint32_t width) {
+    const uint32_t even = width + (width & 1U);
+    if (fourcc == V4L2_PIX_FMT_NV12) {
+        return even;
+    }
+    return isUncompressed(fourcc) ? even * 2 : 0;
+}
+
+PixelConverter::CameraLayout layoutOf(uint32_t fourcc) {
+    return fourcc == V4L2_PIX_FMT_NV12   ? PixelConverter::CameraLayout::NV12
+           : fourcc == V4L2_PIX_FMT_UYVY ? PixelConverter::CameraLayout::UYVY
+                                         : PixelConverter::CameraLayout::YUYV;
+}
+
+// The driver's monotonic time stamp when it gives one (the same clock as the host time), else the time now.
+CMTime frameTime(const v4l2_buffer& buf) {
+    constexpr int64_t kNanos = 1000000000;
+    const int64_t seconds = buf.timestamp.tv_sec;
+    const int64_t micros = buf.timestamp.tv_usec;
+    if ((buf.flags & V4L2_BUF_FLAG_TIMESTAMP_MASK) == V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC && seconds >= 0 &&
+        seconds < INT64_MAX / kNanos - 1 && micros >= 0 && micros < 1000000 && (seconds != 0 || micros != 0)) {
+        return CMTimeMake(seconds * kNanos + micros * 1000, static_cast<int32_t>(kNanos));
+    }
+    return CMClockGetHostTimeNow();
+}
 
 uint64_t area(const V4L2Camera::Size& s) { return static_cast<uint64_t>(s.width) * s.height; }
 
@@ -135,7 +172,7 @@ bool V4L2Camera::probe() {
         if (_io->ioctl(_fd, VIDIOC_ENUM_FMT, &desc) != 0) {
             break;
         }
-        if (desc.pixelformat != V4L2_PIX_FMT_YUYV && desc.pixelformat != V4L2_PIX_FMT_MJPEG) {
+        if (!isConvertible(desc.pixelformat)) {
             continue; // formats this back-end does not convert
         }
         for (uint32_t j = 0; j < 256; ++j) {
@@ -176,7 +213,12 @@ bool V4L2Camera::probe() {
         v4l2_queryctrl q{};
         q.id = id;
         if (_io->ioctl(_fd, VIDIOC_QUERYCTRL, &q) == 0 && (q.flags & V4L2_CTRL_FLAG_DISABLED) == 0) {
-            _controls[id] = Control{q.minimum, q.maximum, q.default_value};
+            _controls[id] = Control{q.type, q.minimum, q.maximum, q.default_value};
+            v4l2_control c{};
+            c.id = id;
+            if (q.type != V4L2_CTRL_TYPE_BUTTON && _io->ioctl(_fd, VIDIOC_G_CTRL, &c) == 0) {
+                _values[id] = c.value;
+            }
         }
     }
     return !_sizes.empty();
@@ -185,10 +227,9 @@ bool V4L2Camera::probe() {
 CaptureCapabilities V4L2Camera::capabilities() const {
     CaptureCapabilities caps;
     if (hasControl(V4L2_CID_FOCUS_AUTO)) {
-        caps.focusModes = {AVCaptureFocusModeLocked, AVCaptureFocusModeContinuousAutoFocus};
-        if (hasControl(V4L2_CID_AUTO_FOCUS_START)) {
-            caps.focusModes.insert(caps.focusModes.begin() + 1, AVCaptureFocusModeAutoFocus);
-        }
+        // Single auto-focus uses the camera's focus trigger, or is emulated with a short run of continuous focus.
+        caps.focusModes = {AVCaptureFocusModeLocked, AVCaptureFocusModeAutoFocus,
+                           AVCaptureFocusModeContinuousAutoFocus};
     }
     if (hasControl(V4L2_CID_EXPOSURE_AUTO)) {
         caps.exposureModes = {AVCaptureExposureModeLocked, AVCaptureExposureModeContinuousAutoExposure};
@@ -217,17 +258,45 @@ void V4L2Camera::markGoneIfLost(int error) {
 }
 
 bool V4L2Camera::setControl(uint32_t id, int32_t value) {
-    if (!hasControl(id)) {
+    const auto known = _controls.find(id);
+    if (known == _controls.end()) {
         return false;
     }
     v4l2_control c{};
     c.id = id;
     c.value = value;
-    if (_io->ioctl(_fd, VIDIOC_S_CTRL, &c) != 0) {
-        markGoneIfLost(errno);
-        return false;
+    const bool written = _io->ioctl(_fd, VIDIOC_S_CTRL, &c) == 0;
+    const int error = errno;
+    if (!written) {
+        markGoneIfLost(error);
+        if (isLost(error)) {
+            return false;
+        }
     }
-    return true;
+    if (known->second.type == V4L2_CTRL_TYPE_BUTTON) {
+        return written; // a trigger holds no value
+    }
+    // Read back what the device holds: drivers clamp and round, and a failed write may have taken effect or not.
+    v4l2_control r{};
+    r.id = id;
+    if (_io->ioctl(_fd, VIDIOC_G_CTRL, &r) != 0) {
+        markGoneIfLost(errno);
+        _values.erase(id);
+        return written;
+    }
+    _values[id] = r.value;
+    return written && (known->second.type == V4L2_CTRL_TYPE_INTEGER || r.value == value);
+}
+
+std::optional<int32_t> V4L2Camera::controlValue(uint32_t id) const {
+    std::lock_guard lock(_ioMutex);
+    const auto it = _values.find(id);
+    return it == _values.end() ? std::nullopt : std::optional<int32_t>(it->second);
+}
+
+void V4L2Camera::setFocusSettleTime(std::chrono::nanoseconds settle) {
+    std::lock_guard lock(_ioMutex);
+    _focusSettleTime = std::max(settle, std::chrono::nanoseconds(0));
 }
 
 NSErrorRef V4L2Camera::lockConfiguration() {
@@ -250,65 +319,119 @@ void V4L2Camera::unlockConfiguration() { _io->flock(_fd, LOCK_UN); }
 
 void V4L2Camera::applyControls(const CaptureControls& controls) {
     std::lock_guard lock(_ioMutex);
-    const bool all = !_hasApplied;
-    const CaptureControls before = _applied;
-    _applied = controls;
-    _hasApplied = true;
-    if (all || controls.focusMode != before.focusMode || controls.focusMode == AVCaptureFocusModeAutoFocus) {
-        switch (controls.focusMode) {
-        case AVCaptureFocusModeContinuousAutoFocus:
-            setControl(V4L2_CID_FOCUS_AUTO, 1);
-            break;
-        case AVCaptureFocusModeAutoFocus:
-            // Single focus: continuous focus off, then one focus run.
-            setControl(V4L2_CID_FOCUS_AUTO, 0);
-            setControl(V4L2_CID_AUTO_FOCUS_START, 1);
-            break;
-        default:
-            setControl(V4L2_CID_FOCUS_AUTO, 0);
-            break;
-        }
+    // Each group is written when it differs from what the device is known to hold; a failed write leaves it
+    // unknown, so the next change tries again. Single auto-focus runs again only when it is asked for again.
+    const bool focusRequested = controls.focusMode == AVCaptureFocusModeAutoFocus &&
+                                controls.autoFocusRequests != _applied.autoFocusRequests;
+    if (controls.focusMode != _applied.focusMode || focusRequested) {
+        _applied.focusMode = applyFocusLocked(controls.focusMode) ? std::optional(controls.focusMode) : std::nullopt;
+        _applied.autoFocusRequests = controls.autoFocusRequests;
     }
-    if (all || controls.autoFocusRangeRestriction != before.autoFocusRangeRestriction) {
+    if (controls.autoFocusRangeRestriction != _applied.autoFocusRange) {
         const int32_t range = controls.autoFocusRangeRestriction == AVCaptureAutoFocusRangeRestrictionNear
                                   ? V4L2_AUTO_FOCUS_RANGE_MACRO
                               : controls.autoFocusRangeRestriction == AVCaptureAutoFocusRangeRestrictionFar
                                   ? V4L2_AUTO_FOCUS_RANGE_INFINITY
                                   : V4L2_AUTO_FOCUS_RANGE_AUTO;
-        setControl(V4L2_CID_AUTO_FOCUS_RANGE, range);
+        const bool ok = !hasControl(V4L2_CID_AUTO_FOCUS_RANGE) || setControl(V4L2_CID_AUTO_FOCUS_RANGE, range);
+        _applied.autoFocusRange = ok ? std::optional(controls.autoFocusRangeRestriction) : std::nullopt;
     }
-    if (all || controls.whiteBalanceMode != before.whiteBalanceMode) {
-        setControl(V4L2_CID_AUTO_WHITE_BALANCE, controls.whiteBalanceMode == AVCaptureWhiteBalanceModeLocked ? 0 : 1);
+    if (controls.whiteBalanceMode != _applied.whiteBalanceMode) {
+        const bool ok = !hasControl(V4L2_CID_AUTO_WHITE_BALANCE) ||
+                        setControl(V4L2_CID_AUTO_WHITE_BALANCE,
+                                   controls.whiteBalanceMode == AVCaptureWhiteBalanceModeLocked ? 0 : 1);
+        _applied.whiteBalanceMode = ok ? std::optional(controls.whiteBalanceMode) : std::nullopt;
     }
-    if (all || controls.exposureMode != before.exposureMode) {
-        if (controls.exposureMode == AVCaptureExposureModeLocked) {
-            setControl(V4L2_CID_EXPOSURE_AUTO, V4L2_EXPOSURE_MANUAL);
-        } else if (!setControl(V4L2_CID_EXPOSURE_AUTO, V4L2_EXPOSURE_AUTO)) {
-            // Most webcams offer only aperture priority as their automatic mode.
-            setControl(V4L2_CID_EXPOSURE_AUTO, V4L2_EXPOSURE_APERTURE_PRIORITY);
+    if (controls.exposureMode != _applied.exposureMode) {
+        _applied.exposureMode =
+            applyExposureLocked(controls.exposureMode) ? std::optional(controls.exposureMode) : std::nullopt;
+    }
+    const Applied::Light light{controls.torchMode, controls.torchLevel, controls.flashMode};
+    if (light != _applied.light) {
+        _applied.light = applyLightLocked(light) ? std::optional(light) : std::nullopt;
+    }
+}
+
+bool V4L2Camera::applyFocusLocked(AVCaptureFocusMode mode) {
+    _focusSettling = false;
+    _focusLockAt.reset();
+    switch (mode) {
+    case AVCaptureFocusModeContinuousAutoFocus:
+        return setControl(V4L2_CID_FOCUS_AUTO, 1);
+    case AVCaptureFocusModeAutoFocus:
+        if (hasControl(V4L2_CID_AUTO_FOCUS_START)) {
+            // Continuous focus off, then one focus run.
+            const bool off = !hasControl(V4L2_CID_FOCUS_AUTO) || setControl(V4L2_CID_FOCUS_AUTO, 0);
+            return setControl(V4L2_CID_AUTO_FOCUS_START, 1) && off;
         }
-    }
-    if (all || controls.torchMode != before.torchMode || controls.torchLevel != before.torchLevel ||
-        controls.flashMode != before.flashMode) {
-        if (controls.torchMode != AVCaptureTorchModeOff) {
-            if (hasControl(V4L2_CID_FLASH_TORCH_INTENSITY)) {
-                const Control& c = _controls.at(V4L2_CID_FLASH_TORCH_INTENSITY);
-                const double level = std::clamp(static_cast<double>(controls.torchLevel), 0.0, 1.0);
-                setControl(V4L2_CID_FLASH_TORCH_INTENSITY,
-                           c.minimum + static_cast<int32_t>(std::lround(level * (c.maximum - c.minimum))));
-            }
-            setControl(V4L2_CID_FLASH_LED_MODE, V4L2_FLASH_LED_MODE_TORCH);
-        } else {
-            setControl(V4L2_CID_FLASH_LED_MODE, controls.flashMode == AVCaptureFlashModeOff
-                                                    ? V4L2_FLASH_LED_MODE_NONE
-                                                    : V4L2_FLASH_LED_MODE_FLASH);
+        // No focus trigger (UVC webcams): continuous focus for a moment, then off, so the lens stays where it
+        // found focus. The stream thread ends the run.
+        if (!setControl(V4L2_CID_FOCUS_AUTO, 1)) {
+            return false;
         }
+        _focusSettling = true;
+        if (streamingFourcc() != 0) {
+            _focusLockAt = std::chrono::steady_clock::now() + _focusSettleTime;
+        }
+        return true;
+    default:
+        return setControl(V4L2_CID_FOCUS_AUTO, 0);
     }
+}
+
+int V4L2Camera::lockFocusWhenSettled() {
+    std::lock_guard lock(_ioMutex);
+    if (!_focusLockAt) {
+        return kPollMilliseconds;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (now < *_focusLockAt) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*_focusLockAt - now).count();
+        return static_cast<int>(std::clamp<int64_t>(left, 1, kPollMilliseconds));
+    }
+    _focusSettling = false;
+    _focusLockAt.reset();
+    if (!setControl(V4L2_CID_FOCUS_AUTO, 0)) {
+        _applied.focusMode.reset();
+    }
+    return kPollMilliseconds;
+}
+
+bool V4L2Camera::applyExposureLocked(AVCaptureExposureMode mode) {
+    if (!hasControl(V4L2_CID_EXPOSURE_AUTO)) {
+        return true;
+    }
+    if (mode == AVCaptureExposureModeLocked) {
+        return setControl(V4L2_CID_EXPOSURE_AUTO, V4L2_EXPOSURE_MANUAL);
+    }
+    // Most webcams offer only aperture priority as their automatic mode.
+    return setControl(V4L2_CID_EXPOSURE_AUTO, V4L2_EXPOSURE_AUTO) ||
+           setControl(V4L2_CID_EXPOSURE_AUTO, V4L2_EXPOSURE_APERTURE_PRIORITY);
+}
+
+bool V4L2Camera::applyLightLocked(const Applied::Light& light) {
+    if (!hasControl(V4L2_CID_FLASH_LED_MODE)) {
+        return true;
+    }
+    if (light.torchMode == AVCaptureTorchModeOff) {
+        return setControl(V4L2_CID_FLASH_LED_MODE, light.flashMode == AVCaptureFlashModeOff
+                                                        ? V4L2_FLASH_LED_MODE_NONE
+                                                        : V4L2_FLASH_LED_MODE_FLASH);
+    }
+    bool ok = true;
+    if (hasControl(V4L2_CID_FLASH_TORCH_INTENSITY)) {
+        const Control& c = _controls.at(V4L2_CID_FLASH_TORCH_INTENSITY);
+        const double level = std::clamp(static_cast<double>(light.torchLevel), 0.0, 1.0);
+        const double span = static_cast<double>(c.maximum) - c.minimum;
+        ok = setControl(V4L2_CID_FLASH_TORCH_INTENSITY, c.minimum + static_cast<int32_t>(std::lround(level * span)));
+    }
+    return setControl(V4L2_CID_FLASH_LED_MODE, V4L2_FLASH_LED_MODE_TORCH) && ok;
 }
 
 void V4L2Camera::willCaptureStillImage() {
     std::lock_guard lock(_ioMutex);
-    if (_hasApplied && _applied.flashMode != AVCaptureFlashModeOff && _applied.torchMode == AVCaptureTorchModeOff) {
+    if (_applied.light && _applied.light->flashMode != AVCaptureFlashModeOff &&
+        _applied.light->torchMode == AVCaptureTorchModeOff) {
         setControl(V4L2_CID_FLASH_STROBE, 1);
     }
 }
@@ -370,12 +493,13 @@ NSErrorRef V4L2Camera::startStream(const CaptureStreamRequest& request, std::sha
     }
     const auto w = static_cast<uint32_t>(request.format.width);
     const auto h = static_cast<uint32_t>(request.format.height);
-    // Small frames come uncompressed when they can (no decoding); large ones as MJPEG (USB bandwidth).
+    // Small frames come uncompressed when they can (no decoding); large ones as MJPEG (USB bandwidth), else NV12,
+    // the smallest uncompressed layout.
     const bool small = static_cast<uint64_t>(w) * h <= 640ULL * 480ULL;
     uint32_t fourcc = 0;
-    const uint32_t order[2] = {small ? V4L2_PIX_FMT_YUYV : V4L2_PIX_FMT_MJPEG,
-                               small ? V4L2_PIX_FMT_MJPEG : V4L2_PIX_FMT_YUYV};
-    for (uint32_t candidate : order) {
+    const uint32_t smallOrder[] = {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_UYVY, V4L2_PIX_FMT_NV12, V4L2_PIX_FMT_MJPEG};
+    const uint32_t largeOrder[] = {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_NV12, V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_UYVY};
+    for (uint32_t candidate : small ? smallOrder : largeOrder) {
         for (const auto& s : _sizes) {
             if (fourcc == 0 && s.fourcc == candidate && s.width == w && s.height == h) {
                 fourcc = candidate;
@@ -399,25 +523,31 @@ NSErrorRef V4L2Camera::startStream(const CaptureStreamRequest& request, std::sha
                            std::string("The camera refused the format: ") + std::strerror(error));
     }
     // The driver may adjust the format; take what it chose.
-    const uint32_t actualW = fmt.fmt.pix.width;
-    const uint32_t actualH = fmt.fmt.pix.height;
-    const uint32_t actualFourcc = fmt.fmt.pix.pixelformat;
-    uint32_t stride = fmt.fmt.pix.bytesperline;
-    if (actualW == 0 || actualH == 0 || actualW > kCVPixelBufferMaxDimension || actualH > kCVPixelBufferMaxDimension ||
-        (actualFourcc != V4L2_PIX_FMT_YUYV && actualFourcc != V4L2_PIX_FMT_MJPEG)) {
+    StreamFormat stream;
+    stream.width = fmt.fmt.pix.width;
+    stream.height = fmt.fmt.pix.height;
+    stream.fourcc = fmt.fmt.pix.pixelformat;
+    if (stream.width == 0 || stream.height == 0 || stream.width > kCVPixelBufferMaxDimension ||
+        stream.height > kCVPixelBufferMaxDimension || !isConvertible(stream.fourcc)) {
         return deviceError(AVErrorFormatUnsupported, "The camera chose a format that cannot be converted.");
     }
-    if (actualFourcc == V4L2_PIX_FMT_YUYV && stride < actualW * 2) {
-        stride = actualW * 2;
-    }
+    stream.stride = std::max(fmt.fmt.pix.bytesperline, minimumStride(stream.fourcc, stream.width));
+    stream.frameDuration = negotiateFrameRateLocked();
     v4l2_requestbuffers req{};
     req.count = kBufferCount;
     req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     req.memory = V4L2_MEMORY_MMAP;
-    if (_io->ioctl(_fd, VIDIOC_REQBUFS, &req) != 0 || req.count == 0) {
+    if (_io->ioctl(_fd, VIDIOC_REQBUFS, &req) != 0) {
         const int error = errno;
         markGoneIfLost(error);
-        return deviceError(AVErrorUnknown, "The camera gave no frame buffers.");
+        return deviceError(isLost(error)       ? AVErrorDeviceWasDisconnected
+                           : error == EBUSY    ? AVErrorDeviceAlreadyUsedByAnotherSession
+                           : error == ENOMEM   ? AVErrorOutOfMemory
+                                               : AVErrorUnknown,
+                           std::string("The camera gave no frame buffers: ") + std::strerror(error));
+    }
+    if (req.count == 0) {
+        return deviceError(AVErrorOutOfMemory, "The camera gave no frame buffers.");
     }
     for (uint32_t i = 0; i < req.count && i < 32; ++i) {
         v4l2_buffer buf{};
@@ -425,12 +555,14 @@ NSErrorRef V4L2Camera::startStream(const CaptureStreamRequest& request, std::sha
         buf.memory = V4L2_MEMORY_MMAP;
         buf.index = i;
         if (_io->ioctl(_fd, VIDIOC_QUERYBUF, &buf) != 0) {
+            markGoneIfLost(errno);
             releaseBuffersLocked();
             return deviceError(AVErrorUnknown, "The camera's frame buffer could not be queried.");
         }
         void* address = _io->mmap(_fd, buf.length, static_cast<off_t>(buf.m.offset));
         _buffers.push_back({address, buf.length});
         if (address == MAP_FAILED || _io->ioctl(_fd, VIDIOC_QBUF, &buf) != 0) {
+            markGoneIfLost(errno);
             releaseBuffersLocked();
             return deviceError(AVErrorUnknown, "The camera's frame buffer could not be mapped.");
         }
@@ -443,12 +575,39 @@ NSErrorRef V4L2Camera::startStream(const CaptureStreamRequest& request, std::sha
         return deviceError(error == EBUSY ? AVErrorDeviceAlreadyUsedByAnotherSession : AVErrorUnknown,
                            std::string("The camera did not start: ") + std::strerror(error));
     }
-    _streamFourcc.store(actualFourcc, std::memory_order_release);
-    _stream.start([this, request, actualW, actualH, stride, actualFourcc,
-                   sink = std::move(sink)](const std::atomic<bool>& stop) {
-        run(request, actualW, actualH, stride, actualFourcc, sink, stop);
+    _streamFourcc.store(stream.fourcc, std::memory_order_release);
+    if (_focusSettling) {
+        _focusLockAt = std::chrono::steady_clock::now() + _focusSettleTime; // a pending single focus runs now
+    }
+    _stream.start([this, request, stream, sink = std::move(sink)](const std::atomic<bool>& stop) {
+        run(request, stream, sink, stop);
     });
     return nullptr;
+}
+
+CMTime V4L2Camera::negotiateFrameRateLocked() {
+    v4l2_streamparm parm{};
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (_io->ioctl(_fd, VIDIOC_G_PARM, &parm) != 0) {
+        markGoneIfLost(errno);
+        return kCMTimeInvalid; // no frame-rate control: the camera streams at its own pace
+    }
+    if ((parm.parm.capture.capability & V4L2_CAP_TIMEPERFRAME) != 0) {
+        v4l2_streamparm wanted{};
+        wanted.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        wanted.parm.capture.timeperframe = {1, kFrameRate};
+        // The driver picks the nearest interval it has and says which.
+        if (_io->ioctl(_fd, VIDIOC_S_PARM, &wanted) == 0) {
+            parm = wanted;
+        } else {
+            markGoneIfLost(errno);
+        }
+    }
+    const v4l2_fract interval = parm.parm.capture.timeperframe;
+    if (interval.numerator == 0 || interval.denominator == 0 || interval.denominator > INT32_MAX) {
+        return kCMTimeInvalid;
+    }
+    return CMTimeMake(interval.numerator, static_cast<int32_t>(interval.denominator));
 }
 
 void V4L2Camera::stopStream() {
@@ -463,10 +622,19 @@ void V4L2Camera::endStream() {
     _io->ioctl(_fd, VIDIOC_STREAMOFF, &type);
     releaseBuffersLocked();
     _streamFourcc.store(0, std::memory_order_release);
+    _focusLockAt.reset(); // a single focus still settling goes on when streaming starts again
 }
 
-void V4L2Camera::run(CaptureStreamRequest request, uint32_t width, uint32_t height, uint32_t stride, uint32_t fourcc,
-                     std::shared_ptr<CaptureFrameSink> sink, const std::atomic<bool>& stop) {
+bool V4L2Camera::queueBuffer(uint32_t index) {
+    v4l2_buffer buf{};
+    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buf.memory = V4L2_MEMORY_MMAP;
+    buf.index = index;
+    return _io->ioctl(_fd, VIDIOC_QBUF, &buf) == 0;
+}
+
+void V4L2Camera::run(CaptureStreamRequest request, StreamFormat format, std::shared_ptr<CaptureFrameSink> sink,
+                     const std::atomic<bool>& stop) {
     PixelConverter converter;
     MjpegDecoder decoder;
     struct EndStream {
@@ -478,14 +646,34 @@ void V4L2Camera::run(CaptureStreamRequest request, uint32_t width, uint32_t heig
         sink->didFailWithError(deviceError(AVErrorDeviceWasDisconnected,
                                            "The camera went away: " + _path + " (" + std::strerror(error) + ")"));
     };
+    // A transfer error now and then is survived; only a run of them without a frame in between ends the stream.
+    int failures = 0;
+    int lastError = 0;
+    const auto failed = [&](int error) {
+        lastError = error;
+        return isLost(error) || ++failures >= kFailuresBeforeLost;
+    };
+    // Buffers the driver gave back whose re-queue failed: offered again until it takes them, so none is lost.
+    std::vector<uint32_t> unqueued;
     while (!stop.load(std::memory_order_acquire)) {
-        bool hangup = false;
-        const int ready = _io->poll(_fd, kPollMilliseconds, &hangup);
-        if (ready < 0 || hangup) {
-            lost(ready < 0 ? errno : ENODEV);
+        while (!unqueued.empty() && queueBuffer(unqueued.back())) {
+            unqueued.pop_back();
+        }
+        if (!unqueued.empty() && failed(errno)) {
+            lost(lastError);
             return;
         }
-        if (ready == 0) {
+        bool hangup = false;
+        const int ready = _io->poll(_fd, lockFocusWhenSettled(), &hangup);
+        if (hangup) {
+            lost(ENODEV); // POLLHUP or POLLERR: the driver has given up on the device
+            return;
+        }
+        if (ready < 0 && failed(errno)) {
+            lost(lastError);
+            return;
+        }
+        if (ready <= 0) {
             continue;
         }
         v4l2_buffer buf{};
@@ -493,35 +681,42 @@ void V4L2Camera::run(CaptureStreamRequest request, uint32_t width, uint32_t heig
         buf.memory = V4L2_MEMORY_MMAP;
         if (_io->ioctl(_fd, VIDIOC_DQBUF, &buf) != 0) {
             const int error = errno;
-            if (error == EAGAIN || error == EINTR) {
-                continue;
+            if (error != EAGAIN && error != EINTR && failed(error)) {
+                lost(lastError);
+                return;
             }
-            lost(error);
-            return;
+            continue;
         }
-        const CMTime stamp = CMClockGetHostTimeNow();
+        const CMTime stamp = frameTime(buf);
         CVPixelBufferRef pixels;
         if (buf.index < _buffers.size() && (buf.flags & V4L2_BUF_FLAG_ERROR) == 0) {
             const auto* data = static_cast<const uint8_t*>(_buffers[buf.index].address);
             const size_t used = std::min<size_t>(buf.bytesused, _buffers[buf.index].length);
-            if (fourcc == V4L2_PIX_FMT_MJPEG) {
+            if (format.fourcc == V4L2_PIX_FMT_MJPEG) {
                 if (const AVFrame* frame = decoder.decode(data, used)) {
                     pixels = converter.convertFrame(frame, request.pixelFormat, request.format.width,
                                                     request.format.height);
                 }
             } else {
-                pixels = converter.convertYUYV(data, used, width, height, stride, request.pixelFormat,
-                                               request.format.width, request.format.height);
+                pixels = converter.convertCamera(layoutOf(format.fourcc), data, used, format.width, format.height,
+                                                 format.stride, request.pixelFormat, request.format.width,
+                                                 request.format.height);
             }
         }
         // The buffer goes back to the driver before the frame is handed on.
-        if (_io->ioctl(_fd, VIDIOC_QBUF, &buf) != 0 && isLost(errno)) {
-            lost(errno);
-            return;
+        if (queueBuffer(buf.index)) {
+            failures = 0;
+        } else {
+            unqueued.push_back(buf.index);
+            if (failed(errno)) {
+                lost(lastError);
+                return;
+            }
         }
         if (pixels) {
             CMSampleTimingInfo timing;
             timing.presentationTimeStamp = stamp;
+            timing.duration = format.frameDuration;
             CMSampleBufferRef sample;
             CMSampleBufferCreateForImageBuffer(pixels, true, timing, &sample);
             sink->didCaptureFrame(sample);

@@ -8,9 +8,47 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <algorithm>
+#include <array>
 #include <climits>
+#include <cmath>
+#include <cstring>
 
 namespace kp {
+
+namespace {
+// NV12 into a '420f' buffer of the same size, limited range widened to full range. libswscale's unscaled
+// NV12-to-NV12 path leaves the chroma plane unwritten (FFmpeg 5.1), so the copy is done here.
+void copyNV12(const uint8_t* const srcData[4], const int srcStride[4], bool srcFullRange, CVPixelBuffer& out) {
+    using Table = std::array<uint8_t, 256>;
+    const auto table = [](double offset, double scale, double centre) {
+        Table t{};
+        for (int v = 0; v < 256; ++v) {
+            t[static_cast<size_t>(v)] =
+                static_cast<uint8_t>(std::clamp(std::lround((v - offset) * scale + centre), 0L, 255L));
+        }
+        return t;
+    };
+    static const Table luma = table(16.0, 255.0 / 219.0, 0.0);
+    static const Table chroma = table(128.0, 255.0 / 224.0, 128.0);
+    const size_t width = out.width();
+    const size_t rows[2] = {out.height(), (out.height() + 1) / 2};
+    const size_t bytes[2] = {width, (width + 1) & ~size_t{1}};
+    for (size_t p = 0; p < 2; ++p) {
+        const Table& map = p == 0 ? luma : chroma;
+        const auto& plane = out.plane(p);
+        for (size_t y = 0; y < rows[p]; ++y) {
+            const uint8_t* from = srcData[p] + y * static_cast<size_t>(srcStride[p]);
+            uint8_t* to = out.bytes() + plane.offset + y * plane.bytesPerRow;
+            if (srcFullRange) {
+                std::memcpy(to, from, bytes[p]);
+            } else {
+                std::transform(from, from + bytes[p], to, [&](uint8_t v) { return map[v]; });
+            }
+        }
+    }
+}
+} // namespace
 
 PixelConverter::~PixelConverter() { sws_freeContext(_context); }
 
@@ -26,6 +64,11 @@ CVPixelBufferRef PixelConverter::run(int srcFormat, bool srcFullRange, const uin
         return nullptr;
     }
     const bool dstNV12 = dstFormat == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    if (dstNV12 && srcFormat == AV_PIX_FMT_NV12 && dstWidth == static_cast<size_t>(srcWidth) &&
+        dstHeight == static_cast<size_t>(srcHeight)) {
+        copyNV12(srcData, srcStride, srcFullRange, *out);
+        return out;
+    }
     const AVPixelFormat dst = dstNV12 ? AV_PIX_FMT_NV12 : AV_PIX_FMT_BGRA;
     _context = sws_getCachedContext(_context, srcWidth, srcHeight, static_cast<AVPixelFormat>(srcFormat),
                                     static_cast<int>(dstWidth), static_cast<int>(dstHeight), dst, SWS_BILINEAR,
@@ -92,17 +135,41 @@ CVPixelBufferRef PixelConverter::convert(const CVPixelBufferRef& source, OSType 
                dstHeight);
 }
 
-CVPixelBufferRef PixelConverter::convertYUYV(const uint8_t* data, size_t size, size_t width, size_t height,
-                                             size_t stride, OSType dstFormat, size_t dstWidth, size_t dstHeight) {
-    const uint64_t need = static_cast<uint64_t>(stride) * height;
+CVPixelBufferRef PixelConverter::convertCamera(CameraLayout layout, const uint8_t* data, size_t size, size_t width,
+                                               size_t height, size_t stride, OSType dstFormat, size_t dstWidth,
+                                               size_t dstHeight) {
     if (data == nullptr || width == 0 || height == 0 || width > kCVPixelBufferMaxDimension ||
-        height > kCVPixelBufferMaxDimension || stride < width * 2 || stride > INT_MAX || need > size) {
+        height > kCVPixelBufferMaxDimension || stride > INT_MAX) {
         return nullptr;
     }
     const uint8_t* srcData[4] = {data, nullptr, nullptr, nullptr};
-    const int srcStride[4] = {static_cast<int>(stride), 0, 0, 0};
-    return run(AV_PIX_FMT_YUYV422, false, srcData, srcStride, static_cast<int>(width), static_cast<int>(height),
-               dstFormat, dstWidth, dstHeight);
+    int srcStride[4] = {static_cast<int>(stride), 0, 0, 0};
+    const uint64_t lumaBytes = static_cast<uint64_t>(stride) * height;
+    uint64_t need = lumaBytes;
+    // Chroma covers odd sizes by rounding up: a row holds (width + 1) / 2 chroma pairs.
+    const size_t evenWidth = (width + 1) & ~size_t{1};
+    int format = AV_PIX_FMT_YUYV422;
+    if (layout == CameraLayout::NV12) {
+        if (stride < evenWidth) {
+            return nullptr;
+        }
+        need += static_cast<uint64_t>(stride) * ((height + 1) / 2);
+        format = AV_PIX_FMT_NV12;
+    } else {
+        if (stride < evenWidth * 2) {
+            return nullptr;
+        }
+        format = layout == CameraLayout::UYVY ? AV_PIX_FMT_UYVY422 : AV_PIX_FMT_YUYV422;
+    }
+    if (need > size) {
+        return nullptr;
+    }
+    if (layout == CameraLayout::NV12) {
+        srcData[1] = data + lumaBytes;
+        srcStride[1] = srcStride[0];
+    }
+    return run(format, false, srcData, srcStride, static_cast<int>(width), static_cast<int>(height), dstFormat,
+               dstWidth, dstHeight);
 }
 
 CVPixelBufferRef PixelConverter::convertFrame(const AVFrame* frame, OSType dstFormat, size_t dstWidth,

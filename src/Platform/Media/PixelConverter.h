@@ -27,9 +27,13 @@ public:
     /// buffer when w or h is 0. Null on bad arguments or failure.
     CVPixelBufferRef convert(const CVPixelBufferRef& source, OSType dstFormat, size_t dstWidth, size_t dstHeight,
                              size_t x = 0, size_t y = 0, size_t w = 0, size_t h = 0);
-    /// A buffer from packed YUYV 4:2:2 (limited range) of width x height with the given stride and byte count.
-    CVPixelBufferRef convertYUYV(const uint8_t* data, size_t size, size_t width, size_t height, size_t stride,
-                                 OSType dstFormat, size_t dstWidth, size_t dstHeight);
+    /// Uncompressed camera layouts (limited range): packed 4:2:2 Y0 U Y1 V (YUYV) or U Y0 V Y1 (UYVY), and 4:2:0
+    /// NV12 (a Y plane, then interleaved U, V rows at half height, both with the same stride).
+    enum class CameraLayout { YUYV, UYVY, NV12 };
+    /// A buffer from camera pixels of width x height with the given stride (bytes per row of the Y plane) and
+    /// byte count. Null when the bytes are too few for the size or the arguments are bad.
+    CVPixelBufferRef convertCamera(CameraLayout layout, const uint8_t* data, size_t size, size_t width, size_t height,
+                                   size_t stride, OSType dstFormat, size_t dstWidth, size_t dstHeight);
     /// A buffer from a decoded FFmpeg frame.
     CVPixelBufferRef convertFrame(const AVFrame* frame, OSType dstFormat, size_t dstWidth, size_t dstHeight);
 
