@@ -105,7 +105,7 @@ size_t fileCount(const std::string& folder) {
     std::error_code error;
     size_t count = 0;
     for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
-        count += it->is_regular_file() ? 1 : 0;
+        count += it->is_regular_file() && it->path().filename().string()[0] != '.' ? 1 : 0;
     }
     return count;
 }

@@ -34,7 +34,7 @@ bool samePixels(const kp::CVPixelBufferRef& a, const kp::CVPixelBufferRef& b);
 /// Mean absolute difference of the visible bytes of two buffers of the same format and size (255 otherwise).
 double meanDifference(const kp::CVPixelBufferRef& a, const kp::CVPixelBufferRef& b);
 
-/// Plain regular-file count of a folder (0 when it does not exist).
+/// Regular files of a folder that are not hidden (dot files); 0 when it does not exist.
 size_t fileCount(const std::string& folder);
 
 } // namespace kptest

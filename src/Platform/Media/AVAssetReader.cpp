@@ -10,6 +10,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include <algorithm>
 #include <cstring>
 
 namespace kp {
@@ -168,7 +169,9 @@ std::unique_ptr<AVAssetReader> AVAssetReader::assetReaderWithURL(const NSURLRef&
         }
         if (first != AV_NOPTS_VALUE) {
             info.startTime = static_cast<double>(first) * av_q2d(st->time_base);
-            info.duration = static_cast<double>(end - first) * av_q2d(st->time_base);
+            // Fragments may not give each sample's duration; the track's duration covers the last one.
+            const int64_t whole = st->duration != AV_NOPTS_VALUE ? std::max(st->duration, end - first) : end - first;
+            info.duration = static_cast<double>(whole) * av_q2d(st->time_base);
         }
     }
     auto state = std::make_unique<State>();
