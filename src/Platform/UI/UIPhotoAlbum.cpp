@@ -157,8 +157,8 @@ NSErrorRef saveVideo(const std::string& videoPath) {
     return error;
 }
 
-NSErrorRef saveImage(const UIImage& image) {
-    const bool jpeg = gImageFormat.load(std::memory_order_relaxed) == UIPhotoAlbumImageFormat::JPEG;
+NSErrorRef saveImage(const UIImage& image, UIPhotoAlbumImageFormat format) {
+    const bool jpeg = format == UIPhotoAlbumImageFormat::JPEG;
     const auto bytes = jpeg ? UIImageJPEGRepresentation(image, kJPEGQuality) : UIImagePNGRepresentation(image);
     if (!bytes) {
         return NSError::errorWithDescription(NSPOSIXErrorDomain, EINVAL,
@@ -219,8 +219,10 @@ void UISaveVideoAtPathToSavedPhotosAlbum(const std::string& videoPath,
 }
 
 void UIImageWriteToSavedPhotosAlbum(const UIImage& image, UIImageSaveCompletion completion, void* contextInfo) {
-    dispatch_async(albumQueue(), [image, completion = std::move(completion), contextInfo] {
-        NSErrorRef error = saveImage(image);
+    // The format in force when the save is asked for.
+    const UIPhotoAlbumImageFormat format = gImageFormat.load(std::memory_order_relaxed);
+    dispatch_async(albumQueue(), [image, format, completion = std::move(completion), contextInfo] {
+        NSErrorRef error = saveImage(image, format);
         if (completion) {
             dispatch_async(dispatch_get_main_queue(),
                            [image, completion, error, contextInfo] { completion(image, error, contextInfo); });
