@@ -28,8 +28,10 @@ namespace kp {
 
 namespace {
 
-// A fragment about every second, so a killed process leaves everything up to its last whole second.
+// A fragment every second, so a killed process leaves everything up to its last whole second; large raw frames
+// close a fragment sooner, at 16 MB, so the muxer never holds a second of them in memory.
 constexpr int64_t kFragmentMicroseconds = 1000000;
+constexpr int64_t kFragmentBytes = 16 << 20;
 constexpr int kIOBufferSize = 1 << 18;
 constexpr int64_t kDefaultKeyFrameInterval = 30;
 
@@ -311,6 +313,7 @@ std::optional<WriteFailure> MovieFile::open(const CVPixelBufferRef& first, CMTim
     AVDictionary* options = nullptr;
     av_dict_set(&options, "movflags", "empty_moov+default_base_moof", 0);
     av_dict_set_int(&options, "frag_duration", kFragmentMicroseconds, 0);
+    av_dict_set_int(&options, "frag_size", kFragmentBytes, 0);
     const int header = avformat_write_header(_muxer, &options);
     av_dict_free(&options);
     if (header < 0) {
@@ -368,10 +371,24 @@ std::optional<WriteFailure> MovieFile::writeRaw(const CMSampleBufferRef& sample,
         return WriteFailure{AVErrorFormatUnsupported, "The frames are too large for a QuickTime movie", 0};
     }
     av_packet_unref(_packet);
-    if (av_new_packet(_packet, static_cast<int>(size)) < 0) {
+    CVPixelBufferLockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
+    const bool tight = CVPixelBufferGetBytesPerRowOfPlane(pixels, 0) == lumaRow &&
+                       (!nv12 || (CVPixelBufferGetBytesPerRowOfPlane(pixels, 1) == chromaRow &&
+                                  pixels->plane(1).offset == lumaRow * height));
+    if (tight) {
+        // Rows without padding are written straight from the frame: the muxer copies them before this returns.
+        _packet->buf = av_buffer_create(pixels->bytes(), static_cast<int>(size), [](void*, uint8_t*) {}, nullptr,
+                                        AV_BUFFER_FLAG_READONLY);
+        if (_packet->buf == nullptr) {
+            CVPixelBufferUnlockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
+            return WriteFailure{AVErrorOutOfMemory, "Out of memory", ENOMEM};
+        }
+        _packet->data = _packet->buf->data;
+        _packet->size = static_cast<int>(size);
+    } else if (av_new_packet(_packet, static_cast<int>(size)) < 0) {
+        CVPixelBufferUnlockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
         return WriteFailure{AVErrorOutOfMemory, "Out of memory", ENOMEM};
     }
-    CVPixelBufferLockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
     uint8_t* out = _packet->data;
     const auto copyPlane = [&](const uint8_t* source, size_t stride, uint64_t rowBytes, uint64_t rows) {
         for (uint64_t y = 0; y < rows; ++y) {
@@ -379,7 +396,9 @@ std::optional<WriteFailure> MovieFile::writeRaw(const CMSampleBufferRef& sample,
             out += rowBytes;
         }
     };
-    if (nv12) {
+    if (tight) {
+        // already in place
+    } else if (nv12) {
         copyPlane(static_cast<const uint8_t*>(CVPixelBufferGetBaseAddressOfPlane(pixels, 0)),
                   CVPixelBufferGetBytesPerRowOfPlane(pixels, 0), lumaRow, height);
         copyPlane(static_cast<const uint8_t*>(CVPixelBufferGetBaseAddressOfPlane(pixels, 1)),
@@ -388,13 +407,15 @@ std::optional<WriteFailure> MovieFile::writeRaw(const CMSampleBufferRef& sample,
         copyPlane(static_cast<const uint8_t*>(CVPixelBufferGetBaseAddress(pixels)),
                   CVPixelBufferGetBytesPerRow(pixels), lumaRow, height);
     }
-    CVPixelBufferUnlockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
     _packet->pts = pts;
     _packet->dts = pts;
     _packet->duration = duration;
     _packet->flags |= AV_PKT_FLAG_KEY;
     av_packet_rescale_ts(_packet, _timeBase, _stream->time_base);
-    return writePacket(_packet);
+    auto failure = writePacket(_packet);
+    av_packet_unref(_packet);
+    CVPixelBufferUnlockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
+    return failure;
 }
 
 std::optional<WriteFailure> MovieFile::encode(const CMSampleBufferRef& sample, int64_t pts) {
