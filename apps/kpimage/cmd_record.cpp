@@ -96,26 +96,12 @@ int record(const std::vector<std::string>& args) {
 
     auto recorder = kp::KPCameraRollHelper::getInstance();
     recorder->setRecordingOutputSettings(settings);
-    auto session = kp::AVCaptureSession::create();
-    session->setSessionPreset(presetForIndex(*presetIndex));
-    kp::NSErrorRef inputError;
-    auto input = kp::AVCaptureDeviceInput::deviceInputWithDevice(device, &inputError);
-    if (!input || !session->canAddInput(input)) {
-        return fail("cannot use camera " + device->uniqueID());
-    }
-    session->addInput(input);
-    auto output = kp::AVCaptureVideoDataOutput::create();
-    output->setVideoSettings({{kp::kCVPixelBufferPixelFormatTypeKey, kp::kCVPixelFormatType_32BGRA}});
-    output->setAlwaysDiscardsLateVideoFrames(true);
     auto delegate = std::make_shared<RecordingDelegate>(recorder);
-    auto queue = kp::dispatch_queue_create("VideoDataOutputQueue", kp::DISPATCH_QUEUE_SERIAL);
-    output->setSampleBufferDelegate(delegate, queue);
-    session->addOutput(output);
-    std::string runtimeError;
-    session->setRuntimeErrorHandler([&](const kp::NSErrorRef& e) {
-        runtimeError = e->localizedDescription();
-        kp::NSRunLoop::mainRunLoop().stop();
-    });
+    auto frames = makeFrameSession(device, *presetIndex, kp::kCVPixelFormatType_32BGRA, delegate, error);
+    if (!frames) {
+        return fail(error);
+    }
+    const auto& session = frames->session;
 
     const auto before = albumFiles(album);
     const uint32_t savesBefore = recorder->cameraDataCounter();
@@ -123,11 +109,11 @@ int record(const std::vector<std::string>& args) {
     session->startRunning();
     kp::NSRunLoop::mainRunLoop().runFor(0);
     if (!session->isRunning()) {
-        return fail(runtimeError.empty() ? "the session did not start" : runtimeError);
+        return fail(frames->runtimeError->empty() ? "the session did not start" : *frames->runtimeError);
     }
     kp::NSRunLoop::mainRunLoop().runFor(*seconds);
     delegate->stop();
-    kp::dispatch_sync(queue, [] {});
+    kp::dispatch_sync(frames->queue, [] {});
     const bool finishing = recorder->stopSavingCameraData() && recorder->outputWriter() &&
                            recorder->outputWriter()->status() != kp::AVAssetWriterStatusUnknown;
     session->stopRunning();
@@ -156,7 +142,7 @@ int record(const std::vector<std::string>& args) {
     }
     struct stat st {};
     stat(saved.c_str(), &st);
-    const auto counts = output->frameCounts();
+    const auto counts = frames->output->frameCounts();
     std::cout << JsonObject()
                      .add("file", saved)
                      .add("album", album)
