@@ -92,7 +92,7 @@ public:
     std::shared_ptr<AVAssetWriter> outputWriter() const { return _outputWriter.load(); }
     void setOutputWriter(std::shared_ptr<AVAssetWriter> writer) { _outputWriter.store(std::move(writer)); }
     NSURLRef videoFilePath() const { return _videoFilePath.load(); }
-    void setVideoFilePath(NSURLRef url) { _videoFilePath.store(std::const_pointer_cast<NSURL>(std::move(url))); }
+    void setVideoFilePath(NSURLRef url) { _videoFilePath.store(std::move(url)); }
     bool isRecording() const { return _isRecording.load(std::memory_order_relaxed); }
     void setIsRecording(bool recording) { _isRecording.store(recording, std::memory_order_relaxed); }
     uint32_t cameraDataCounter() const { return _cameraDataCounter.load(std::memory_order_relaxed); }
@@ -115,7 +115,7 @@ private:
     std::atomic<uint32_t> _cameraDataCounter{0};
     SharedField<AVAssetWriterInput> _inputWriterBuffer;
     SharedField<AVAssetWriter> _outputWriter;
-    SharedField<NSURL> _videoFilePath;
+    SharedField<const NSURL> _videoFilePath;
     mutable std::mutex _settingsMutex;
     std::optional<AVOutputSettings> _recordingOutputSettings;
 };
