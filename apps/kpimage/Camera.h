@@ -6,6 +6,8 @@
 
 #include <KPImage/KPImage.h>
 
+#include <memory>
+#include <optional>
 #include <string>
 
 namespace kpcli {
@@ -46,6 +48,43 @@ inline kp::AVCaptureDevice::Ref cameraFromArgs(const Args& a, std::string& error
     }
     error = "no camera at position " + name;
     return nullptr;
+}
+
+/// A session on the camera with a frame output delivering frames of the pixel format to the delegate on a serial
+/// "VideoDataOutputQueue", late frames discarded; not yet running. A runtime error is stored in runtimeError and
+/// stops the main run loop.
+struct FrameSession {
+    std::shared_ptr<kp::AVCaptureSession> session;
+    std::shared_ptr<kp::AVCaptureVideoDataOutput> output;
+    kp::dispatch_queue_t queue;
+    std::shared_ptr<std::string> runtimeError = std::make_shared<std::string>();
+};
+
+/// The session of makeFrameSession; nil with error set when the camera cannot be used.
+inline std::optional<FrameSession> makeFrameSession(
+    const kp::AVCaptureDevice::Ref& device, int32_t presetIndex, kp::OSType pixelFormat,
+    const std::shared_ptr<kp::AVCaptureVideoDataOutputSampleBufferDelegate>& delegate, std::string& error) {
+    FrameSession s;
+    s.session = kp::AVCaptureSession::create();
+    s.session->setSessionPreset(presetForIndex(presetIndex));
+    kp::NSErrorRef inputError;
+    auto input = kp::AVCaptureDeviceInput::deviceInputWithDevice(device, &inputError);
+    if (!input || !s.session->canAddInput(input)) {
+        error = "cannot use camera " + device->uniqueID();
+        return std::nullopt;
+    }
+    s.session->addInput(input);
+    s.output = kp::AVCaptureVideoDataOutput::create();
+    s.output->setVideoSettings({{kp::kCVPixelBufferPixelFormatTypeKey, pixelFormat}});
+    s.output->setAlwaysDiscardsLateVideoFrames(true);
+    s.queue = kp::dispatch_queue_create("VideoDataOutputQueue", kp::DISPATCH_QUEUE_SERIAL);
+    s.output->setSampleBufferDelegate(delegate, s.queue);
+    s.session->addOutput(s.output);
+    s.session->setRuntimeErrorHandler([runtimeError = s.runtimeError](const kp::NSErrorRef& e) {
+        *runtimeError = e->localizedDescription();
+        kp::NSRunLoop::mainRunLoop().stop();
+    });
+    return s;
 }
 
 /// Takes one BGRA still from the running session's still output, driving the main run loop until the

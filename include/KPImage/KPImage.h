@@ -48,3 +48,11 @@
 #include "KPImage/Platform/NSSearchPath.h"
 #include "KPImage/Platform/NSStringDrawing.h"
 #include "KPImage/Platform/UIDevice.h"
+
+// Recording and the photo album.
+#include "KPImage/KPCameraRollHelper.h"
+#include "KPImage/Platform/AVAssetReader.h"
+#include "KPImage/Platform/AVAssetWriter.h"
+#include "KPImage/Platform/AVAssetWriterInput.h"
+#include "KPImage/Platform/NSURL.h"
+#include "KPImage/Platform/UIPhotoAlbum.h"

@@ -2,6 +2,10 @@
 // The file manager of the platform layer: listing a directory and removing items, on std::filesystem.
 #pragma once
 
+#include "KPImage/Platform/NSError.h"
+#include "KPImage/Platform/NSSearchPath.h"
+#include "KPImage/Platform/NSURL.h"
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,6 +26,17 @@ public:
     /// its target, and links met inside a removed directory are not followed. False when nothing was
     /// there or the removal failed (part of a directory may then remain).
     bool removeItemAtPath(const std::string& path) const;
+
+    /// The same; on failure *error (when given) is an NSPOSIXErrorDomain error naming the path and the cause.
+    bool removeItemAtPath(const std::string& path, NSErrorRef* error) const;
+
+    /// Creates a directory (and, with intermediates, its missing parents; an existing directory is then no
+    /// failure). False with *error (NSPOSIXErrorDomain, naming the path and the cause) on failure.
+    bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories, NSErrorRef* error) const;
+
+    /// File URLs of the standard directories (see NSSearchPathForDirectoriesInDomains); empty for kinds this
+    /// platform does not have.
+    std::vector<NSURLRef> URLsForDirectory(NSSearchPathDirectory directory, NSSearchPathDomainMask domainMask) const;
 
     /// True when something (a link counts, even a dangling one) exists at path.
     bool fileExistsAtPath(const std::string& path) const;

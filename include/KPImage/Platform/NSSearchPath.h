@@ -19,7 +19,7 @@ enum NSSearchPathDomainMask : uint32_t {
 
 /// The directories of that kind for the domains: for the user's documents, the directory the host set with
 /// setDocumentsDirectory, else XDG_DOCUMENTS_DIR of the user-dirs.dirs file in $XDG_CONFIG_HOME (default
-/// ~/.config), else ~/Documents. With expandTilde, a leading "~" becomes the home directory. Empty for
+/// ~/.config), else ~/Documents; for the user's pictures, XDG_PICTURES_DIR, else ~/Pictures. With expandTilde, a leading "~" becomes the home directory. Empty for
 /// kinds or domains this platform does not have.
 std::vector<std::string> NSSearchPathForDirectoriesInDomains(NSSearchPathDirectory directory,
                                                              NSSearchPathDomainMask domainMask, bool expandTilde);

@@ -30,9 +30,9 @@ std::string expandTildeIn(const std::string& path) {
     return path;
 }
 
-// XDG_DOCUMENTS_DIR from user-dirs.dirs: lines of the form XDG_DOCUMENTS_DIR="$HOME/Documents", where the
+// A directory from user-dirs.dirs: lines of the form XDG_DOCUMENTS_DIR="$HOME/Documents", where the
 // value is either absolute or starts with $HOME. Empty when not set.
-std::string xdgDocumentsDirectory() {
+std::string xdgUserDirectory(const std::string& name) {
     std::string configHome;
     if (const char* env = std::getenv("XDG_CONFIG_HOME"); env != nullptr && env[0] == '/') {
         configHome = env;
@@ -47,7 +47,7 @@ std::string xdgDocumentsDirectory() {
         if (start == std::string::npos || line[start] == '#') {
             continue;
         }
-        const std::string key = "XDG_DOCUMENTS_DIR=";
+        const std::string key = name + "=";
         if (line.compare(start, key.size(), key) != 0) {
             continue;
         }
@@ -92,8 +92,12 @@ void setDocumentsDirectory(std::string path) {
 
 std::vector<std::string> NSSearchPathForDirectoriesInDomains(NSSearchPathDirectory directory,
                                                              NSSearchPathDomainMask domainMask, bool expandTilde) {
-    if (directory != NSDocumentDirectory || (domainMask & NSUserDomainMask) == 0) {
+    if ((directory != NSDocumentDirectory && directory != NSPicturesDirectory) || (domainMask & NSUserDomainMask) == 0) {
         return {};
+    }
+    if (directory == NSPicturesDirectory) {
+        const std::string pictures = xdgUserDirectory("XDG_PICTURES_DIR");
+        return {pictures.empty() ? (expandTilde ? expandTildeIn("~/Pictures") : "~/Pictures") : pictures};
     }
     std::string path;
     {
@@ -101,7 +105,7 @@ std::vector<std::string> NSSearchPathForDirectoriesInDomains(NSSearchPathDirecto
         path = documentsOverride();
     }
     if (path.empty()) {
-        path = xdgDocumentsDirectory();
+        path = xdgUserDirectory("XDG_DOCUMENTS_DIR");
     }
     if (path.empty()) {
         path = "~/Documents";

@@ -66,7 +66,15 @@ TEST(NSSearchPath, DocumentsDirectoryFromHostXdgOrHome) {
     kp::setDocumentsDirectory("/var/lib/app");
     EXPECT_EQ(documents(), "/var/lib/app");
     kp::setDocumentsDirectory("");
-    EXPECT_TRUE(kp::NSSearchPathForDirectoriesInDomains(kp::NSPicturesDirectory, kp::NSUserDomainMask, true).empty());
+    const auto pictures = [] {
+        return kp::NSSearchPathForDirectoriesInDomains(kp::NSPicturesDirectory, kp::NSUserDomainMask, true);
+    };
+    EXPECT_EQ(pictures(), std::vector<std::string>{(root / "home" / "Pictures").string()});
+    std::ofstream(root / "config" / "user-dirs.dirs") << "XDG_PICTURES_DIR=\"$HOME/Bilder\"\n";
+    EXPECT_EQ(pictures(), std::vector<std::string>{(root / "home" / "Bilder").string()});
+    EXPECT_TRUE(kp::NSSearchPathForDirectoriesInDomains(static_cast<kp::NSSearchPathDirectory>(5), kp::NSUserDomainMask,
+                                                        true)
+                    .empty());
     fs::remove_all(root);
 }
 

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+// File-manager operations that report errors, and file URLs.
+#include "KPImage/Platform/NSFileManager.h"
+#include "KPImage/Platform/NSURL.h"
+#include "support/MovieFrames.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(NSFileManagerErrors, RemovalAndCreationReportTheCause) {
+    kptest::ScratchFolder root("files");
+    auto& files = kp::NSFileManager::defaultManager();
+    kp::NSErrorRef error;
+    EXPECT_FALSE(files.removeItemAtPath(root.file("none"), &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), kp::NSPOSIXErrorDomain);
+    EXPECT_EQ(error->code(), ENOENT);
+    EXPECT_NE(error->localizedDescription().find(root.file("none")), std::string::npos);
+
+    error = nullptr;
+    EXPECT_FALSE(files.createDirectoryAtPath(root.file("a/b"), false, &error)) << "no intermediates";
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), ENOENT);
+    EXPECT_TRUE(files.createDirectoryAtPath(root.file("a/b"), true, nullptr));
+    EXPECT_TRUE(files.createDirectoryAtPath(root.file("a/b"), true, nullptr)) << "an existing folder is fine";
+    EXPECT_FALSE(files.createDirectoryAtPath(root.file("a/b"), false, &error));
+    EXPECT_EQ(error->code(), EEXIST);
+    std::ofstream(root.file("a/b/c")) << "x";
+    EXPECT_FALSE(files.createDirectoryAtPath(root.file("a/b/c"), true, &error)) << "a file is in the way";
+
+    EXPECT_TRUE(files.removeItemAtPath(root.file("a"), &error));
+    EXPECT_FALSE(fs::exists(root.file("a")));
+}
+
+TEST(NSFileManagerErrors, DocumentUrlsAndFileUrls) {
+    kp::setDocumentsDirectory("/srv/app docs");
+    const auto urls = kp::NSFileManager::defaultManager().URLsForDirectory(kp::NSDocumentDirectory, kp::NSUserDomainMask);
+    kp::setDocumentsDirectory("");
+    ASSERT_EQ(urls.size(), 1U);
+    EXPECT_EQ(urls[0]->path(), "/srv/app docs");
+    EXPECT_EQ(urls[0]->absoluteString(), "file:///srv/app%20docs");
+
+    EXPECT_FALSE(kp::NSURL::fileURLWithPath(""));
+    const auto movie = kp::NSURL::fileURLWithPath("/d//SavedCameraData/FrontCardData0.mov");
+    EXPECT_EQ(movie->path(), "/d//SavedCameraData/FrontCardData0.mov") << "kept as given";
+    EXPECT_EQ(movie->lastPathComponent(), "FrontCardData0.mov");
+    EXPECT_EQ(kp::NSURL::fileURLWithPath("/a/b/")->lastPathComponent(), "b");
+}
+
+} // namespace
