@@ -4,14 +4,34 @@
 
 namespace kp {
 
+bool StreamStop::sleepUntil(std::chrono::steady_clock::time_point deadline) const {
+    std::unique_lock lock(_mutex);
+    return !_wake.wait_until(lock, deadline, [&] { return requested(); });
+}
+
+void StreamStop::request() {
+    {
+        // Under the lock, so that a run between its check and its wait cannot miss the wake-up.
+        std::lock_guard lock(_mutex);
+        _flag.store(true, std::memory_order_release);
+    }
+    _wake.notify_all();
+}
+
 void StreamThread::start(std::function<void(const std::atomic<bool> &stop)> body) {
+    start([body = std::move(body)](const StreamStop &stop) { body(stop.flag()); });
+}
+
+void StreamThread::start(std::function<void(const StreamStop &stop)> body) {
     stop();
     // Started again from the detached run's own thread: that run ends as soon as this call returns to it.
     _detached.reset();
     auto run = std::make_shared<Run>();
     _run = run;
-    _thread = std::thread([run, body = std::move(body)] {
+    _thread = std::thread([run, body = std::move(body)]() mutable {
         body(run->stop);
+        // What the body holds (a back-end keeping itself alive) goes before the run counts as finished.
+        body = nullptr;
         std::lock_guard lock(run->mutex);
         run->finished = true;
         run->ended.notify_all();
@@ -21,7 +41,7 @@ void StreamThread::start(std::function<void(const std::atomic<bool> &stop)> body
 
 void StreamThread::stop() {
     if (_run) {
-        _run->stop.store(true, std::memory_order_release);
+        _run->stop.request();
         if (_thread.joinable()) {
             if (_thread.get_id() == std::this_thread::get_id()) {
                 _thread.detach();

@@ -444,7 +444,8 @@ NSErrorRef V4L2Camera::startStream(const CaptureStreamRequest& request, std::sha
                            std::string("The camera did not start: ") + std::strerror(error));
     }
     _streamFourcc.store(actualFourcc, std::memory_order_release);
-    _stream.start([this, request, actualW, actualH, stride, actualFourcc,
+    // The loop keeps the camera alive: the last reference may go while a frame is being delivered.
+    _stream.start([this, keepAlive = weak_from_this().lock(), request, actualW, actualH, stride, actualFourcc,
                    sink = std::move(sink)](const std::atomic<bool>& stop) {
         run(request, actualW, actualH, stride, actualFourcc, sink, stop);
     });

@@ -12,6 +12,11 @@ extern "C" {
 
 namespace kp {
 
+namespace {
+// Free output buffers kept for reuse: enough for a stream whose frames are let go as fast as they come.
+constexpr size_t kFreeFrames = 4;
+} // namespace
+
 PixelConverter::~PixelConverter() { sws_freeContext(_context); }
 
 CVPixelBufferRef PixelConverter::run(int srcFormat, bool srcFullRange, const uint8_t* const srcData[4],
@@ -21,8 +26,14 @@ CVPixelBufferRef PixelConverter::run(int srcFormat, bool srcFullRange, const uin
         dstHeight > INT_MAX) {
         return nullptr;
     }
+    if (!_pool || _pool->width() != dstWidth || _pool->height() != dstHeight || _pool->pixelFormat() != dstFormat) {
+        _pool.reset();
+        if (CVPixelBufferPoolCreate(dstWidth, dstHeight, dstFormat, kFreeFrames, &_pool) != kCVReturnSuccess) {
+            return nullptr;
+        }
+    }
     CVPixelBufferRef out;
-    if (CVPixelBufferCreate(dstWidth, dstHeight, dstFormat, &out) != kCVReturnSuccess) {
+    if (CVPixelBufferPoolCreatePixelBuffer(_pool, &out) != kCVReturnSuccess) {
         return nullptr;
     }
     const bool dstNV12 = dstFormat == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
