@@ -64,13 +64,14 @@ TEST(CameraLifetime, StreamsKeepTheirBackEndAliveWhenTheLastReferenceGoesInAFram
         EXPECT_EQ(kernel->openDescriptors(), 0) << "the camera closed its node after its stream ended";
     }
     // The sample camera.
-    EXPECT_TRUE(kptest::LastReferenceSink::releaseInFirstFrame(std::make_shared<SampleCamera>(AVCaptureDevicePositionFront)));
+    EXPECT_TRUE(
+        kptest::LastReferenceSink::releaseInFirstFrame(std::make_shared<SampleCamera>(AVCaptureDevicePositionFront)));
 }
 
 TEST(CameraLifetime, SessionsDroppedAndDevicesRemovedWhileFramesFlow) {
     kptest::ManualMainQueue main;
     auto queue = dispatch_queue_create("VideoDataOutputQueue", DISPATCH_QUEUE_SERIAL);
-    constexpr int kRounds = 60;
+    constexpr int kRounds = 200;
     int stopsInsideFrames = 0;
     for (int round = 0; round < kRounds; ++round) {
         SCOPED_TRACE(round);
@@ -99,9 +100,8 @@ TEST(CameraLifetime, SessionsDroppedAndDevicesRemovedWhileFramesFlow) {
                 std::this_thread::yield();
             }
         });
-        ASSERT_TRUE(main.drainUntil([&] {
-            return first->counter->frames.load() > 0 && second->counter->frames.load() > 0;
-        }, 60.0));
+        ASSERT_TRUE(main.drainUntil(
+            [&] { return first->counter->frames.load() > 0 && second->counter->frames.load() > 0; }, 60.0));
         // The host lets go of everything while frames flow: devices first or sessions first.
         if (round % 2 == 0) {
             AVCaptureDevice::removeDevice(fed);

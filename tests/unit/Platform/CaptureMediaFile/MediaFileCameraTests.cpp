@@ -161,7 +161,7 @@ TEST(MediaFileCamera, PlaysTheFileFrameByFrameAndLoops) {
     session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
     session->addOutput(output);
     session->startRunning();
-    ASSERT_TRUE(main.drainUntil([&] { return frames->count() >= kFrames + 3; }));
+    ASSERT_TRUE(main.drainUntil([&] { return frames->count() >= kFrames + 3; }, 60.0));
     session->stopRunning();
     dispatch_sync(queue, [] {});
     AVCaptureDevice::removeDevice(device);
@@ -194,7 +194,7 @@ TEST(MediaFileCamera, StopEndsTheWaitForTheNextFrameAtOnce) {
     session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
     session->addOutput(output);
     session->startRunning();
-    ASSERT_TRUE(main.drainUntil([&] { return frames->count() >= 1; }));
+    ASSERT_TRUE(main.drainUntil([&] { return frames->count() >= 1; }, 60.0));
     // The camera now waits a minute for the second frame; stopping must not wait with it.
     const auto before = std::chrono::steady_clock::now();
     session->stopRunning();

@@ -132,10 +132,12 @@ std::pair<CMSampleBufferRef, NSErrorRef> takeStill(kptest::ManualMainQueue& main
             result->error = error;
             result->done = true;
         });
-    EXPECT_TRUE(main.drainUntil([&] {
-        std::lock_guard lock(result->m);
-        return result->done;
-    }));
+    EXPECT_TRUE(main.drainUntil(
+        [&] {
+            std::lock_guard lock(result->m);
+            return result->done;
+        },
+        60.0));
     std::lock_guard lock(result->m);
     return {result->picture, result->error};
 }
@@ -165,7 +167,7 @@ TEST(SampleCamera, DeliversFramesOfThePresetInTheRequestedFormat) {
         delegate->keep(4);
         Rig rig(AVCaptureDevicePositionFront, AVCaptureSessionPreset640x480, format, delegate);
         rig.session->startRunning();
-        ASSERT_TRUE(main.drainUntil([&] { return delegate->count() >= 4; }));
+        ASSERT_TRUE(main.drainUntil([&] { return delegate->count() >= 4; }, 60.0));
         rig.session->stopRunning();
         const auto frames = delegate->frames();
         ASSERT_EQ(frames.size(), 4U);

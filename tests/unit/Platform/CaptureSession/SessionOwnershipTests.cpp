@@ -169,11 +169,11 @@ TEST(CaptureSessionOwnership, TwoThreadsStartingAndStoppingOneCameraLeaveOneOwne
     Client& loser = a.session->isRunning() ? b : a;
     EXPECT_TRUE(loser.session->isInterrupted());
     const size_t ownerBefore = owner.counter->count();
-    ASSERT_TRUE(main.drainUntil([&] { return owner.counter->count() >= ownerBefore + 3; }))
+    ASSERT_TRUE(main.drainUntil([&] { return owner.counter->count() >= ownerBefore + 3; }, 60.0))
         << "the owner gets frames";
     loser.session->stopRunning();
     const size_t ownerAfter = owner.counter->count();
-    ASSERT_TRUE(main.drainUntil([&] { return owner.counter->count() >= ownerAfter + 3; }))
+    ASSERT_TRUE(main.drainUntil([&] { return owner.counter->count() >= ownerAfter + 3; }, 60.0))
         << "the loser's stop left the owner's stream alone";
     owner.session->stopRunning();
     a.fills();

@@ -97,10 +97,12 @@ TEST(StillImageOutput, ScaleAndCropFactorTakesTheCentreOfTheFrame) {
         connection->setVideoScaleAndCropFactor(c.factor);
         auto outcome = request(rig.still, connection);
         EXPECT_TRUE(rig.still->isCapturingStillImage());
-        ASSERT_TRUE(main.drainUntil([&] {
-            rig.camera->pushFrame(frame); // the request takes the first frame that starts after it
-            return finished(outcome);
-        }));
+        ASSERT_TRUE(main.drainUntil(
+            [&] {
+                rig.camera->pushFrame(frame); // the request takes the first frame that starts after it
+                return finished(outcome);
+            },
+            60.0));
         std::lock_guard lock(outcome->mutex);
         ASSERT_TRUE(outcome->picture) << (outcome->error ? outcome->error->localizedDescription() : "");
         const auto pixels = CMSampleBufferGetImageBuffer(outcome->picture);
