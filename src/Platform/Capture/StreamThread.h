@@ -41,7 +41,8 @@ public:
     StreamThread(const StreamThread &) = delete;
     StreamThread &operator=(const StreamThread &) = delete;
 
-    /// Stops any previous run, then runs body(stop) on a new thread; body returns once stop is requested.
+    /// Stops any previous run, then runs body(stop) on a new thread; body returns once stop is requested. Start and
+    /// stop may be called from any thread, the run's own included.
     void start(std::function<void(const StreamStop &stop)> body);
     /// The same for a body that only polls the flag.
     void start(std::function<void(const std::atomic<bool> &stop)> body);
@@ -57,6 +58,7 @@ private:
         bool finished = false;
         std::thread::id id;
     };
+    std::mutex _mutex; // guards the members below (a run may stop itself while its start is still returning)
     std::shared_ptr<Run> _run;
     std::thread _thread;
     std::shared_ptr<Run> _detached; // a run stopped from itself that may still be finishing

@@ -121,6 +121,22 @@ public:
     std::vector<size_t> widths;
 };
 
+// A running session playing the camera into Frames on a queue of its own.
+struct Playback {
+    std::shared_ptr<AVCaptureSession> session = AVCaptureSession::create();
+    std::shared_ptr<AVCaptureVideoDataOutput> output = AVCaptureVideoDataOutput::create(); // '420f' by default
+    std::shared_ptr<Frames> frames = std::make_shared<Frames>();
+    dispatch_queue_t queue = dispatch_queue_create("VideoDataOutputQueue", nullptr);
+
+    explicit Playback(const AVCaptureDevice::Ref& device) {
+        output->setAlwaysDiscardsLateVideoFrames(false); // a busy machine must not make frames go missing
+        output->setSampleBufferDelegate(frames, queue);
+        session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
+        session->addOutput(output);
+        session->startRunning();
+    }
+};
+
 // A folder of its own for a test's movies, removed afterwards.
 struct MovieFolder {
     const std::string path;
@@ -152,18 +168,11 @@ TEST(MediaFileCamera, PlaysTheFileFrameByFrameAndLoops) {
     EXPECT_EQ(device->position(), AVCaptureDevicePositionBack);
     EXPECT_EQ(AVCaptureDevice::devices().front(), device);
 
-    auto session = AVCaptureSession::create();
-    auto output = AVCaptureVideoDataOutput::create(); // '420f' by default
-    output->setAlwaysDiscardsLateVideoFrames(false);   // a busy machine must not make frames go missing
-    auto frames = std::make_shared<Frames>();
-    auto queue = dispatch_queue_create("VideoDataOutputQueue", nullptr);
-    output->setSampleBufferDelegate(frames, queue);
-    session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
-    session->addOutput(output);
-    session->startRunning();
+    Playback play(device);
+    auto& frames = play.frames;
     ASSERT_TRUE(main.drainUntil([&] { return frames->count() >= kFrames + 3; }, 60.0));
-    session->stopRunning();
-    dispatch_sync(queue, [] {});
+    play.session->stopRunning();
+    dispatch_sync(play.queue, [] {});
     AVCaptureDevice::removeDevice(device);
 
     std::lock_guard lock(frames->mutex);
@@ -186,18 +195,12 @@ TEST(MediaFileCamera, StopEndsTheWaitForTheNextFrameAtOnce) {
     NSErrorRef error;
     auto device = AVCaptureDevice::addMediaFileCamera(path, AVCaptureDevicePositionBack, &error);
     ASSERT_TRUE(device) << (error ? error->localizedDescription() : "");
-    auto session = AVCaptureSession::create();
-    auto output = AVCaptureVideoDataOutput::create();
-    auto frames = std::make_shared<Frames>();
-    auto queue = dispatch_queue_create("VideoDataOutputQueue", nullptr);
-    output->setSampleBufferDelegate(frames, queue);
-    session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
-    session->addOutput(output);
-    session->startRunning();
+    Playback play(device);
+    auto& frames = play.frames;
     ASSERT_TRUE(main.drainUntil([&] { return frames->count() >= 1; }, 60.0));
     // The camera now waits a minute for the second frame; stopping must not wait with it.
     const auto before = std::chrono::steady_clock::now();
-    session->stopRunning();
+    play.session->stopRunning();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - before).count();
     EXPECT_LT(seconds, 20.0) << "stopRunning waited for the next frame's time";
     EXPECT_EQ(frames->count(), 1U);
