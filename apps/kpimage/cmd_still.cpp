@@ -85,8 +85,8 @@ const Registration kStill({"still",
                            "  kpimage still [--position front|back] [--preset N] [--torch LEVEL] [--flash on|off]\n"
                            "                [--media FILE] [--sample] OUT.png\n"
                            "      takes one still picture and writes it as PNG; {\"file\",\"camera\",\"width\","
-                           "\"height\",\"bytes\"}; --sample uses the built-in sample camera even when a webcam\n"
-                           "      is found",
+                           "\"height\",\"bytes\"};\n"
+                           "      --sample uses the built-in sample camera even when a webcam is found",
                            still});
 
 } // namespace
