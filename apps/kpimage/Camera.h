@@ -25,9 +25,24 @@ inline kp::AVCaptureSessionPreset presetForIndex(int32_t index) {
     }
 }
 
-/// The first camera at the position given by --position (front, back); registers --media FILE there first.
-/// Sets error and returns nil when there is none.
+/// The --sample switch: the built-in sample cameras are offered even when a webcam is found; a command that
+/// picks a camera (choose) then takes them instead of the webcams.
+inline void applySampleOption(const Args& a, bool choose) {
+    if (!a.flag("sample")) {
+        return;
+    }
+    auto discovery = kp::AVCaptureDevice::discovery();
+    discovery.alwaysOfferSampleCameras = true;
+    if (choose) {
+        discovery.v4l2 = false;
+    }
+    kp::AVCaptureDevice::setDiscovery(discovery);
+}
+
+/// The first camera at the position given by --position (front, back); registers --media FILE there first;
+/// --sample picks a sample camera over a webcam. Sets error and returns nil when there is none.
 inline kp::AVCaptureDevice::Ref cameraFromArgs(const Args& a, std::string& error) {
+    applySampleOption(a, true);
     const std::string name = a.value("position", "front");
     if (name != "front" && name != "back") {
         error = "--position must be front or back";

@@ -73,12 +73,13 @@ Analysis analyse(const kp::UIImage& image) {
     return {o.str(), summary};
 }
 
-int runCamera(double seconds) {
+int runCamera(const Args& args, double seconds) {
+    applySampleOption(args, true);
     const auto devices = kp::AVCaptureDevice::devicesWithMediaType(kp::AVMediaTypeVideo);
     if (devices.empty()) {
         return fail("no camera");
     }
-    const auto device = devices.front(); // webcams come before the sample cameras
+    const auto device = devices.front(); // a webcam when there is one (without --sample)
     auto session = kp::AVCaptureSession::create();
     if (session->canSetSessionPreset(kp::AVCaptureSessionPreset1280x720)) {
         session->setSessionPreset(kp::AVCaptureSessionPreset1280x720);
@@ -146,7 +147,7 @@ int runCamera(double seconds) {
 }
 
 int demo(const std::vector<std::string>& argv) {
-    Args args(argv, {"seconds"}, {"no-camera"});
+    Args args(argv, {"seconds"}, {"no-camera", "sample"});
     if (!args.error().empty()) {
         return fail(args.error());
     }
@@ -162,14 +163,15 @@ int demo(const std::vector<std::string>& argv) {
     const Analysis sample = analyse(*image);
     std::cout << JsonObject().add("file", path).raw("picture", sample.json).str() << std::endl;
     std::cout << "summary: sample picture " << sample.summary << std::endl;
-    return args.flag("no-camera") ? 0 : runCamera(*seconds);
+    return args.flag("no-camera") ? 0 : runCamera(args, *seconds);
 }
 
 const Registration kDemo({"demo",
-                          "  kpimage demo [--seconds S] [--no-camera]\n"
+                          "  kpimage demo [--seconds S] [--no-camera] [--sample]\n"
                           "      the main job: analyses the bundled sample picture, then runs the first camera\n"
-                          "      (a webcam, else the built-in sample camera) for S seconds (default 3), takes a\n"
-                          "      still and analyses it (focus, brightness, face); JSON lines and summaries",
+                          "      (a webcam, else or with --sample the built-in sample camera) for S seconds\n"
+                          "      (default 3), takes a still and analyses it (focus, brightness, face); JSON lines\n"
+                          "      and summaries",
                           demo});
 
 } // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // kpimage devices: the cameras the capture layer finds, with positions and capabilities.
 #include "Args.h"
+#include "Camera.h"
 #include "Command.h"
 #include "Json.h"
 
@@ -35,10 +36,11 @@ std::string presetList(const kp::AVCaptureDevice::Ref& device) {
 }
 
 int devices(const std::vector<std::string>& args) {
-    Args a(args, {"media", "media-position"}, {});
+    Args a(args, {"media", "media-position"}, {"sample"});
     if (!a.error().empty()) {
         return fail(a.error());
     }
+    applySampleOption(a, false);
     if (a.has("media")) {
         kp::NSErrorRef error;
         const auto position = a.value("media-position", "back") == "front" ? kp::AVCaptureDevicePositionFront
@@ -70,9 +72,10 @@ int devices(const std::vector<std::string>& args) {
 }
 
 const Registration kDevices({"devices",
-                             "  kpimage devices [--media FILE [--media-position front|back]]\n"
-                             "      one JSON object per camera (V4L2 webcams, media files, sample cameras): uniqueID,\n"
-                             "      name, position, capabilities and the frame size of each preset it can stream",
+                             "  kpimage devices [--media FILE [--media-position front|back]] [--sample]\n"
+                             "      one JSON object per camera (media files, V4L2 webcams, and the sample cameras when\n"
+                             "      no webcam is found or with --sample): uniqueID, name, position, capabilities and\n"
+                             "      the frame size of each preset it can stream",
                              devices});
 
 } // namespace

@@ -28,7 +28,7 @@ private:
 };
 
 int frames(const std::vector<std::string>& args) {
-    Args a(args, {"position", "preset", "seconds", "pixel-format", "media", "delegate-ms"}, {});
+    Args a(args, {"position", "preset", "seconds", "pixel-format", "media", "delegate-ms"}, {"sample"});
     if (!a.error().empty()) {
         return fail(a.error());
     }
@@ -119,11 +119,12 @@ int frames(const std::vector<std::string>& args) {
 
 const Registration kFrames({"frames",
                             "  kpimage frames [--position front|back] [--preset N] [--seconds S]\n"
-                            "                 [--pixel-format BGRA|420f] [--delegate-ms MS] [--media FILE]\n"
+                            "                 [--pixel-format BGRA|420f] [--delegate-ms MS] [--media FILE] [--sample]\n"
                             "      runs a capture session for S seconds (default 5) and prints\n"
                             "      {\"second\",\"frames\",\"dropped\",\"produced\"} each second, then a summary;\n"
                             "      N: 0 High, 1 Low, 2 Medium, 3 Photo, 4 640x480, 5 1280x720, 6 1920x1080;\n"
-                            "      --delegate-ms makes the frame consumer take that long per frame",
+                            "      --delegate-ms makes the frame consumer take that long per frame;\n"
+                            "      --sample uses the built-in sample camera even when a webcam is found",
                             frames});
 
 } // namespace

@@ -13,12 +13,12 @@ namespace kpcli {
 namespace {
 
 int still(const std::vector<std::string>& args) {
-    Args a(args, {"position", "preset", "media", "torch", "flash"}, {});
+    Args a(args, {"position", "preset", "media", "torch", "flash"}, {"sample"});
     if (!a.error().empty()) {
         return fail(a.error());
     }
     if (a.positional().size() != 1) {
-        return fail("usage: kpimage still [--position front|back] [--preset N] OUT.png");
+        return fail("usage: kpimage still [--position front|back] [--preset N] [--sample] OUT.png");
     }
     const std::string out = a.positional()[0];
     const auto presetIndex = parseInt(a.value("preset", "0"));
@@ -83,9 +83,10 @@ int still(const std::vector<std::string>& args) {
 
 const Registration kStill({"still",
                            "  kpimage still [--position front|back] [--preset N] [--torch LEVEL] [--flash on|off]\n"
-                           "                [--media FILE] OUT.png\n"
+                           "                [--media FILE] [--sample] OUT.png\n"
                            "      takes one still picture and writes it as PNG; {\"file\",\"camera\",\"width\","
-                           "\"height\",\"bytes\"}",
+                           "\"height\",\"bytes\"};\n"
+                           "      --sample uses the built-in sample camera even when a webcam is found",
                            still});
 
 } // namespace

@@ -2,7 +2,9 @@
 // A scripted camera for tests.
 #include "support/FakeCaptureDevice.h"
 
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 namespace kptest {
@@ -56,15 +58,14 @@ void FakeCaptureDevice::failNextStart(NSErrorRef error) {
     _startError = std::move(error);
 }
 
+namespace {
+// Frame callbacks running on this thread (pushFrame calls the sink on the caller's thread).
+thread_local int tCallbackDepth = 0;
+} // namespace
+
 bool FakeCaptureDevice::pushFrame(uint8_t fill) {
-    std::shared_ptr<CaptureFrameSink> sink;
-    CaptureStreamRequest request;
-    {
-        std::lock_guard lock(_mutex);
-        sink = _sink;
-        request = _request;
-    }
-    if (!sink) {
+    CaptureStreamRequest request = streamRequest();
+    if (!isStreaming()) {
         return false;
     }
     CVPixelBufferRef pixels;
@@ -73,11 +74,25 @@ bool FakeCaptureDevice::pushFrame(uint8_t fill) {
         return false;
     }
     std::memset(pixels->bytes(), fill, pixels->dataSize());
+    return pushFrame(pixels);
+}
+
+bool FakeCaptureDevice::pushFrame(const CVPixelBufferRef& pixels) {
+    std::shared_ptr<CaptureFrameSink> sink;
+    {
+        std::lock_guard lock(_mutex);
+        sink = _sink;
+    }
+    if (!sink || !pixels) {
+        return false;
+    }
     CMSampleTimingInfo timing;
     timing.presentationTimeStamp = CMClockGetHostTimeNow();
     CMSampleBufferRef sample;
     CMSampleBufferCreateForImageBuffer(pixels, true, timing, &sample);
+    ++tCallbackDepth;
     sink->didCaptureFrame(sample);
+    --tCallbackDepth;
     return true;
 }
 
@@ -173,12 +188,56 @@ NSErrorRef FakeCaptureDevice::startStream(const CaptureStreamRequest& request, s
 
 void FakeCaptureDevice::stopStream() {
     std::lock_guard lock(_mutex);
+    if (tCallbackDepth > 0) {
+        ++_stopsFromCallbacks;
+    }
     _sink.reset();
+}
+
+int FakeCaptureDevice::stopsFromFrameCallbacks() const {
+    std::lock_guard lock(_mutex);
+    return _stopsFromCallbacks;
 }
 
 void FakeCaptureDevice::willCaptureStillImage() {
     std::lock_guard lock(_mutex);
     ++_stills;
 }
+
+bool LastReferenceSink::releaseInFirstFrame(std::shared_ptr<CaptureDeviceBackend> camera,
+                                            const std::function<void()>& started) {
+    std::weak_ptr<CaptureDeviceBackend> weak = camera;
+    auto sink = std::make_shared<LastReferenceSink>();
+    sink->_camera = camera;
+    CaptureStreamRequest request;
+    request.format = camera->formatForPreset(AVCaptureSessionPresetHigh);
+    if (camera->startStream(request, sink)) {
+        return false;
+    }
+    camera.reset();
+    if (started) {
+        started();
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!weak.expired() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    std::lock_guard lock(sink->_mutex);
+    return weak.expired() && sink->_frames == 1;
+}
+
+void LastReferenceSink::didCaptureFrame(const CMSampleBufferRef& /*frame*/) {
+    std::shared_ptr<CaptureDeviceBackend> last;
+    {
+        std::lock_guard lock(_mutex);
+        ++_frames;
+        last = std::move(_camera);
+    }
+    if (last) {
+        last->stopStream(); // on the stream's own thread: the run ends after this frame
+    }
+}
+
+void LastReferenceSink::didFailWithError(const NSErrorRef& /*error*/) {}
 
 } // namespace kptest

@@ -5,6 +5,7 @@
 #include "KPImage/Platform/CaptureDeviceBackend.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,6 +32,8 @@ public:
     void failNextStart(kp::NSErrorRef error);
     /// Hands a frame filled with the byte to the sink on the calling thread; false while not streaming.
     bool pushFrame(uint8_t fill = 0x80);
+    /// Hands these pixels to the sink on the calling thread; false while not streaming.
+    bool pushFrame(const kp::CVPixelBufferRef& pixels);
     /// The camera disappears: the sink hears an error, the device reports itself disconnected.
     void vanish();
 
@@ -42,6 +45,8 @@ public:
     bool holdsLock() const;
     std::vector<kp::CaptureControls> appliedControls() const;
     int stillRequests() const;
+    /// How often stopStream was called on a thread inside a frame callback (which the interface forbids).
+    int stopsFromFrameCallbacks() const;
 
     // CaptureDeviceBackend.
     std::string uniqueID() const override { return _uniqueID; }
@@ -70,9 +75,28 @@ private:
     bool _locked = false;
     int _starts = 0;
     int _stills = 0;
+    int _stopsFromCallbacks = 0;
     std::vector<kp::CaptureControls> _applied;
     std::shared_ptr<kp::CaptureFrameSink> _sink;
     kp::CaptureStreamRequest _request;
+};
+
+/// A sink that, in the first frame it gets, stops the stream and lets go of the last reference to the camera
+/// outside the stream itself, as a frame callback dropping the last owner would.
+class LastReferenceSink final : public kp::CaptureFrameSink {
+public:
+    /// Streams the camera's high preset into such a sink, calling started() once it streams (to feed a fake
+    /// camera); true when the camera went away after that one frame, once its stream had ended (within 30 s).
+    static bool releaseInFirstFrame(std::shared_ptr<kp::CaptureDeviceBackend> camera,
+                                    const std::function<void()>& started = {});
+
+    void didCaptureFrame(const kp::CMSampleBufferRef& frame) override;
+    void didFailWithError(const kp::NSErrorRef& error) override;
+
+private:
+    std::mutex _mutex;
+    std::shared_ptr<kp::CaptureDeviceBackend> _camera;
+    int _frames = 0;
 };
 
 } // namespace kptest

@@ -19,8 +19,10 @@ struct CaptureDeviceDiscovery {
     /// Scan for V4L2 video capture nodes (directory/video*).
     bool v4l2 = true;
     std::string v4l2Directory = "/dev";
-    /// Offer the built-in sample cameras (front and back).
+    /// Offer the built-in sample cameras (front and back) when no webcam is found.
     bool sampleCameras = true;
+    /// Offer the sample cameras even when webcams are found (listed after them).
+    bool alwaysOfferSampleCameras = false;
 };
 
 /// A camera. Device objects are shared and keep their identity: devices() returns the same object for the same
@@ -31,8 +33,9 @@ public:
     using Ref = std::shared_ptr<AVCaptureDevice>;
 
     /// Every camera, in this order: devices the host added (in the order added), V4L2 webcams (by node number),
-    /// then the sample cameras (front, back). V4L2 webcams are front, back, then unspecified in the order found,
-    /// unless the host assigned positions.
+    /// then the sample cameras (front, back) when no webcam is found or the discovery asks for them. V4L2 webcams
+    /// are front (a lone webcam faces the user), back, then unspecified in the order found, unless the host
+    /// assigned positions.
     static std::vector<Ref> devices();
     /// The devices that have the media type (all cameras have video; none has anything else).
     static std::vector<Ref> devicesWithMediaType(const AVMediaType& mediaType);

@@ -19,7 +19,9 @@ namespace kp {
 
 /// A capture session. All methods may be called from any thread (normally the main thread). The camera streams
 /// while the session runs, has a camera input and at least one output; changes made between
-/// beginConfiguration and commitConfiguration take effect together at the outermost commit.
+/// beginConfiguration and commitConfiguration take effect together at the outermost commit. One session streams
+/// a camera at a time: a session that starts a camera another session streams takes it over, and the other is
+/// interrupted. The camera's thread never holds a session, so a session always ends on a thread of its owners.
 class AVCaptureSession : public std::enable_shared_from_this<AVCaptureSession> {
 public:
     static std::shared_ptr<AVCaptureSession> create();
@@ -55,14 +57,19 @@ public:
     bool isConfiguring() const;
 
     /// Starts the session; the camera starts when the session has an input and an output (inside a transaction,
-    /// at the commit). A camera that fails to start reports a runtime error and the session stops.
+    /// at the commit). A camera that fails to start reports a runtime error and the session stops. A camera that
+    /// another session streams is taken over: that session is interrupted.
     void startRunning();
     /// Stops the session and its camera; returns once the camera has stopped (frames already queued to a
-    /// delegate may still be delivered).
+    /// delegate may still be delivered). A session whose camera was taken over leaves the new owner's stream alone.
     void stopRunning();
+    /// False once stopped, failed or interrupted.
     bool isRunning() const;
+    /// True once another session took the camera over, until this session starts or stops again.
+    bool isInterrupted() const;
 
-    /// Called on the main queue when the running session stops because of an error (camera failed or vanished).
+    /// Called on the main queue when the running session stops because of an error: the camera failed or vanished,
+    /// or another session took it over (AVErrorDeviceAlreadyUsedByAnotherSession).
     void setRuntimeErrorHandler(std::function<void(const NSErrorRef& error)> handler);
     /// The format the camera streams now; nil while not streaming.
     std::optional<CaptureStreamRequest> activeStream() const;
@@ -71,11 +78,16 @@ public:
 
 private:
     class Sink;
+    struct Delivery;
+    struct Claim;
     friend class Sink;
     void updateStreamLocked();
     void stopStreamLocked(const NSErrorRef& error);
-    void deliver(uint64_t generation, const CMSampleBufferRef& frame);
     void streamFailed(uint64_t generation, const NSErrorRef& error);
+    static void deliver(Delivery& delivery, uint64_t generation, const CMSampleBufferRef& frame);
+    /// Ends this session's stream if another session took its camera; true when it did.
+    bool takeInterruptionLocked();
+    void reportLocked(const NSErrorRef& error);
     std::shared_ptr<AVCaptureDeviceInput> videoInputLocked() const;
     void publishOutputsLocked();
 
@@ -87,16 +99,18 @@ private:
     bool _running = false;
     std::function<void(const NSErrorRef&)> _runtimeErrorHandler;
 
-    // The stream: which back-end streams what, under which generation number.
+    bool _interrupted = false;
+
+    // The stream: which back-end streams what, under which generation number, and this session's claim on the
+    // camera (lost when another session takes it over).
     std::shared_ptr<CaptureDeviceBackend> _streamBackend;
     std::optional<CaptureStreamRequest> _stream;
     uint64_t _generation = 0;
+    std::shared_ptr<Claim> _claim;
 
-    // What frames are handed to; read by the camera thread under its own lock so that stopping the camera
-    // (which waits for that thread) never waits for _mutex.
-    mutable std::mutex _deliveryMutex;
-    std::shared_ptr<const std::vector<std::shared_ptr<AVCaptureOutput>>> _deliveryOutputs;
-    uint64_t _deliveryGeneration = 0;
+    // What the camera thread hands frames to, shared with the stream's sink; it holds no session, and has its own
+    // lock so that stopping the camera (which waits for that thread) never waits for _mutex.
+    const std::shared_ptr<Delivery> _delivery;
 };
 
 } // namespace kp

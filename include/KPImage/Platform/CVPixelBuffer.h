@@ -31,6 +31,8 @@ inline constexpr CVOptionFlags kCVPixelBufferLock_ReadOnly = 1;
 /// Largest width or height a pixel buffer may have.
 inline constexpr size_t kCVPixelBufferMaxDimension = 16384;
 
+class CVPixelBufferPool;
+
 /// A frame's pixels. Rows are 64-byte aligned. The pixel addresses are handed out only while the base address
 /// is locked (any thread may lock; locks nest).
 class CVPixelBuffer {
@@ -59,9 +61,14 @@ public:
 
 private:
     friend CVReturn CVPixelBufferCreate(size_t, size_t, OSType, std::shared_ptr<CVPixelBuffer>*);
+    friend CVReturn CVPixelBufferPoolCreatePixelBuffer(const std::shared_ptr<CVPixelBufferPool>&,
+                                                       std::shared_ptr<CVPixelBuffer>*);
     friend CVReturn CVPixelBufferLockBaseAddress(const std::shared_ptr<CVPixelBuffer>&, CVOptionFlags);
     friend CVReturn CVPixelBufferUnlockBaseAddress(const std::shared_ptr<CVPixelBuffer>&, CVOptionFlags);
     CVPixelBuffer() = default;
+    /// Takes its layout and memory (the last step of both ways to make a buffer); counted live from here on.
+    void adopt(size_t width, size_t height, OSType format, size_t planeCount, const Plane (&planes)[2], size_t size,
+               std::unique_ptr<uint8_t[]> bytes);
 
     size_t _width = 0;
     size_t _height = 0;
@@ -102,7 +109,47 @@ OSType CVPixelBufferGetPixelFormatType(const CVPixelBufferRef& buffer);
 /// Total bytes of all planes.
 size_t CVPixelBufferGetDataSize(const CVPixelBufferRef& buffer);
 
-/// How many pixel buffers exist in the process right now (for watching memory use).
+/// How many pixel buffers exist in the process right now (for watching memory use); the free memory a pool
+/// keeps for reuse is not counted.
 size_t CVPixelBufferGetLiveCount();
+
+/// Reuses the memory of pixel buffers of one size and format: when the last reference to a buffer from the pool
+/// goes (on any thread), its memory returns to the pool, which keeps up to a fixed number of free buffers and
+/// frees the rest. Buffers outlive their pool. A reused buffer keeps the bytes it had: producers overwrite every
+/// pixel. Thread-safe.
+class CVPixelBufferPool {
+public:
+    ~CVPixelBufferPool();
+    CVPixelBufferPool(const CVPixelBufferPool&) = delete;
+    CVPixelBufferPool& operator=(const CVPixelBufferPool&) = delete;
+
+    size_t width() const { return _width; }
+    size_t height() const { return _height; }
+    OSType pixelFormat() const { return _format; }
+    /// How many free buffers wait for reuse now.
+    size_t freeCount() const;
+
+private:
+    struct Shelf;
+    friend CVReturn CVPixelBufferPoolCreate(size_t, size_t, OSType, size_t, std::shared_ptr<CVPixelBufferPool>*);
+    friend CVReturn CVPixelBufferPoolCreatePixelBuffer(const std::shared_ptr<CVPixelBufferPool>&,
+                                                       std::shared_ptr<CVPixelBuffer>*);
+    CVPixelBufferPool() = default;
+
+    size_t _width = 0;
+    size_t _height = 0;
+    OSType _format = 0;
+    std::shared_ptr<Shelf> _shelf;
+};
+
+using CVPixelBufferPoolRef = std::shared_ptr<CVPixelBufferPool>;
+
+/// A pool of width x height buffers in the format (BGRA or '420f') keeping up to maximumFreeBuffers (at least 1)
+/// free buffers; the errors of CVPixelBufferCreate for a bad size or format, *out then null.
+CVReturn CVPixelBufferPoolCreate(size_t width, size_t height, OSType pixelFormatType, size_t maximumFreeBuffers,
+                                 CVPixelBufferPoolRef* out);
+/// A buffer from the pool: a free one when there is one, else a new zeroed one; kCVReturnInvalidArgument for a
+/// null pool or out, kCVReturnAllocationFailed when memory runs out (*out then null).
+CVReturn CVPixelBufferPoolCreatePixelBuffer(const CVPixelBufferPoolRef& pool, CVPixelBufferRef* out);
 
 } // namespace kp

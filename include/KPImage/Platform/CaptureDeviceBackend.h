@@ -64,8 +64,9 @@ public:
 };
 
 /// A camera driver. All methods may be called from any thread; startStream/stopStream are never called
-/// concurrently for one back-end.
-class CaptureDeviceBackend {
+/// concurrently for one back-end. Back-ends are owned by std::shared_ptr: a stream keeps its back-end alive until
+/// its loop has ended, so whoever starts a stream must stop it.
+class CaptureDeviceBackend : public std::enable_shared_from_this<CaptureDeviceBackend> {
 public:
     virtual ~CaptureDeviceBackend() = default;
     virtual std::string uniqueID() const = 0;

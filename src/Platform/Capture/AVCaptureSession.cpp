@@ -5,27 +5,81 @@
 #include "KPImage/Platform/Dispatch.h"
 
 #include <algorithm>
+#include <atomic>
+#include <map>
 
 namespace kp {
 
-// Hands the camera's frames to the session it was made for; outlives neither the stream nor needs the session.
-class AVCaptureSession::Sink final : public CaptureFrameSink {
-public:
-    Sink(std::weak_ptr<AVCaptureSession> session, uint64_t generation)
-        : _session(std::move(session)), _generation(generation) {}
-    void didCaptureFrame(const CMSampleBufferRef& frame) override {
-        if (auto s = _session.lock()) {
-            s->deliver(_generation, frame);
-            if (s.use_count() == 1) {
-                // Everybody else let go while the frame was delivered: the session must not end on the camera's
-                // own thread, because ending it stops (and waits for) that thread.
-                dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0), [last = std::move(s)] {});
-            }
+// What the camera thread needs to hand frames on. It holds the outputs, never the session.
+struct AVCaptureSession::Delivery {
+    std::mutex mutex;
+    std::shared_ptr<const std::vector<std::shared_ptr<AVCaptureOutput>>> outputs;
+    uint64_t generation = 0; // the stream whose frames are wanted; 0 for none
+};
+
+// A session's hold on the camera it streams. One table says which claim holds each camera; starting and stopping
+// any camera happens under its lock, so two sessions never start or stop one camera at the same time, and a
+// session whose camera was taken over cannot stop the new owner's stream.
+struct AVCaptureSession::Claim {
+    std::weak_ptr<AVCaptureSession> session;
+    std::atomic<bool> lost{false};
+
+    /// Starts the camera for the claim; a session streaming it loses its claim and learns it on another thread.
+    static NSErrorRef start(const std::shared_ptr<CaptureDeviceBackend>& backend, const CaptureStreamRequest& request,
+                            std::shared_ptr<CaptureFrameSink> sink, const std::shared_ptr<Claim>& claim) {
+        std::lock_guard lock(tableMutex());
+        auto& holder = table()[backend.get()];
+        if (holder && holder != claim) {
+            backend->stopStream();
+            holder->lost.store(true, std::memory_order_release);
+            // The loser updates itself under its own lock, which this thread may not take while holding another.
+            dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0),
+                           [weak = holder->session] {
+                               if (auto loser = weak.lock()) {
+                                   std::lock_guard loserLock(loser->_mutex);
+                                   loser->takeInterruptionLocked();
+                               }
+                           });
+        }
+        NSErrorRef error = backend->startStream(request, std::move(sink));
+        if (error) {
+            table().erase(backend.get());
+        } else {
+            holder = claim;
+        }
+        return error;
+    }
+
+    /// Stops the camera if the claim still holds it.
+    static void stop(const std::shared_ptr<CaptureDeviceBackend>& backend, const std::shared_ptr<Claim>& claim) {
+        std::lock_guard lock(tableMutex());
+        auto it = table().find(backend.get());
+        if (it != table().end() && it->second == claim) {
+            backend->stopStream();
+            table().erase(it);
         }
     }
+
+private:
+    static std::mutex& tableMutex() {
+        static auto* mutex = new std::mutex();
+        return *mutex;
+    }
+    static std::map<const CaptureDeviceBackend*, std::shared_ptr<Claim>>& table() {
+        static auto* claims = new std::map<const CaptureDeviceBackend*, std::shared_ptr<Claim>>();
+        return *claims;
+    }
+};
+
+// Hands the camera's frames to the outputs of the stream it was made for. Frames need no session, so the camera
+// thread never holds one (a session ending there would stop, and wait for, its own thread).
+class AVCaptureSession::Sink final : public CaptureFrameSink {
+public:
+    Sink(std::shared_ptr<Delivery> delivery, std::weak_ptr<AVCaptureSession> session, uint64_t generation)
+        : _delivery(std::move(delivery)), _session(std::move(session)), _generation(generation) {}
+    void didCaptureFrame(const CMSampleBufferRef& frame) override { deliver(*_delivery, _generation, frame); }
     void didFailWithError(const NSErrorRef& error) override {
-        // The camera thread must not wait for the session's lock (stopping the stream waits for this thread),
-        // so the failure is handled on another thread.
+        // Handled on another thread: the session's lock may be held by a thread that is stopping this stream.
         dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0),
                        [weak = _session, generation = _generation, error] {
                            if (auto s = weak.lock()) {
@@ -35,18 +89,19 @@ public:
     }
 
 private:
-    std::weak_ptr<AVCaptureSession> _session;
-    uint64_t _generation;
+    const std::shared_ptr<Delivery> _delivery;
+    const std::weak_ptr<AVCaptureSession> _session;
+    const uint64_t _generation;
 };
 
 std::shared_ptr<AVCaptureSession> AVCaptureSession::create() { return std::make_shared<AVCaptureSession>(); }
 
-AVCaptureSession::AVCaptureSession() : _preset(AVCaptureSessionPresetHigh) {}
+AVCaptureSession::AVCaptureSession() : _preset(AVCaptureSessionPresetHigh), _delivery(std::make_shared<Delivery>()) {}
 
 AVCaptureSession::~AVCaptureSession() {
-    // Nobody can call in any more; stop the camera so its thread no longer refers to this session.
+    // Nobody can call in any more; stop the camera (unless another session took it over).
     if (_streamBackend) {
-        _streamBackend->stopStream();
+        Claim::stop(_streamBackend, _claim);
     }
     for (auto& input : _inputs) {
         input->_attached.store(false, std::memory_order_release);
@@ -195,12 +250,16 @@ bool AVCaptureSession::isConfiguring() const {
 
 void AVCaptureSession::startRunning() {
     std::lock_guard lock(_mutex);
+    takeInterruptionLocked();
+    _interrupted = false;
     _running = true;
     updateStreamLocked();
 }
 
 void AVCaptureSession::stopRunning() {
     std::lock_guard lock(_mutex);
+    takeInterruptionLocked();
+    _interrupted = false;
     _running = false;
     // Stopping takes effect at once, even inside a configuration transaction.
     stopStreamLocked(nullptr);
@@ -208,7 +267,12 @@ void AVCaptureSession::stopRunning() {
 
 bool AVCaptureSession::isRunning() const {
     std::lock_guard lock(_mutex);
-    return _running;
+    return _running && !(_claim && _claim->lost.load(std::memory_order_acquire));
+}
+
+bool AVCaptureSession::isInterrupted() const {
+    std::lock_guard lock(_mutex);
+    return _interrupted || (_claim && _claim->lost.load(std::memory_order_acquire));
 }
 
 void AVCaptureSession::setRuntimeErrorHandler(std::function<void(const NSErrorRef&)> handler) {
@@ -218,13 +282,46 @@ void AVCaptureSession::setRuntimeErrorHandler(std::function<void(const NSErrorRe
 
 std::optional<CaptureStreamRequest> AVCaptureSession::activeStream() const {
     std::lock_guard lock(_mutex);
+    if (_claim && _claim->lost.load(std::memory_order_acquire)) {
+        return std::nullopt;
+    }
     return _stream;
 }
 
 void AVCaptureSession::publishOutputsLocked() {
     auto snapshot = std::make_shared<const std::vector<std::shared_ptr<AVCaptureOutput>>>(_outputs);
-    std::lock_guard lock(_deliveryMutex);
-    _deliveryOutputs = std::move(snapshot);
+    std::lock_guard lock(_delivery->mutex);
+    _delivery->outputs = std::move(snapshot);
+}
+
+void AVCaptureSession::reportLocked(const NSErrorRef& error) {
+    if (_runtimeErrorHandler) {
+        dispatch_async(dispatch_get_main_queue(), [handler = _runtimeErrorHandler, error] { handler(error); });
+    }
+}
+
+bool AVCaptureSession::takeInterruptionLocked() {
+    if (!_claim || !_claim->lost.load(std::memory_order_acquire)) {
+        return false;
+    }
+    // The new owner already stopped this session's stream; only the session's own state is left to end.
+    const NSErrorRef error = NSError::errorWithDescription(AVFoundationErrorDomain,
+                                                           AVErrorDeviceAlreadyUsedByAnotherSession,
+                                                           "Another session took the camera over.");
+    {
+        std::lock_guard lock(_delivery->mutex);
+        _delivery->generation = 0;
+    }
+    _claim.reset();
+    _streamBackend.reset();
+    _stream.reset();
+    _running = false;
+    _interrupted = true;
+    for (auto& output : _outputs) {
+        output->sessionDidStopStreaming(error);
+    }
+    reportLocked(error);
+    return true;
 }
 
 void AVCaptureSession::stopStreamLocked(const NSErrorRef& error) {
@@ -232,10 +329,11 @@ void AVCaptureSession::stopStreamLocked(const NSErrorRef& error) {
         return;
     }
     {
-        std::lock_guard lock(_deliveryMutex);
-        _deliveryGeneration = 0;
+        std::lock_guard lock(_delivery->mutex);
+        _delivery->generation = 0;
     }
-    _streamBackend->stopStream();
+    Claim::stop(_streamBackend, _claim);
+    _claim.reset();
     _streamBackend.reset();
     _stream.reset();
     for (auto& output : _outputs) {
@@ -244,6 +342,7 @@ void AVCaptureSession::stopStreamLocked(const NSErrorRef& error) {
 }
 
 void AVCaptureSession::updateStreamLocked() {
+    takeInterruptionLocked();
     if (_configurationDepth > 0) {
         return;
     }
@@ -271,42 +370,44 @@ void AVCaptureSession::updateStreamLocked() {
     }
     const uint64_t generation = ++_generation;
     {
-        std::lock_guard lock(_deliveryMutex);
-        _deliveryGeneration = generation;
+        std::lock_guard lock(_delivery->mutex);
+        _delivery->generation = generation;
     }
+    auto claim = std::make_shared<Claim>();
+    claim->session = weak_from_this();
     NSErrorRef error;
     if (request.format.width <= 0 || request.format.height <= 0) {
         error = NSError::errorWithDescription(AVFoundationErrorDomain, AVErrorFormatUnsupported,
                                               "The camera cannot stream the session preset.");
     } else {
-        error = backend->startStream(request, std::make_shared<Sink>(weak_from_this(), generation));
+        error = Claim::start(backend, request, std::make_shared<Sink>(_delivery, weak_from_this(), generation),
+                             claim);
     }
     if (error) {
         {
-            std::lock_guard lock(_deliveryMutex);
-            _deliveryGeneration = 0;
+            std::lock_guard lock(_delivery->mutex);
+            _delivery->generation = 0;
         }
         _running = false;
         for (auto& output : _outputs) {
             output->sessionDidStopStreaming(error);
         }
-        if (_runtimeErrorHandler) {
-            dispatch_async(dispatch_get_main_queue(), [handler = _runtimeErrorHandler, error] { handler(error); });
-        }
+        reportLocked(error);
         return;
     }
     _streamBackend = std::move(backend);
     _stream = request;
+    _claim = std::move(claim);
 }
 
-void AVCaptureSession::deliver(uint64_t generation, const CMSampleBufferRef& frame) {
+void AVCaptureSession::deliver(Delivery& delivery, uint64_t generation, const CMSampleBufferRef& frame) {
     std::shared_ptr<const std::vector<std::shared_ptr<AVCaptureOutput>>> outputs;
     {
-        std::lock_guard lock(_deliveryMutex);
-        if (generation != _deliveryGeneration) {
+        std::lock_guard lock(delivery.mutex);
+        if (generation != delivery.generation) {
             return;
         }
-        outputs = _deliveryOutputs;
+        outputs = delivery.outputs;
     }
     if (!outputs) {
         return;
@@ -317,19 +418,13 @@ void AVCaptureSession::deliver(uint64_t generation, const CMSampleBufferRef& fra
 }
 
 void AVCaptureSession::streamFailed(uint64_t generation, const NSErrorRef& error) {
-    std::function<void(const NSErrorRef&)> handler;
-    {
-        std::lock_guard lock(_mutex);
-        if (generation != _generation || !_streamBackend) {
-            return; // a stream that was already replaced or stopped
-        }
-        _running = false;
-        stopStreamLocked(error);
-        handler = _runtimeErrorHandler;
+    std::lock_guard lock(_mutex);
+    if (takeInterruptionLocked() || generation != _generation || !_streamBackend) {
+        return; // a stream that was taken over, replaced or stopped
     }
-    if (handler) {
-        dispatch_async(dispatch_get_main_queue(), [handler, error] { handler(error); });
-    }
+    _running = false;
+    stopStreamLocked(error);
+    reportLocked(error);
 }
 
 } // namespace kp

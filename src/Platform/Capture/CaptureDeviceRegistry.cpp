@@ -17,11 +17,14 @@ CaptureDeviceRegistry& CaptureDeviceRegistry::shared() {
 std::vector<AVCaptureDevice::Ref> CaptureDeviceRegistry::devices() {
     std::lock_guard lock(_mutex);
     std::vector<AVCaptureDevice::Ref> out = _added;
+    std::vector<AVCaptureDevice::Ref> webcams;
     if (_discovery.v4l2) {
-        auto found = scanV4L2Locked();
-        out.insert(out.end(), found.begin(), found.end());
+        webcams = scanV4L2Locked();
+        out.insert(out.end(), webcams.begin(), webcams.end());
     }
-    if (_discovery.sampleCameras) {
+    // The sample cameras stand in for missing hardware; beside a webcam they would take its place in every
+    // choice made by position.
+    if (_discovery.alwaysOfferSampleCameras || (_discovery.sampleCameras && webcams.empty())) {
         if (_sampleCameras.empty()) {
             _sampleCameras.push_back(std::make_shared<AVCaptureDevice>(
                 std::make_shared<SampleCamera>(AVCaptureDevicePositionFront), AVCaptureDevicePositionFront));
@@ -34,7 +37,8 @@ std::vector<AVCaptureDevice::Ref> CaptureDeviceRegistry::devices() {
 }
 
 std::vector<AVCaptureDevice::Ref> CaptureDeviceRegistry::scanV4L2Locked() {
-    const auto paths = V4L2Camera::scan(V4L2Interface::system(), _discovery.v4l2Directory);
+    const auto io = _io ? _io : V4L2Interface::system();
+    const auto paths = V4L2Camera::scan(io, _discovery.v4l2Directory);
     // Forget cameras that went away; their device objects report themselves disconnected.
     for (auto it = _v4l2.begin(); it != _v4l2.end();) {
         if (std::find(paths.begin(), paths.end(), it->first) == paths.end() || !it->second->isConnected()) {
@@ -55,7 +59,7 @@ std::vector<AVCaptureDevice::Ref> CaptureDeviceRegistry::scanV4L2Locked() {
         }
         auto& device = _v4l2[path];
         if (!device) {
-            auto backend = V4L2Camera::open(V4L2Interface::system(), path);
+            auto backend = V4L2Camera::open(io, path);
             if (!backend) {
                 _v4l2.erase(path);
                 --ordinal;
@@ -101,6 +105,12 @@ void CaptureDeviceRegistry::setDiscovery(const CaptureDeviceDiscovery& discovery
 CaptureDeviceDiscovery CaptureDeviceRegistry::discovery() {
     std::lock_guard lock(_mutex);
     return _discovery;
+}
+
+void CaptureDeviceRegistry::setV4L2Interface(std::shared_ptr<V4L2Interface> io) {
+    std::lock_guard lock(_mutex);
+    _io = std::move(io);
+    _v4l2.clear();
 }
 
 } // namespace kp

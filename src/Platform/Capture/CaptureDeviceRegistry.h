@@ -3,6 +3,7 @@
 #pragma once
 
 #include "KPImage/Platform/AVCaptureDevice.h"
+#include "Platform/Capture/V4L2Interface.h"
 
 #include <map>
 #include <mutex>
@@ -21,6 +22,8 @@ public:
     void assignPosition(const std::string& uniqueID, AVCaptureDevicePosition position);
     void setDiscovery(const CaptureDeviceDiscovery& discovery);
     CaptureDeviceDiscovery discovery();
+    /// Scans and opens webcams through io from now on (null: the kernel); forgets the webcams found so far.
+    void setV4L2Interface(std::shared_ptr<V4L2Interface> io);
 
 private:
     CaptureDeviceRegistry() = default;
@@ -28,6 +31,7 @@ private:
 
     std::mutex _mutex;
     CaptureDeviceDiscovery _discovery;
+    std::shared_ptr<V4L2Interface> _io; // null: the kernel
     std::vector<AVCaptureDevice::Ref> _added;
     std::map<std::string, AVCaptureDevice::Ref> _v4l2; // by node path
     std::map<std::string, AVCaptureDevicePosition> _assigned;

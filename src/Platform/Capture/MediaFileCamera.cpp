@@ -99,7 +99,8 @@ NSErrorRef MediaFileCamera::startStream(const CaptureStreamRequest& request, std
         return NSError::errorWithDescription(AVFoundationErrorDomain, AVErrorDeviceNotConnected,
                                              "The video file is gone: " + _path);
     }
-    _stream.start([this, request, sink = std::move(sink)](const std::atomic<bool>& stop) {
+    // The loop keeps the camera alive: the last reference may go while a frame is being delivered.
+    _stream.start([this, keepAlive = weak_from_this().lock(), request, sink = std::move(sink)](const StreamStop& stop) {
         run(request, sink, stop);
     });
     return nullptr;
@@ -111,7 +112,7 @@ void MediaFileCamera::stopStream() {
 }
 
 void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink,
-                          const std::atomic<bool>& stop) {
+                          const StreamStop& stop) {
     using Clock = std::chrono::steady_clock;
     PixelConverter converter;
     AVPacket* packet = av_packet_alloc();
@@ -128,7 +129,7 @@ void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureF
     auto loopStart = Clock::now();
     double lastOffset = 0; // seconds into the file of the previous frame, to pace files without time stamps
     int64_t framesThisLoop = 0;
-    while (!stop.load(std::memory_order_acquire)) {
+    while (!stop.requested()) {
         Decoder decoder;
         if (!decoder.open(_path)) {
             fail("The video file can no longer be decoded: " + _path);
@@ -141,7 +142,7 @@ void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureF
         const int64_t startPts = stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
         framesThisLoop = 0;
         bool draining = false;
-        while (!stop.load(std::memory_order_acquire)) {
+        while (!stop.requested()) {
             int got = avcodec_receive_frame(decoder.codec, frame);
             if (got == AVERROR(EAGAIN)) {
                 if (draining) {
@@ -170,10 +171,9 @@ void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureF
             }
             lastOffset = offset;
             ++framesThisLoop;
-            // Real time: each frame is shown when its time in the file has come.
-            std::this_thread::sleep_until(loopStart + std::chrono::duration_cast<Clock::duration>(
-                                                          std::chrono::duration<double>(std::max(0.0, offset))));
-            if (stop.load(std::memory_order_acquire)) {
+            // Real time: each frame is shown when its time in the file has come; a stop ends the wait at once.
+            if (!stop.sleepUntil(loopStart + std::chrono::duration_cast<Clock::duration>(
+                                                 std::chrono::duration<double>(std::max(0.0, offset))))) {
                 break;
             }
             CVPixelBufferRef pixels = converter.convertFrame(frame, request.pixelFormat, _size.width, _size.height);
@@ -188,7 +188,7 @@ void MediaFileCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureF
             CMSampleBufferCreateForImageBuffer(pixels, true, timing, &sample);
             sink->didCaptureFrame(sample);
         }
-        if (framesThisLoop == 0 && !stop.load(std::memory_order_acquire)) {
+        if (framesThisLoop == 0 && !stop.requested()) {
             fail("The video file has no frames: " + _path);
             return;
         }

@@ -35,8 +35,7 @@ public:
     MediaFileCamera(std::string path, CaptureFormat size) : _path(std::move(path)), _size(size) {}
 
 private:
-    void run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink,
-             const std::atomic<bool>& stop);
+    void run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink, const StreamStop& stop);
 
     const std::string _path;
     const CaptureFormat _size;

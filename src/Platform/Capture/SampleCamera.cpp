@@ -15,6 +15,8 @@ namespace kp {
 namespace {
 // A single auto-focus sweeps for a third of a second.
 constexpr int kFocusSweepFrames = 10;
+// Free frame buffers kept for reuse.
+constexpr size_t kFreeFrames = 4;
 } // namespace
 
 SampleCamera::SampleCamera(AVCaptureDevicePosition position) : _position(position) {}
@@ -90,7 +92,8 @@ NSErrorRef SampleCamera::startStream(const CaptureStreamRequest& request, std::s
         return NSError::errorWithDescription(AVFoundationErrorDomain, AVErrorFormatUnsupported,
                                              "The sample camera cannot stream that size.");
     }
-    _stream.start([this, request, sink = std::move(sink)](const std::atomic<bool>& stop) {
+    // The loop keeps the camera alive: the last reference may go while a frame is being delivered.
+    _stream.start([this, keepAlive = weak_from_this().lock(), request, sink = std::move(sink)](const StreamStop& stop) {
         run(request, sink, stop);
     });
     return nullptr;
@@ -101,27 +104,30 @@ void SampleCamera::stopStream() {
     _stream.stop();
 }
 
-void SampleCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink,
-                       const std::atomic<bool>& stop) {
+void SampleCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink, const StreamStop& stop) {
     const SampleScene& scene = SampleScene::shared();
     const int width = request.format.width;
     const int height = request.format.height;
     const bool planar = request.pixelFormat == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
-    PixelConverter converter;
-    CVPixelBufferRef scratch; // BGRA drawing target when the stream is '420f'
-    if (planar && CVPixelBufferCreate(width, height, kCVPixelFormatType_32BGRA, &scratch) != kCVReturnSuccess) {
+    const auto outOfMemory = [&] {
         sink->didFailWithError(NSError::errorWithDescription(AVFoundationErrorDomain, AVErrorOutOfMemory,
                                                              "No memory for the sample camera's frames."));
+    };
+    PixelConverter converter;
+    CVPixelBufferRef scratch;   // BGRA drawing target when the stream is '420f'
+    CVPixelBufferPoolRef frames; // BGRA frames drawn in place
+    if (planar ? CVPixelBufferCreate(width, height, kCVPixelFormatType_32BGRA, &scratch) != kCVReturnSuccess
+               : CVPixelBufferPoolCreate(width, height, kCVPixelFormatType_32BGRA, kFreeFrames, &frames) !=
+                     kCVReturnSuccess) {
+        outOfMemory();
         return;
     }
     const double phase = _position == AVCaptureDevicePositionBack ? 2.0 : 0.0;
     const auto start = std::chrono::steady_clock::now();
     const auto frameDuration = std::chrono::nanoseconds(1000000000 / kFrameRate);
     int64_t index = 0;
-    while (!stop.load(std::memory_order_acquire)) {
-        const auto due = start + index * frameDuration;
-        std::this_thread::sleep_until(due);
-        if (stop.load(std::memory_order_acquire)) {
+    while (!stop.requested()) {
+        if (!stop.sleepUntil(start + index * frameDuration)) {
             break;
         }
         const CMTime stamp = CMClockGetHostTimeNow();
@@ -138,9 +144,8 @@ void SampleCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureFram
         effects.flash = _flashNextFrame.exchange(false, std::memory_order_acq_rel);
 
         CVPixelBufferRef target = scratch;
-        if (!planar && CVPixelBufferCreate(width, height, kCVPixelFormatType_32BGRA, &target) != kCVReturnSuccess) {
-            sink->didFailWithError(NSError::errorWithDescription(AVFoundationErrorDomain, AVErrorOutOfMemory,
-                                                                 "No memory for the sample camera's frames."));
+        if (!planar && CVPixelBufferPoolCreatePixelBuffer(frames, &target) != kCVReturnSuccess) {
+            outOfMemory();
             return;
         }
         cairo_surface_t* surface = cairo_image_surface_create_for_data(

@@ -35,8 +35,7 @@ public:
     static constexpr int kFrameRate = 30;
 
 private:
-    void run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink,
-             const std::atomic<bool>& stop);
+    void run(CaptureStreamRequest request, std::shared_ptr<CaptureFrameSink> sink, const StreamStop& stop);
 
     const AVCaptureDevicePosition _position;
     std::mutex _mutex;

@@ -579,7 +579,9 @@ NSErrorRef V4L2Camera::startStream(const CaptureStreamRequest& request, std::sha
     if (_focusSettling) {
         _focusLockAt = std::chrono::steady_clock::now() + _focusSettleTime; // a pending single focus runs now
     }
-    _stream.start([this, request, stream, sink = std::move(sink)](const std::atomic<bool>& stop) {
+    // The loop keeps the camera alive: the last reference may go while a frame is being delivered.
+    _stream.start([this, keepAlive = weak_from_this().lock(), request, stream,
+                   sink = std::move(sink)](const std::atomic<bool>& stop) {
         run(request, stream, sink, stop);
     });
     return nullptr;

@@ -2,8 +2,11 @@
 // Pixel buffers with 64-byte aligned rows, checked sizes and a counted base-address lock.
 #include "KPImage/Platform/CVPixelBuffer.h"
 
+#include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <new>
+#include <vector>
 
 namespace kp {
 
@@ -15,38 +18,69 @@ constexpr uint64_t kRowAlignment = 64;
 uint64_t alignRow(uint64_t bytes) { return (bytes + kRowAlignment - 1) / kRowAlignment * kRowAlignment; }
 } // namespace
 
-CVPixelBuffer::~CVPixelBuffer() { gLiveBuffers.fetch_sub(1, std::memory_order_relaxed); }
+CVPixelBuffer::~CVPixelBuffer() {
+    if (_bytes) {
+        gLiveBuffers.fetch_sub(1, std::memory_order_relaxed);
+    }
+}
+
+namespace {
+// Where the planes of a width x height buffer lie and how many bytes it needs.
+struct Layout {
+    CVPixelBuffer::Plane planes[2];
+    size_t planeCount = 0;
+    uint64_t total = 0;
+};
+
+CVReturn layoutFor(size_t width, size_t height, OSType pixelFormatType, Layout& layout) {
+    if (width == 0 || height == 0 || width > kCVPixelBufferMaxDimension || height > kCVPixelBufferMaxDimension) {
+        return kCVReturnInvalidSize;
+    }
+    const uint64_t w = width;
+    const uint64_t h = height;
+    if (pixelFormatType == kCVPixelFormatType_32BGRA) {
+        layout.planes[0] = {0, width, height, static_cast<size_t>(alignRow(w * 4))};
+        layout.total = alignRow(w * 4) * h;
+    } else if (pixelFormatType == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange) {
+        const uint64_t lumaRow = alignRow(w);
+        const uint64_t chromaW = (w + 1) / 2;
+        const uint64_t chromaH = (h + 1) / 2;
+        const uint64_t chromaRow = alignRow(chromaW * 2);
+        layout.planes[0] = {0, width, height, static_cast<size_t>(lumaRow)};
+        layout.planes[1] = {static_cast<size_t>(lumaRow * h), static_cast<size_t>(chromaW),
+                            static_cast<size_t>(chromaH), static_cast<size_t>(chromaRow)};
+        layout.total = lumaRow * h + chromaRow * chromaH;
+        layout.planeCount = 2;
+    } else {
+        return kCVReturnInvalidPixelFormat;
+    }
+    return kCVReturnSuccess;
+}
+} // namespace
+
+void CVPixelBuffer::adopt(size_t width, size_t height, OSType format, size_t planeCount, const Plane (&planes)[2],
+                          size_t size, std::unique_ptr<uint8_t[]> bytes) {
+    gLiveBuffers.fetch_add(1, std::memory_order_relaxed);
+    _width = width;
+    _height = height;
+    _format = format;
+    _planeCount = planeCount;
+    _planes[0] = planes[0];
+    _planes[1] = planes[1];
+    _size = size;
+    _bytes = std::move(bytes);
+}
 
 CVReturn CVPixelBufferCreate(size_t width, size_t height, OSType pixelFormatType, CVPixelBufferRef* out) {
     if (out == nullptr) {
         return kCVReturnInvalidArgument;
     }
     *out = nullptr;
-    if (width == 0 || height == 0 || width > kCVPixelBufferMaxDimension || height > kCVPixelBufferMaxDimension) {
-        return kCVReturnInvalidSize;
+    Layout layout;
+    if (const CVReturn status = layoutFor(width, height, pixelFormatType, layout); status != kCVReturnSuccess) {
+        return status;
     }
-    const uint64_t w = width;
-    const uint64_t h = height;
-    CVPixelBuffer::Plane planes[2];
-    size_t planeCount = 0;
-    uint64_t total = 0;
-    if (pixelFormatType == kCVPixelFormatType_32BGRA) {
-        planes[0] = {0, width, height, static_cast<size_t>(alignRow(w * 4))};
-        total = alignRow(w * 4) * h;
-    } else if (pixelFormatType == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange) {
-        const uint64_t lumaRow = alignRow(w);
-        const uint64_t chromaW = (w + 1) / 2;
-        const uint64_t chromaH = (h + 1) / 2;
-        const uint64_t chromaRow = alignRow(chromaW * 2);
-        planes[0] = {0, width, height, static_cast<size_t>(lumaRow)};
-        planes[1] = {static_cast<size_t>(lumaRow * h), static_cast<size_t>(chromaW), static_cast<size_t>(chromaH),
-                     static_cast<size_t>(chromaRow)};
-        total = lumaRow * h + chromaRow * chromaH;
-        planeCount = 2;
-    } else {
-        return kCVReturnInvalidPixelFormat;
-    }
-    std::unique_ptr<uint8_t[]> bytes(new (std::nothrow) uint8_t[total]());
+    std::unique_ptr<uint8_t[]> bytes(new (std::nothrow) uint8_t[layout.total]());
     if (!bytes) {
         return kCVReturnAllocationFailed;
     }
@@ -54,15 +88,8 @@ CVReturn CVPixelBufferCreate(size_t width, size_t height, OSType pixelFormatType
     if (!buffer) {
         return kCVReturnAllocationFailed;
     }
-    gLiveBuffers.fetch_add(1, std::memory_order_relaxed);
-    buffer->_width = width;
-    buffer->_height = height;
-    buffer->_format = pixelFormatType;
-    buffer->_planeCount = planeCount;
-    buffer->_planes[0] = planes[0];
-    buffer->_planes[1] = planes[1];
-    buffer->_size = static_cast<size_t>(total);
-    buffer->_bytes = std::move(bytes);
+    buffer->adopt(width, height, pixelFormatType, layout.planeCount, layout.planes, static_cast<size_t>(layout.total),
+                  std::move(bytes));
     *out = std::move(buffer);
     return kCVReturnSuccess;
 }
@@ -137,5 +164,97 @@ OSType CVPixelBufferGetPixelFormatType(const CVPixelBufferRef& buffer) { return 
 size_t CVPixelBufferGetDataSize(const CVPixelBufferRef& buffer) { return buffer ? buffer->dataSize() : 0; }
 
 size_t CVPixelBufferGetLiveCount() { return gLiveBuffers.load(std::memory_order_relaxed); }
+
+// The pool's free memory, shared with its buffers' deleters so that a buffer released after its pool is simply
+// freed.
+struct CVPixelBufferPool::Shelf {
+    std::mutex mutex;
+    std::vector<std::unique_ptr<uint8_t[]>> free;
+    size_t maximumFree = 1;
+    Layout layout;
+};
+
+CVPixelBufferPool::~CVPixelBufferPool() = default;
+
+size_t CVPixelBufferPool::freeCount() const {
+    std::lock_guard lock(_shelf->mutex);
+    return _shelf->free.size();
+}
+
+CVReturn CVPixelBufferPoolCreate(size_t width, size_t height, OSType pixelFormatType, size_t maximumFreeBuffers,
+                                 CVPixelBufferPoolRef* out) {
+    if (out == nullptr) {
+        return kCVReturnInvalidArgument;
+    }
+    *out = nullptr;
+    Layout layout;
+    if (const CVReturn status = layoutFor(width, height, pixelFormatType, layout); status != kCVReturnSuccess) {
+        return status;
+    }
+    auto shelf = std::shared_ptr<CVPixelBufferPool::Shelf>(new (std::nothrow) CVPixelBufferPool::Shelf());
+    auto pool = std::shared_ptr<CVPixelBufferPool>(new (std::nothrow) CVPixelBufferPool());
+    if (!shelf || !pool) {
+        return kCVReturnAllocationFailed;
+    }
+    shelf->layout = layout;
+    shelf->maximumFree = std::max<size_t>(1, maximumFreeBuffers);
+    pool->_width = width;
+    pool->_height = height;
+    pool->_format = pixelFormatType;
+    pool->_shelf = std::move(shelf);
+    *out = std::move(pool);
+    return kCVReturnSuccess;
+}
+
+CVReturn CVPixelBufferPoolCreatePixelBuffer(const CVPixelBufferPoolRef& pool, CVPixelBufferRef* out) {
+    if (out == nullptr) {
+        return kCVReturnInvalidArgument;
+    }
+    *out = nullptr;
+    if (!pool) {
+        return kCVReturnInvalidArgument;
+    }
+    const std::shared_ptr<CVPixelBufferPool::Shelf>& shelf = pool->_shelf;
+    const Layout& layout = shelf->layout;
+    std::unique_ptr<uint8_t[]> bytes;
+    {
+        std::lock_guard lock(shelf->mutex);
+        if (!shelf->free.empty()) {
+            bytes = std::move(shelf->free.back());
+            shelf->free.pop_back();
+        }
+    }
+    if (!bytes) {
+        bytes.reset(new (std::nothrow) uint8_t[layout.total]());
+        if (!bytes) {
+            return kCVReturnAllocationFailed;
+        }
+    }
+    CVPixelBuffer* raw = new (std::nothrow) CVPixelBuffer();
+    if (raw == nullptr) {
+        return kCVReturnAllocationFailed;
+    }
+    raw->adopt(pool->_width, pool->_height, pool->_format, layout.planeCount, layout.planes,
+               static_cast<size_t>(layout.total), std::move(bytes));
+    // The last reference hands the memory back; the pool may be gone by then.
+    std::weak_ptr<CVPixelBufferPool::Shelf> home = shelf;
+    auto recycle = [home](CVPixelBuffer* buffer) {
+        if (auto s = home.lock()) {
+            std::unique_ptr<uint8_t[]> memory = std::move(buffer->_bytes);
+            gLiveBuffers.fetch_sub(1, std::memory_order_relaxed);
+            std::lock_guard lock(s->mutex);
+            if (s->free.size() < s->maximumFree) {
+                s->free.push_back(std::move(memory));
+            }
+        }
+        delete buffer;
+    };
+    try {
+        *out = std::shared_ptr<CVPixelBuffer>(raw, recycle);
+    } catch (const std::bad_alloc&) {
+        return kCVReturnAllocationFailed; // the deleter has already taken the buffer back
+    }
+    return kCVReturnSuccess;
+}
 
 } // namespace kp

@@ -48,6 +48,9 @@ void copyNV12(const uint8_t* const srcData[4], const int srcStride[4], bool srcF
         }
     }
 }
+
+// Free output buffers kept for reuse: enough for a stream whose frames are let go as fast as they come.
+constexpr size_t kFreeFrames = 4;
 } // namespace
 
 PixelConverter::~PixelConverter() { sws_freeContext(_context); }
@@ -59,8 +62,14 @@ CVPixelBufferRef PixelConverter::run(int srcFormat, bool srcFullRange, const uin
         dstHeight > INT_MAX) {
         return nullptr;
     }
+    if (!_pool || _pool->width() != dstWidth || _pool->height() != dstHeight || _pool->pixelFormat() != dstFormat) {
+        _pool.reset();
+        if (CVPixelBufferPoolCreate(dstWidth, dstHeight, dstFormat, kFreeFrames, &_pool) != kCVReturnSuccess) {
+            return nullptr;
+        }
+    }
     CVPixelBufferRef out;
-    if (CVPixelBufferCreate(dstWidth, dstHeight, dstFormat, &out) != kCVReturnSuccess) {
+    if (CVPixelBufferPoolCreatePixelBuffer(_pool, &out) != kCVReturnSuccess) {
         return nullptr;
     }
     const bool dstNV12 = dstFormat == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;

@@ -11,8 +11,9 @@ struct AVFrame;
 
 namespace kp {
 
-/// Converts frames into new pixel buffers (BGRA or '420f'), scaling as asked. Keeps its scaler between calls,
-/// so a stream reuses one converter; not for concurrent use.
+/// Converts frames into pixel buffers (BGRA or '420f'), scaling as asked. Keeps its scaler and a pool of output
+/// buffers between calls, so a stream reuses one converter and its frames reuse the memory of frames that were
+/// let go; not for concurrent use.
 class PixelConverter {
 public:
     PixelConverter() = default;
@@ -41,6 +42,7 @@ private:
     CVPixelBufferRef run(int srcFormat, bool srcFullRange, const uint8_t* const srcData[4], const int srcStride[4],
                          int srcWidth, int srcHeight, OSType dstFormat, size_t dstWidth, size_t dstHeight);
     SwsContext* _context = nullptr;
+    CVPixelBufferPoolRef _pool;
 };
 
 } // namespace kp

@@ -1,9 +1,15 @@
 // SPDX-License-Identifier: MIT
-// Capture devices: enumeration and positions, the configuration lock, controls and their support.
+// Capture devices: enumeration (webcams, sample cameras) and positions, the configuration lock, controls and their support.
 #include "KPImage/Platform/AVCaptureDevice.h"
+#include "Platform/Capture/CaptureDeviceRegistry.h"
 #include "support/FakeCaptureDevice.h"
+#include "support/FakeV4L2.h"
 
 #include <gtest/gtest.h>
+#include <linux/videodev2.h>
+
+#include <string>
+#include <vector>
 
 using namespace kp;
 using kptest::FakeCaptureDevice;
@@ -124,4 +130,80 @@ TEST(CaptureDevice, TorchLevelsAndMissingCapabilities) {
     EXPECT_EQ(plain.flashMode(), AVCaptureFlashModeOff);
     EXPECT_EQ(plain.autoFocusRangeRestriction(), AVCaptureAutoFocusRangeRestrictionNone);
     EXPECT_TRUE(bare->appliedControls().empty());
+}
+
+namespace {
+// Webcams from a fake kernel in /fake, for as long as it lives.
+struct FakeWebcams {
+    std::shared_ptr<kptest::FakeV4L2> kernel = std::make_shared<kptest::FakeV4L2>();
+    explicit FakeWebcams(int count, bool alwaysOfferSamples = false) {
+        for (int i = 0; i < count; ++i) {
+            kptest::FakeV4L2::Node node;
+            node.path = "/fake/video" + std::to_string(i * 2); // capture nodes, numbered as a kernel does
+            node.sizes = {{V4L2_PIX_FMT_YUYV, 640, 480}};
+            kernel->addNode(node);
+        }
+        CaptureDeviceRegistry::shared().setV4L2Interface(kernel);
+        CaptureDeviceDiscovery discovery;
+        discovery.v4l2Directory = "/fake";
+        discovery.alwaysOfferSampleCameras = alwaysOfferSamples;
+        AVCaptureDevice::setDiscovery(discovery);
+    }
+    ~FakeWebcams() {
+        AVCaptureDevice::setDiscovery({});
+        CaptureDeviceRegistry::shared().setV4L2Interface(nullptr);
+    }
+};
+
+std::vector<std::string> ids(const std::vector<AVCaptureDevice::Ref>& devices) {
+    std::vector<std::string> out;
+    for (const auto& d : devices) {
+        out.push_back(d->uniqueID());
+    }
+    return out;
+}
+
+// The camera a capture set-up picks: the first video device at the position.
+AVCaptureDevice::Ref firstAt(AVCaptureDevicePosition position) {
+    for (const auto& d : AVCaptureDevice::devicesWithMediaType(AVMediaTypeVideo)) {
+        if (d->position() == position) {
+            return d;
+        }
+    }
+    return nullptr;
+}
+} // namespace
+
+TEST(CaptureDevice, SampleCamerasStandInOnlyWhenNoWebcamIsFound) {
+    { // A lone webcam is the front camera, and the only camera: no sample camera takes the back position.
+        FakeWebcams one(1);
+        EXPECT_EQ(ids(AVCaptureDevice::devices()), (std::vector<std::string>{"/fake/video0"}));
+        ASSERT_TRUE(firstAt(AVCaptureDevicePositionFront));
+        EXPECT_EQ(firstAt(AVCaptureDevicePositionFront)->uniqueID(), "/fake/video0");
+        EXPECT_EQ(firstAt(AVCaptureDevicePositionBack), nullptr);
+
+        // Host-added cameras still come first.
+        auto added = AVCaptureDevice::addDevice(std::make_shared<FakeCaptureDevice>("added"),
+                                                AVCaptureDevicePositionBack);
+        EXPECT_EQ(ids(AVCaptureDevice::devices()), (std::vector<std::string>{"added", "/fake/video0"}));
+        EXPECT_EQ(firstAt(AVCaptureDevicePositionBack), added);
+        AVCaptureDevice::removeDevice(added);
+    }
+    { // Two webcams: front, then back.
+        FakeWebcams two(2);
+        const auto all = AVCaptureDevice::devices();
+        ASSERT_EQ(ids(all), (std::vector<std::string>{"/fake/video0", "/fake/video2"}));
+        EXPECT_EQ(all[0]->position(), AVCaptureDevicePositionFront);
+        EXPECT_EQ(all[1]->position(), AVCaptureDevicePositionBack);
+    }
+    { // Asked for, the sample cameras follow the webcams.
+        FakeWebcams asked(1, true);
+        EXPECT_EQ(ids(AVCaptureDevice::devices()),
+                  (std::vector<std::string>{"/fake/video0", "sample:front", "sample:back"}));
+        EXPECT_EQ(firstAt(AVCaptureDevicePositionFront)->uniqueID(), "/fake/video0");
+    }
+    { // No webcam: the sample cameras stand in.
+        FakeWebcams none(0);
+        EXPECT_EQ(ids(AVCaptureDevice::devices()), (std::vector<std::string>{"sample:front", "sample:back"}));
+    }
 }

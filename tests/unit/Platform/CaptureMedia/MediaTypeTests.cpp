@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: MIT
-// Pixel buffers, sample buffers and media time.
+// Pixel buffers and their pools, sample buffers and media time.
 #include "KPImage/Platform/CMSampleBuffer.h"
 #include "KPImage/Platform/CMTime.h"
 #include "KPImage/Platform/CVPixelBuffer.h"
 #include "KPImage/Platform/NSError.h"
+#include "Platform/Media/PixelConverter.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
+#include <vector>
 
 using namespace kp;
 
@@ -103,4 +105,74 @@ TEST(CaptureMedia, SampleBuffersAndTime) {
     EXPECT_EQ(error->code(), 101);
     EXPECT_TRUE(error->userInfo().empty());
     EXPECT_EQ(NSError::errorWithDescription("D", 1, "text")->localizedDescription(), "text");
+}
+
+TEST(CaptureMedia, PixelBufferPoolReusesTheMemoryOfBuffersLetGo) {
+    CVPixelBufferPoolRef pool;
+    EXPECT_EQ(CVPixelBufferPoolCreate(0, 8, kCVPixelFormatType_32BGRA, 2, &pool), kCVReturnInvalidSize);
+    EXPECT_EQ(CVPixelBufferPoolCreate(8, 8, 0x79757679, 2, &pool), kCVReturnInvalidPixelFormat);
+    EXPECT_FALSE(pool);
+    CVPixelBufferRef none;
+    EXPECT_EQ(CVPixelBufferPoolCreatePixelBuffer(nullptr, &none), kCVReturnInvalidArgument);
+    ASSERT_EQ(CVPixelBufferPoolCreate(5, 3, kCVPixelFormatType_420YpCbCr8BiPlanarFullRange, 2, &pool),
+              kCVReturnSuccess);
+
+    const size_t liveBefore = CVPixelBufferGetLiveCount();
+    CVPixelBufferRef a, b, c;
+    ASSERT_EQ(CVPixelBufferPoolCreatePixelBuffer(pool, &a), kCVReturnSuccess);
+    ASSERT_EQ(CVPixelBufferPoolCreatePixelBuffer(pool, &b), kCVReturnSuccess);
+    ASSERT_EQ(CVPixelBufferPoolCreatePixelBuffer(pool, &c), kCVReturnSuccess);
+    EXPECT_EQ(CVPixelBufferGetLiveCount(), liveBefore + 3);
+    // The layout is CVPixelBufferCreate's.
+    EXPECT_EQ(CVPixelBufferGetPlaneCount(a), 2U);
+    EXPECT_EQ(CVPixelBufferGetWidthOfPlane(a, 1), 3U);
+    EXPECT_EQ(CVPixelBufferGetBytesPerRowOfPlane(a, 0) % 64, 0U);
+    EXPECT_NE(a->bytes(), b->bytes());
+    const uint8_t* memoryA = a->bytes();
+    const uint8_t* memoryB = b->bytes();
+    const uint8_t* memoryC = c->bytes();
+    CVPixelBufferLockBaseAddress(a, 0); // a lock does not travel with the memory
+    a.reset();
+    EXPECT_EQ(pool->freeCount(), 1U);
+    EXPECT_EQ(CVPixelBufferGetLiveCount(), liveBefore + 2) << "free memory in the pool is no live buffer";
+    CVPixelBufferRef d;
+    ASSERT_EQ(CVPixelBufferPoolCreatePixelBuffer(pool, &d), kCVReturnSuccess);
+    EXPECT_EQ(d->bytes(), memoryA);
+    EXPECT_FALSE(d->isLocked());
+    // At most two free buffers are kept; the rest is freed.
+    b.reset();
+    c.reset();
+    d.reset();
+    EXPECT_EQ(pool->freeCount(), 2U);
+    EXPECT_EQ(CVPixelBufferGetLiveCount(), liveBefore);
+    ASSERT_EQ(CVPixelBufferPoolCreatePixelBuffer(pool, &a), kCVReturnSuccess);
+    EXPECT_EQ(pool->freeCount(), 1U);
+    EXPECT_TRUE(a->bytes() == memoryB || a->bytes() == memoryC) << "the third buffer let go was freed, not kept";
+    // A buffer outlives its pool.
+    pool.reset();
+    a->bytes()[0] = 7;
+    a.reset();
+    EXPECT_EQ(CVPixelBufferGetLiveCount(), liveBefore);
+}
+
+TEST(CaptureMedia, ConverterFramesReuseTheMemoryOfFramesLetGo) {
+    CVPixelBufferRef source;
+    ASSERT_EQ(CVPixelBufferCreate(320, 240, kCVPixelFormatType_32BGRA, &source), kCVReturnSuccess);
+    PixelConverter converter;
+    auto first = converter.convert(source, kCVPixelFormatType_420YpCbCr8BiPlanarFullRange, 320, 240);
+    ASSERT_TRUE(first);
+    const uint8_t* memory = first->bytes();
+    const size_t size = first->dataSize();
+    first.reset();
+    // Memory the allocator would hand out again goes elsewhere while the converter keeps its own.
+    std::vector<uint8_t> elsewhere(size, 1);
+    auto second = converter.convert(source, kCVPixelFormatType_420YpCbCr8BiPlanarFullRange, 320, 240);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->bytes(), memory);
+    // Another size gets buffers of its own.
+    auto small = converter.convert(source, kCVPixelFormatType_32BGRA, 160, 120);
+    ASSERT_TRUE(small);
+    EXPECT_EQ(CVPixelBufferGetWidth(small), 160U);
+    EXPECT_NE(small->bytes(), memory);
+    EXPECT_EQ(elsewhere[0], 1);
 }

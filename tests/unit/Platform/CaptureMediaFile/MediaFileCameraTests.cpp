@@ -4,6 +4,8 @@
 #include "KPImage/Platform/AVCaptureInput.h"
 #include "KPImage/Platform/AVCaptureSession.h"
 #include "KPImage/Platform/AVCaptureVideoDataOutput.h"
+#include "Platform/Capture/MediaFileCamera.h"
+#include "support/FakeCaptureDevice.h"
 #include "support/ManualMainQueue.h"
 
 extern "C" {
@@ -14,8 +16,11 @@ extern "C" {
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <mutex>
 #include <unistd.h>
@@ -30,8 +35,11 @@ constexpr int kFrames = 5;
 
 uint8_t level(int frame) { return static_cast<uint8_t>(30 + 45 * frame); }
 
-// Writes kFrames grey frames (levels 30, 75, 120, ...) at 20 frames per second as MJPEG in a QuickTime file.
-bool writeMovie(const std::string& path) {
+// Writes kFrames grey frames (levels 30, 75, 120, ...) as MJPEG in a QuickTime file, frame i at stamp
+// stamps(i) in units of 1/rate seconds (default: 20 frames per second).
+bool writeMovie(const std::string& path, int rate = 20, const std::function<int64_t(int)>& stamps = [](int i) {
+    return static_cast<int64_t>(i);
+}) {
     AVFormatContext* format = nullptr;
     if (avformat_alloc_output_context2(&format, nullptr, "mov", path.c_str()) < 0) {
         return false;
@@ -41,7 +49,7 @@ bool writeMovie(const std::string& path) {
     encoder->width = kWidth;
     encoder->height = kHeight;
     encoder->pix_fmt = AV_PIX_FMT_YUVJ420P;
-    encoder->time_base = AVRational{1, 20};
+    encoder->time_base = AVRational{1, rate};
     encoder->color_range = AVCOL_RANGE_JPEG;
     bool ok = avcodec_open2(encoder, codec, nullptr) >= 0;
     AVStream* stream = avformat_new_stream(format, nullptr);
@@ -65,7 +73,7 @@ bool writeMovie(const std::string& path) {
                 std::memset(frame->data[1] + y * frame->linesize[1], 128, kWidth / 2);
                 std::memset(frame->data[2] + y * frame->linesize[2], 128, kWidth / 2);
             }
-            frame->pts = i;
+            frame->pts = stamps(i);
             ok = ok && avcodec_send_frame(encoder, frame) >= 0;
             av_frame_unref(frame);
         } else {
@@ -113,12 +121,39 @@ public:
     std::vector<size_t> widths;
 };
 
+// A running session playing the camera into Frames on a queue of its own.
+struct Playback {
+    std::shared_ptr<AVCaptureSession> session = AVCaptureSession::create();
+    std::shared_ptr<AVCaptureVideoDataOutput> output = AVCaptureVideoDataOutput::create(); // '420f' by default
+    std::shared_ptr<Frames> frames = std::make_shared<Frames>();
+    dispatch_queue_t queue = dispatch_queue_create("VideoDataOutputQueue", nullptr);
+
+    explicit Playback(const AVCaptureDevice::Ref& device) {
+        output->setAlwaysDiscardsLateVideoFrames(false); // a busy machine must not make frames go missing
+        output->setSampleBufferDelegate(frames, queue);
+        session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
+        session->addOutput(output);
+        session->startRunning();
+    }
+};
+
+// A folder of its own for a test's movies, removed afterwards.
+struct MovieFolder {
+    const std::string path;
+    explicit MovieFolder(const std::string& name)
+        : path((std::filesystem::temp_directory_path() /
+                ("kpimage-" + name + "-" + std::to_string(getpid())))
+                   .string()) {
+        std::filesystem::create_directories(path);
+    }
+    ~MovieFolder() { std::filesystem::remove_all(path); }
+};
+
 } // namespace
 
 TEST(MediaFileCamera, PlaysTheFileFrameByFrameAndLoops) {
-    const std::string dir = (std::filesystem::temp_directory_path() / ("kpimage-movie-" + std::to_string(getpid())))
-                                .string();
-    std::filesystem::create_directories(dir);
+    MovieFolder folder("movie");
+    const std::string dir = folder.path;
     const std::string path = dir + "/pattern.mov";
     ASSERT_TRUE(writeMovie(path));
 
@@ -133,17 +168,11 @@ TEST(MediaFileCamera, PlaysTheFileFrameByFrameAndLoops) {
     EXPECT_EQ(device->position(), AVCaptureDevicePositionBack);
     EXPECT_EQ(AVCaptureDevice::devices().front(), device);
 
-    auto session = AVCaptureSession::create();
-    auto output = AVCaptureVideoDataOutput::create(); // '420f' by default
-    auto frames = std::make_shared<Frames>();
-    auto queue = dispatch_queue_create("VideoDataOutputQueue", nullptr);
-    output->setSampleBufferDelegate(frames, queue);
-    session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
-    session->addOutput(output);
-    session->startRunning();
-    ASSERT_TRUE(main.drainUntil([&] { return frames->count() >= kFrames + 3; }));
-    session->stopRunning();
-    dispatch_sync(queue, [] {});
+    Playback play(device);
+    auto& frames = play.frames;
+    ASSERT_TRUE(main.drainUntil([&] { return frames->count() >= kFrames + 3; }, 60.0));
+    play.session->stopRunning();
+    dispatch_sync(play.queue, [] {});
     AVCaptureDevice::removeDevice(device);
 
     std::lock_guard lock(frames->mutex);
@@ -155,5 +184,35 @@ TEST(MediaFileCamera, PlaysTheFileFrameByFrameAndLoops) {
             EXPECT_GT(CMTimeCompare(frames->stamps[i], frames->stamps[i - 1]), 0);
         }
     }
-    std::filesystem::remove_all(dir);
+}
+
+TEST(MediaFileCamera, StopEndsTheWaitForTheNextFrameAtOnce) {
+    MovieFolder folder("gap");
+    const std::string path = folder.path + "/gap.mov";
+    // One frame a second, with a minute between the first two frames.
+    ASSERT_TRUE(writeMovie(path, 1, [](int i) { return i == 0 ? 0 : 60 + i; }));
+    kptest::ManualMainQueue main;
+    NSErrorRef error;
+    auto device = AVCaptureDevice::addMediaFileCamera(path, AVCaptureDevicePositionBack, &error);
+    ASSERT_TRUE(device) << (error ? error->localizedDescription() : "");
+    Playback play(device);
+    auto& frames = play.frames;
+    ASSERT_TRUE(main.drainUntil([&] { return frames->count() >= 1; }, 60.0));
+    // The camera now waits a minute for the second frame; stopping must not wait with it.
+    const auto before = std::chrono::steady_clock::now();
+    play.session->stopRunning();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - before).count();
+    EXPECT_LT(seconds, 20.0) << "stopRunning waited for the next frame's time";
+    EXPECT_EQ(frames->count(), 1U);
+    AVCaptureDevice::removeDevice(device);
+}
+
+TEST(MediaFileCamera, AStreamKeepsItsCameraAliveWhenTheLastReferenceGoesInAFrame) {
+    MovieFolder folder("release");
+    const std::string path = folder.path + "/pattern.mov";
+    ASSERT_TRUE(writeMovie(path));
+    NSErrorRef error;
+    auto camera = MediaFileCamera::open(path, &error);
+    ASSERT_TRUE(camera);
+    EXPECT_TRUE(kptest::LastReferenceSink::releaseInFirstFrame(std::move(camera)));
 }

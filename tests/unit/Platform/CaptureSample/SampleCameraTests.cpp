@@ -13,7 +13,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
+#include <set>
 #include <vector>
 
 using namespace kp;
@@ -36,19 +38,26 @@ AVCaptureDevice::Ref sampleCamera(AVCaptureDevicePosition position) {
 
 class Collector final : public AVCaptureVideoDataOutputSampleBufferDelegate {
 public:
-    explicit Collector(double sleepSeconds = 0) : _sleep(sleepSeconds) {}
+    /// holdFirst: the first frame stays with the delegate until release().
+    explicit Collector(bool holdFirst = false) : _holding(holdFirst) {}
     void captureOutput(const std::shared_ptr<AVCaptureOutput>&, const CMSampleBufferRef& sample,
                        const std::shared_ptr<AVCaptureConnection>&) override {
+        std::unique_lock lock(_mutex);
+        if (_keep > 0) {
+            _frames.push_back(sample);
+            --_keep;
+        }
+        ++_count;
+        _maxLive = std::max(_maxLive, CVPixelBufferGetLiveCount());
+        _memory.insert(CMSampleBufferGetImageBuffer(sample)->bytes());
+        _released.wait(lock, [&] { return !_holding; });
+    }
+    void release() {
         {
             std::lock_guard lock(_mutex);
-            if (_keep > 0) {
-                _frames.push_back(sample);
-                --_keep;
-            }
-            ++_count;
-            _maxLive = std::max(_maxLive, CVPixelBufferGetLiveCount());
+            _holding = false;
         }
-        NSThread::sleepForTimeInterval(_sleep);
+        _released.notify_all();
     }
     size_t count() const {
         std::lock_guard lock(_mutex);
@@ -62,18 +71,25 @@ public:
         std::lock_guard lock(_mutex);
         return _maxLive;
     }
+    /// How many different pixel memories the frames had.
+    size_t memoryCount() const {
+        std::lock_guard lock(_mutex);
+        return _memory.size();
+    }
     void keep(int n) {
         std::lock_guard lock(_mutex);
         _keep = n;
     }
 
 private:
-    const double _sleep;
     mutable std::mutex _mutex;
+    std::condition_variable _released;
+    bool _holding;
     std::vector<CMSampleBufferRef> _frames;
     int _keep = 0;
     size_t _count = 0;
     size_t _maxLive = 0;
+    std::set<const uint8_t*> _memory;
 };
 
 struct Rig {
@@ -116,10 +132,12 @@ std::pair<CMSampleBufferRef, NSErrorRef> takeStill(kptest::ManualMainQueue& main
             result->error = error;
             result->done = true;
         });
-    EXPECT_TRUE(main.drainUntil([&] {
-        std::lock_guard lock(result->m);
-        return result->done;
-    }));
+    EXPECT_TRUE(main.drainUntil(
+        [&] {
+            std::lock_guard lock(result->m);
+            return result->done;
+        },
+        60.0));
     std::lock_guard lock(result->m);
     return {result->picture, result->error};
 }
@@ -149,7 +167,7 @@ TEST(SampleCamera, DeliversFramesOfThePresetInTheRequestedFormat) {
         delegate->keep(4);
         Rig rig(AVCaptureDevicePositionFront, AVCaptureSessionPreset640x480, format, delegate);
         rig.session->startRunning();
-        ASSERT_TRUE(main.drainUntil([&] { return delegate->count() >= 4; }));
+        ASSERT_TRUE(main.drainUntil([&] { return delegate->count() >= 4; }, 60.0));
         rig.session->stopRunning();
         const auto frames = delegate->frames();
         ASSERT_EQ(frames.size(), 4U);
@@ -186,19 +204,41 @@ TEST(SampleCamera, DeliversFramesOfThePresetInTheRequestedFormat) {
 TEST(SampleCamera, ASlowDelegateMakesTheOutputDropFramesNeverQueueThem) {
     SampleOnly only;
     kptest::ManualMainQueue main;
-    auto delegate = std::make_shared<Collector>(0.1);
+    auto delegate = std::make_shared<Collector>(true);
     Rig rig(AVCaptureDevicePositionFront, AVCaptureSessionPreset640x480, kCVPixelFormatType_32BGRA, delegate);
     const size_t liveBefore = CVPixelBufferGetLiveCount();
     rig.session->startRunning();
-    ASSERT_TRUE(main.drainUntil([&] { return delegate->count() >= 8; }));
+    // The delegate sits on its first frame while the camera makes ten more.
+    ASSERT_TRUE(main.drainUntil([&] { return rig.frames->frameCounts().produced >= 11; }, 60.0));
+    const auto busy = rig.frames->frameCounts();
+    EXPECT_EQ(busy.delivered, 0U);
+    EXPECT_EQ(busy.dropped + 1, busy.produced) << "every frame but the one with the delegate was dropped";
+    EXPECT_EQ(delegate->count(), 1U);
+    delegate->release();
+    ASSERT_TRUE(main.drainUntil([&] { return delegate->count() >= 3; }, 60.0));
     rig.session->stopRunning();
     dispatch_sync(rig.queue, [] {});
     const auto counts = rig.frames->frameCounts();
     EXPECT_EQ(counts.produced, counts.delivered + counts.dropped);
     EXPECT_EQ(counts.delivered, delegate->count());
-    EXPECT_GT(counts.dropped, counts.delivered) << "30 frames a second against 10 handled";
     // One frame with the delegate, one being rendered, a few on their way out: never a backlog.
     EXPECT_LE(delegate->maxLive(), liveBefore + 4);
+}
+
+TEST(SampleCamera, FramesReuseTheMemoryOfFramesLetGo) {
+    SampleOnly only;
+    kptest::ManualMainQueue main;
+    for (OSType format : {kCVPixelFormatType_32BGRA, kCVPixelFormatType_420YpCbCr8BiPlanarFullRange}) {
+        SCOPED_TRACE(format);
+        auto delegate = std::make_shared<Collector>(); // keeps no frame
+        Rig rig(AVCaptureDevicePositionFront, AVCaptureSessionPresetLow, format, delegate);
+        rig.session->startRunning();
+        ASSERT_TRUE(main.drainUntil([&] { return delegate->count() >= 30; }, 60.0));
+        rig.session->stopRunning();
+        dispatch_sync(rig.queue, [] {});
+        // The frames in flight at once and the few kept free: not a new buffer per frame.
+        EXPECT_LE(delegate->memoryCount(), 8U) << "of " << delegate->count() << " frames";
+    }
 }
 
 TEST(SampleCamera, StillIsAPictureOfTheSceneAndTheTorchBrightensIt) {
