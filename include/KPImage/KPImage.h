@@ -48,3 +48,16 @@
 #include "KPImage/Platform/NSSearchPath.h"
 #include "KPImage/Platform/NSStringDrawing.h"
 #include "KPImage/Platform/UIDevice.h"
+
+// Layers, views and animation.
+#include "KPImage/Platform/CABasicAnimation.h"
+#include "KPImage/Platform/CALayer.h"
+#include "KPImage/Platform/CARenderer.h"
+#include "KPImage/Platform/CAShapeLayer.h"
+#include "KPImage/Platform/CATransform3D.h"
+#include "KPImage/Platform/CGContextPath.h"
+#include "KPImage/Platform/CGPath.h"
+#include "KPImage/Platform/UIView.h"
+
+// Views.
+#include "KPImage/KPProgressCircleView.h"
