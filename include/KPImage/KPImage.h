@@ -50,6 +50,8 @@
 #include "KPImage/Platform/UIDevice.h"
 
 // Layers, views and animation.
+#include "KPImage/Platform/AVCaptureVideoPreviewLayer.h"
+#include "KPImage/Platform/AVMetadataObject.h"
 #include "KPImage/Platform/CABasicAnimation.h"
 #include "KPImage/Platform/CALayer.h"
 #include "KPImage/Platform/CARenderer.h"
