@@ -31,7 +31,7 @@ class PixelConverter;
 /// A layer showing the camera. Attached to a session it counts as one of the session's consumers (the camera
 /// streams for it even without other outputs) and receives every frame on the camera's thread, keeping only
 /// the newest; the host is asked to redraw (CALayer's render request) on the main queue once per burst of
-/// frames. BGRA and '420f' frames are shown. Layer methods are for the main thread; the layer is mirrored
+/// frames. BGRA and '420f' frames are shown, opaque (the alpha byte of BGRA frames is ignored). Layer methods are for the main thread; the layer is mirrored
 /// while its session's camera is a front camera (unless mirroring is set by hand).
 class AVCaptureVideoPreviewLayer : public CALayer {
 public:
@@ -77,6 +77,8 @@ public:
     /// The layer point where a normalised frame point is shown; the point itself before any frame.
     CGPoint pointForCaptureDevicePointOfInterest(CGPoint devicePoint) const;
 
+    /// Camera frames are opaque (their alpha byte is ignored): true while the picture covers the bounds.
+    bool contentsCoverBoundsOpaquely() const override;
     void drawContents(cairo_t* cr, CGFloat scale) override;
 
 private:

@@ -109,6 +109,9 @@ public:
     /// bounds here; a shape, the camera picture in subclasses), in the layer's coordinates on cr. scale is
     /// the number of device pixels per point.
     virtual void drawContents(cairo_t* cr, CGFloat scale);
+    /// For the renderer: true when drawContents paints every point of the bounds opaquely, so the background
+    /// under it need not be drawn. False here.
+    virtual bool contentsCoverBoundsOpaquely() const { return false; }
     /// Borrowed; see CALayerDelegate.
     CALayerDelegate* delegate() const { return _delegate; }
     void setDelegate(CALayerDelegate* delegate) { _delegate = delegate; }

@@ -204,6 +204,16 @@ CGPoint AVCaptureVideoPreviewLayer::pointForCaptureDevicePointOfInterest(CGPoint
     return video ? mapToLayer(devicePoint, *video, isVideoMirrored()) : devicePoint;
 }
 
+bool AVCaptureVideoPreviewLayer::contentsCoverBoundsOpaquely() const {
+    const auto video = videoRect();
+    if (!video) {
+        return false;
+    }
+    const CGRect b = bounds();
+    return CGRectGetMinX(*video) <= CGRectGetMinX(b) && CGRectGetMinY(*video) <= CGRectGetMinY(b) &&
+           CGRectGetMaxX(*video) >= CGRectGetMaxX(b) && CGRectGetMaxY(*video) >= CGRectGetMaxY(b);
+}
+
 void AVCaptureVideoPreviewLayer::drawContents(cairo_t* cr, CGFloat scale) {
     CALayer::drawContents(cr, scale);
     const CMSampleBufferRef frame = newestSampleBuffer();
@@ -230,7 +240,7 @@ void AVCaptureVideoPreviewLayer::drawContents(cairo_t* cr, CGFloat scale) {
     }
     {
         CairoImageSource source(static_cast<const uint8_t*>(CVPixelBufferGetBaseAddress(pixels)), pixels->width(),
-                                pixels->height(), CVPixelBufferGetBytesPerRow(pixels));
+                                pixels->height(), CVPixelBufferGetBytesPerRow(pixels), /*opaque=*/true);
         if (source.surface() != nullptr) {
             const CGRect b = bounds();
             cairo_save(cr);
@@ -243,9 +253,9 @@ void AVCaptureVideoPreviewLayer::drawContents(cairo_t* cr, CGFloat scale) {
                         video->size.height / static_cast<double>(source.height()));
             cairo_set_source_surface(cr, source.surface(), 0, 0);
             cairo_pattern_set_filter(cairo_get_source(cr), CAIRO_FILTER_BILINEAR);
-            cairo_pattern_set_extend(cairo_get_source(cr), CAIRO_EXTEND_PAD);
             cairo_rectangle(cr, 0, 0, static_cast<double>(source.width()), static_cast<double>(source.height()));
-            cairo_fill(cr);
+            cairo_clip(cr);
+            cairo_paint(cr);
             cairo_restore(cr);
         }
     }

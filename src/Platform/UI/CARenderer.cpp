@@ -52,7 +52,8 @@ void renderLayer(cairo_t* cr, CALayer& layer, CGFloat scale, bool isRoot) {
     if (group) {
         cairo_push_group(cr);
     }
-    if (const auto& bg = layer.backgroundColor(); bg && bounds.size.width > 0 && bounds.size.height > 0) {
+    if (const auto& bg = layer.backgroundColor();
+        bg && bounds.size.width > 0 && bounds.size.height > 0 && !layer.contentsCoverBoundsOpaquely()) {
         cairo_rectangle(cr, bounds.origin.x, bounds.origin.y, bounds.size.width, bounds.size.height);
         setColor(cr, *bg);
         cairo_fill(cr);
@@ -69,13 +70,17 @@ void renderLayer(cairo_t* cr, CALayer& layer, CGFloat scale, bool isRoot) {
     }
     const CGFloat border = layer.presentationValueForKeyPath("borderWidth")->doubleValue();
     if (const auto& bc = layer.borderColor(); bc && border > 0 && bounds.size.width > 0 && bounds.size.height > 0) {
-        // The border lies inside the bounds: the band between the bounds and the bounds inset by its width.
-        cairo_rectangle(cr, bounds.origin.x, bounds.origin.y, bounds.size.width, bounds.size.height);
-        if (2 * border < bounds.size.width && 2 * border < bounds.size.height) {
-            cairo_rectangle(cr, bounds.origin.x + border, bounds.origin.y + border, bounds.size.width - 2 * border,
-                            bounds.size.height - 2 * border);
+        // The border lies inside the bounds: four bands along the edges (rectangles that do not overlap, which
+        // Cairo fills fastest), or the whole bounds when the border is wider than half of them.
+        const CGFloat x = bounds.origin.x, y = bounds.origin.y, w = bounds.size.width, h = bounds.size.height;
+        if (2 * border < w && 2 * border < h) {
+            cairo_rectangle(cr, x, y, w, border);
+            cairo_rectangle(cr, x, y + h - border, w, border);
+            cairo_rectangle(cr, x, y + border, border, h - 2 * border);
+            cairo_rectangle(cr, x + w - border, y + border, border, h - 2 * border);
+        } else {
+            cairo_rectangle(cr, x, y, w, h);
         }
-        cairo_set_fill_rule(cr, CAIRO_FILL_RULE_EVEN_ODD);
         setColor(cr, *bc);
         cairo_fill(cr);
     }

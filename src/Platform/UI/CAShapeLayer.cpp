@@ -10,6 +10,27 @@
 
 namespace kp {
 
+namespace {
+// False when every subpath is a single straight segment (or a lone point): such a path fills nothing, and the
+// fill is skipped rather than rasterised.
+bool canEncloseArea(const CGPath& path) {
+    int segments = 0;
+    for (const auto& e : path.elements()) {
+        switch (e.type) {
+        case CGPathElement::Type::MoveToPoint: segments = 0; break;
+        case CGPathElement::Type::AddLineToPoint:
+            if (++segments >= 2) {
+                return true;
+            }
+            break;
+        case CGPathElement::Type::AddCurveToPoint: return true;
+        case CGPathElement::Type::CloseSubpath: break;
+        }
+    }
+    return false;
+}
+} // namespace
+
 std::shared_ptr<CAShapeLayer> CAShapeLayer::layer() { return std::make_shared<CAShapeLayer>(); }
 
 void CAShapeLayer::setPath(CGPathRef path) {
@@ -69,7 +90,7 @@ void CAShapeLayer::drawContents(cairo_t* cr, CGFloat scale) {
     cairo_save(cr);
     cairo_new_path(cr);
     appendPathToCairo(cr, *_path);
-    if (_fillColor) {
+    if (_fillColor && canEncloseArea(*_path)) {
         cairo_set_fill_rule(cr, _fillRule == kCAFillRuleEvenOdd ? CAIRO_FILL_RULE_EVEN_ODD : CAIRO_FILL_RULE_WINDING);
         cairo_set_source_rgba(cr, _fillColor->red, _fillColor->green, _fillColor->blue, _fillColor->alpha);
         cairo_fill_preserve(cr);

@@ -19,13 +19,15 @@ bool isCairoLayout(const CGImage& image) {
 }
 } // namespace
 
-CairoImageSource::CairoImageSource(const uint8_t* bgra, size_t width, size_t height, size_t bytesPerRow) {
+CairoImageSource::CairoImageSource(const uint8_t* bgra, size_t width, size_t height, size_t bytesPerRow,
+                                   bool opaque) {
     constexpr size_t kMax = static_cast<size_t>(std::numeric_limits<int>::max());
     if (bgra == nullptr || width == 0 || height == 0 || width > kMax / 4 || height > kMax || bytesPerRow > kMax ||
         bytesPerRow < width * 4 || bytesPerRow % 4 != 0) {
         return;
     }
-    _surface = cairo_image_surface_create_for_data(const_cast<uint8_t*>(bgra), CAIRO_FORMAT_ARGB32,
+    _surface = cairo_image_surface_create_for_data(const_cast<uint8_t*>(bgra),
+                                                   opaque ? CAIRO_FORMAT_RGB24 : CAIRO_FORMAT_ARGB32,
                                                    static_cast<int>(width), static_cast<int>(height),
                                                    static_cast<int>(bytesPerRow));
     if (cairo_surface_status(_surface) != CAIRO_STATUS_SUCCESS) {

@@ -16,8 +16,9 @@ namespace kp {
 class CairoImageSource {
 public:
     explicit CairoImageSource(const CGImageRef& image);
-    /// A surface over BGRA premultiplied rows (Cairo's ARGB32); bytes must outlive this object.
-    CairoImageSource(const uint8_t* bgra, size_t width, size_t height, size_t bytesPerRow);
+    /// A surface over BGRA premultiplied rows (Cairo's ARGB32; with opaque, the alpha byte is ignored); bytes
+    /// must outlive this object.
+    CairoImageSource(const uint8_t* bgra, size_t width, size_t height, size_t bytesPerRow, bool opaque = false);
     ~CairoImageSource();
     CairoImageSource(const CairoImageSource&) = delete;
     CairoImageSource& operator=(const CairoImageSource&) = delete;
