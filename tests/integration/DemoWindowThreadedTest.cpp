@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -150,6 +151,7 @@ struct Verdict {
     int orange = 0;
     bool circle = false;
     bool sectorFromTheTop = false;
+    double cx = 0, cy = 0;
     std::string detail;
 };
 
@@ -174,6 +176,8 @@ Verdict judge(const Screenshot& shot) {
     }
     // The outline's outer edge is the green bounding box (radius 68 in a 140-point circle).
     const double cx = (minX + maxX + 1) / 2.0, cy = (minY + maxY + 1) / 2.0, radius = (maxX - minX + 1) / 2.0;
+    v.cx = cx;
+    v.cy = cy;
     std::ostringstream s;
     s << "circle at " << cx << "," << cy << " radius " << radius << ", " << v.orange << " orange pixels";
     v.detail = s.str();
@@ -233,21 +237,47 @@ TEST(DemoWindowThreaded, ScreenshotShowsTheCameraAndTheCountingCircle) {
 
     Child app({demo, "--seconds", "20", "--size", "480,320"}, {"DISPLAY=" + display}, work + "/demo.log");
     ASSERT_TRUE(app.started());
+    // Screenshots until the picture shows what is expected (or about 15 s have passed).
+    auto waitFor = [&](const std::function<bool(const Verdict&)>& expected, Verdict& last) {
+        for (int attempt = 0; attempt < 60; ++attempt) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(250));
+            if (!app.running()) {
+                ADD_FAILURE() << "the demo ended early with status " << app.status() << " (see " << work
+                              << "/demo.log)";
+                return false;
+            }
+            const std::string shotPath = work + "/screen.xwd";
+            Child grab({*xwd, "-root", "-silent", "-display", display, "-out", shotPath}, {}, work + "/xwd.log");
+            while (grab.running()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+            if (auto shot = readXwd(shotPath)) {
+                last = judge(*shot);
+                if (expected(last)) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    };
     Verdict last;
-    bool seen = false;
-    for (int attempt = 0; attempt < 60 && !seen; ++attempt) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(250));
-        ASSERT_TRUE(app.running()) << "the demo ended early with status " << app.status() << " (see " << work
-                                   << "/demo.log)";
-        const std::string shotPath = work + "/screen.xwd";
-        Child grab({*xwd, "-root", "-silent", "-display", display, "-out", shotPath}, {}, work + "/xwd.log");
-        while (grab.running()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        if (auto shot = readXwd(shotPath)) {
-            last = judge(*shot);
-            seen = last.orange > 500 && last.circle && last.sectorFromTheTop;
-        }
+    ASSERT_TRUE(waitFor([](const Verdict& v) { return v.orange > 500 && v.circle && v.sectorFromTheTop; }, last))
+        << last.detail << (last.circle ? "" : "; no circle") << (last.sectorFromTheTop ? "" : "; no sector");
+    // 480 x 320: the 140-point circle sits 16 points from the bottom-right corner.
+    EXPECT_NEAR(last.cx, 480 - 16 - 70, 3);
+    EXPECT_NEAR(last.cy, 320 - 16 - 70, 3);
+
+    // Resizing the window reaches the root view's setBounds, which moves the circle to the new corner.
+    const auto xdotool = findProgram("xdotool");
+    if (!xdotool) {
+        GTEST_SKIP() << "xdotool is not installed: the resize is not checked";
     }
-    EXPECT_TRUE(seen) << last.detail << (last.circle ? "" : "; no circle") << (last.sectorFromTheTop ? "" : "; no sector");
+    Child resize({*xdotool, "search", "--name", "KPImage demo", "windowsize", "%@", "600", "400"},
+                 {"DISPLAY=" + display}, work + "/xdotool.log");
+    while (resize.running()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_TRUE(waitFor(
+        [](const Verdict& v) { return v.circle && std::abs(v.cx - 514) <= 3 && std::abs(v.cy - 314) <= 3; }, last))
+        << last.detail;
 }
