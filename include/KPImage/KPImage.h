@@ -51,7 +51,6 @@
 
 // Layers, views and animation.
 #include "KPImage/Platform/AVCaptureVideoPreviewLayer.h"
-#include "KPImage/Platform/AVMetadataObject.h"
 #include "KPImage/Platform/CABasicAnimation.h"
 #include "KPImage/Platform/CALayer.h"
 #include "KPImage/Platform/CARenderer.h"

@@ -69,7 +69,8 @@ public:
     /// before any frame.
     std::optional<CGRect> videoRect() const;
     /// A copy of the object with bounds and corners in layer points, placed as the picture is (gravity, crop,
-    /// mirroring); nil for nil or before the frame size is known.
+    /// mirroring; mirrored corners keep their order); nil for nil or before the frame size is known. Faces and
+    /// codes are mapped; other subclasses are copied as they are.
     std::shared_ptr<AVMetadataObject> transformedMetadataObjectForMetadataObject(
         const std::shared_ptr<AVMetadataObject>& object) const;
     /// The normalised frame point (0..1, top-left origin) shown at a layer point; (0.5, 0.5) before any frame.

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Metadata objects: what the metadata output reports about a frame (a face, a machine-readable code), with
-// geometry normalised to the frame.
+// Detections reported by the metadata output: faces and machine-readable codes, with point dictionaries.
 #pragma once
 
 #include "KPImage/Platform/AVCaptureTypes.h"
@@ -8,88 +7,130 @@
 #include "KPImage/Platform/Geometry.h"
 
 #include <cstdint>
-#include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace kp {
 
-/// One detection. Geometry is normalised to the frame: (0, 0) its top-left corner, (1, 1) its bottom-right, as
-/// the frame is delivered. Objects are shared and handed out as copies; subclasses add what their type carries.
+/// A point as a dictionary with the number keys "X" and "Y" (what code corners are made of). Hosts and tests
+/// may build one by hand; a dictionary without both keys is not a point.
+using CGPointDictionary = std::map<std::string, double>;
+
+/// The dictionary {"X": point.x, "Y": point.y}.
+CGPointDictionary CGPointCreateDictionaryRepresentation(CGPoint point);
+/// Reads a point from a dictionary made by CGPointCreateDictionaryRepresentation. Returns false and sets *point to
+/// CGPointZero when the dictionary lacks "X" or "Y" (or point is null).
+bool CGPointMakeWithDictionaryRepresentation(const CGPointDictionary& dict, CGPoint* point);
+
+/// One detection in one frame. Geometry is normalised to the frame as delivered (0..1, origin top-left) until a
+/// preview layer transforms a copy into its own points. Objects are immutable once made.
 class AVMetadataObject {
 public:
-    AVMetadataObject(AVMetadataObjectType type, CGRect bounds, CMTime time = kCMTimeInvalid,
-                     CMTime duration = kCMTimeInvalid)
-        : _type(std::move(type)), _bounds(bounds), _time(time), _duration(duration) {}
     virtual ~AVMetadataObject() = default;
 
+    /// The detection's type string (AVMetadataObjectTypeFace, AVMetadataObjectTypeQRCode, ...).
     const AVMetadataObjectType& type() const { return _type; }
-    /// The bounding rectangle, normalised (or in layer points for an object transformed by a preview layer).
-    CGRect bounds() const { return _bounds; }
-    void setBounds(CGRect bounds) { _bounds = bounds; }
-    /// The presentation time of the frame the object was found in, and how long it applies.
+    /// The presentation time of the frame it was found in.
     CMTime time() const { return _time; }
+    /// How long the detection stands for (the frame's duration, or invalid when unknown).
     CMTime duration() const { return _duration; }
+    /// The bounding box: normalised to the frame, or in layer points for a transformed copy.
+    CGRect bounds() const { return _bounds; }
 
-    /// A copy of the same dynamic type.
-    virtual std::shared_ptr<AVMetadataObject> copy() const { return std::make_shared<AVMetadataObject>(*this); }
-    /// Applies a point mapping to every geometric value (bounds become the box around the mapped corners).
-    virtual void transformGeometry(const std::function<CGPoint(CGPoint)>& map);
+    /// A copy of the same class with the same fields.
+    virtual std::shared_ptr<AVMetadataObject> copy() const = 0;
 
+protected:
+    AVMetadataObject(AVMetadataObjectType type, CMTime time, CMTime duration, CGRect bounds)
+        : _type(std::move(type)), _time(time), _duration(duration), _bounds(bounds) {}
     AVMetadataObject(const AVMetadataObject&) = default;
     AVMetadataObject& operator=(const AVMetadataObject&) = default;
 
-private:
     AVMetadataObjectType _type;
-    CGRect _bounds;
     CMTime _time;
     CMTime _duration;
+    CGRect _bounds;
 };
 
-/// A face: bounds, a tracking identifier and the platform's discrete roll and yaw angles (degrees).
-class AVMetadataFaceObject : public AVMetadataObject {
+/// A face. Angles are in degrees, quantised as the platform reports them: roll in steps of 30, yaw in steps of 45,
+/// both in [0, 360); each is meaningful only when its flag is set.
+class AVMetadataFaceObject final : public AVMetadataObject {
 public:
-    AVMetadataFaceObject(CGRect bounds, int64_t faceID, CMTime time = kCMTimeInvalid)
-        : AVMetadataObject(AVMetadataObjectTypeFace, bounds, time), _faceID(faceID) {}
-    int64_t faceID() const { return _faceID; }
-    bool hasRollAngle() const { return _hasRollAngle; }
-    CGFloat rollAngle() const { return _rollAngle; }
-    void setRollAngle(CGFloat degrees) { _rollAngle = degrees, _hasRollAngle = true; }
-    bool hasYawAngle() const { return _hasYawAngle; }
-    CGFloat yawAngle() const { return _yawAngle; }
-    void setYawAngle(CGFloat degrees) { _yawAngle = degrees, _hasYawAngle = true; }
+    struct Fields {
+        CMTime time = kCMTimeInvalid;
+        CMTime duration = kCMTimeInvalid;
+        CGRect bounds{};
+        NSInteger faceID = 0;
+        bool hasRollAngle = false;
+        double rollAngle = 0.0;
+        bool hasYawAngle = false;
+        double yawAngle = 0.0;
+    };
+    explicit AVMetadataFaceObject(const Fields& f)
+        : AVMetadataObject(AVMetadataObjectTypeFace, f.time, f.duration, f.bounds), _fields(f) {}
+    static std::shared_ptr<AVMetadataFaceObject> create(const Fields& f) {
+        return std::make_shared<AVMetadataFaceObject>(f);
+    }
+
+    /// The same person keeps the same ID while tracked; a new face gets a new, never reused ID.
+    NSInteger faceID() const { return _fields.faceID; }
+    bool hasRollAngle() const { return _fields.hasRollAngle; }
+    double rollAngle() const { return _fields.rollAngle; }
+    bool hasYawAngle() const { return _fields.hasYawAngle; }
+    double yawAngle() const { return _fields.yawAngle; }
+
+    /// A copy with other bounds (what a preview layer's transform makes).
+    std::shared_ptr<AVMetadataFaceObject> withBounds(CGRect bounds) const {
+        Fields f = _fields;
+        f.bounds = bounds;
+        return create(f);
+    }
     std::shared_ptr<AVMetadataObject> copy() const override { return std::make_shared<AVMetadataFaceObject>(*this); }
 
-    AVMetadataFaceObject(const AVMetadataFaceObject&) = default;
-
 private:
-    int64_t _faceID = 0;
-    bool _hasRollAngle = false;
-    CGFloat _rollAngle = 0;
-    bool _hasYawAngle = false;
-    CGFloat _yawAngle = 0;
+    Fields _fields;
 };
 
-/// A machine-readable code: its text and its four corners, counter-clockwise from the code's bottom-left as seen
-/// upright ([0] bottom-left, [1] bottom-right, [2] top-right, [3] top-left).
-class AVMetadataMachineReadableCodeObject : public AVMetadataObject {
+/// A machine-readable code (PDF417, QR, EAN-13, ...): its decoded text and its four corners, [0] bottom-left,
+/// [1] bottom-right, [2] top-right, [3] top-left of the code as seen upright, whatever its rotation in the frame.
+class AVMetadataMachineReadableCodeObject final : public AVMetadataObject {
 public:
-    /// Bounds are the box around the corners.
-    AVMetadataMachineReadableCodeObject(AVMetadataObjectType type, std::vector<CGPoint> corners, std::string stringValue,
-                                        CMTime time = kCMTimeInvalid);
-    const std::vector<CGPoint>& corners() const { return _corners; }
-    const std::string& stringValue() const { return _stringValue; }
+    struct Fields {
+        AVMetadataObjectType type = AVMetadataObjectTypeQRCode;
+        CMTime time = kCMTimeInvalid;
+        CMTime duration = kCMTimeInvalid;
+        CGRect bounds{};
+        std::optional<std::string> stringValue;
+        std::vector<CGPointDictionary> corners;
+    };
+    explicit AVMetadataMachineReadableCodeObject(const Fields& f)
+        : AVMetadataObject(f.type, f.time, f.duration, f.bounds), _fields(f) {}
+    static std::shared_ptr<AVMetadataMachineReadableCodeObject> create(const Fields& f) {
+        return std::make_shared<AVMetadataMachineReadableCodeObject>(f);
+    }
+
+    /// The decoded text; empty when the code could not be decoded as text.
+    const std::optional<std::string>& stringValue() const { return _fields.stringValue; }
+    /// The corner points as point dictionaries (normally four; hand-built objects may have any number).
+    const std::vector<CGPointDictionary>& corners() const { return _fields.corners; }
+
+    /// A copy with other bounds and corners (what a preview layer's transform makes).
+    std::shared_ptr<AVMetadataMachineReadableCodeObject> withGeometry(CGRect bounds,
+                                                                      std::vector<CGPointDictionary> corners) const {
+        Fields f = _fields;
+        f.bounds = bounds;
+        f.corners = std::move(corners);
+        return create(f);
+    }
     std::shared_ptr<AVMetadataObject> copy() const override {
         return std::make_shared<AVMetadataMachineReadableCodeObject>(*this);
     }
-    void transformGeometry(const std::function<CGPoint(CGPoint)>& map) override;
-
-    AVMetadataMachineReadableCodeObject(const AVMetadataMachineReadableCodeObject&) = default;
 
 private:
-    std::vector<CGPoint> _corners;
-    std::string _stringValue;
+    Fields _fields;
 };
 
 } // namespace kp

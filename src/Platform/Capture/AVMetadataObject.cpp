@@ -1,44 +1,23 @@
 // SPDX-License-Identifier: MIT
-// Metadata objects: construction of code objects and mapping of their geometry.
+// Point dictionaries of metadata objects.
 #include "KPImage/Platform/AVMetadataObject.h"
-
-#include <algorithm>
 
 namespace kp {
 
-namespace {
-CGRect boxAround(const std::vector<CGPoint>& points) {
-    if (points.empty()) {
-        return CGRectZero;
-    }
-    CGFloat minX = points[0].x, maxX = points[0].x, minY = points[0].y, maxY = points[0].y;
-    for (const CGPoint& p : points) {
-        minX = std::min(minX, p.x);
-        maxX = std::max(maxX, p.x);
-        minY = std::min(minY, p.y);
-        maxY = std::max(maxY, p.y);
-    }
-    return CGRectMake(minX, minY, maxX - minX, maxY - minY);
-}
-} // namespace
+CGPointDictionary CGPointCreateDictionaryRepresentation(CGPoint point) { return {{"X", point.x}, {"Y", point.y}}; }
 
-void AVMetadataObject::transformGeometry(const std::function<CGPoint(CGPoint)>& map) {
-    const CGRect b = CGRectStandardize(_bounds);
-    _bounds = boxAround({map(CGPointMake(CGRectGetMinX(b), CGRectGetMinY(b))),
-                         map(CGPointMake(CGRectGetMaxX(b), CGRectGetMaxY(b)))});
-}
-
-AVMetadataMachineReadableCodeObject::AVMetadataMachineReadableCodeObject(AVMetadataObjectType type,
-                                                                         std::vector<CGPoint> corners,
-                                                                         std::string stringValue, CMTime time)
-    : AVMetadataObject(std::move(type), boxAround(corners), time), _corners(std::move(corners)),
-      _stringValue(std::move(stringValue)) {}
-
-void AVMetadataMachineReadableCodeObject::transformGeometry(const std::function<CGPoint(CGPoint)>& map) {
-    AVMetadataObject::transformGeometry(map);
-    for (CGPoint& p : _corners) {
-        p = map(p);
+bool CGPointMakeWithDictionaryRepresentation(const CGPointDictionary& dict, CGPoint* point) {
+    if (!point) {
+        return false;
     }
+    auto x = dict.find("X");
+    auto y = dict.find("Y");
+    if (x == dict.end() || y == dict.end()) {
+        *point = CGPointZero;
+        return false;
+    }
+    *point = CGPointMake(x->second, y->second);
+    return true;
 }
 
 } // namespace kp

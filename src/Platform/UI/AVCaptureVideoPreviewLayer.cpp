@@ -181,9 +181,27 @@ std::shared_ptr<AVMetadataObject> AVCaptureVideoPreviewLayer::transformedMetadat
         return nullptr;
     }
     const bool mirrored = isVideoMirrored();
-    auto copy = object->copy();
-    copy->transformGeometry([&](CGPoint p) { return mapToLayer(p, *video, mirrored); });
-    return copy;
+    auto map = [&](CGPoint p) { return mapToLayer(p, *video, mirrored); };
+    // Mapping is a scale and a shift per axis (a flip when mirrored), so the box maps through two corners.
+    const CGRect b = CGRectStandardize(object->bounds());
+    const CGPoint p0 = map(CGPointMake(CGRectGetMinX(b), CGRectGetMinY(b)));
+    const CGPoint p1 = map(CGPointMake(CGRectGetMaxX(b), CGRectGetMaxY(b)));
+    const CGRect bounds = CGRectStandardize(CGRectMake(p0.x, p0.y, p1.x - p0.x, p1.y - p0.y));
+    if (const auto* face = dynamic_cast<const AVMetadataFaceObject*>(object.get())) {
+        return face->withBounds(bounds);
+    }
+    if (const auto* code = dynamic_cast<const AVMetadataMachineReadableCodeObject*>(object.get())) {
+        std::vector<CGPointDictionary> corners;
+        for (const auto& dict : code->corners()) {
+            CGPoint p;
+            // A dictionary that is no point stays as it is.
+            corners.push_back(CGPointMakeWithDictionaryRepresentation(dict, &p)
+                                  ? CGPointCreateDictionaryRepresentation(map(p))
+                                  : dict);
+        }
+        return code->withGeometry(bounds, std::move(corners));
+    }
+    return object->copy(); // a type of the host's own: its geometry is its own business
 }
 
 CGPoint AVCaptureVideoPreviewLayer::captureDevicePointOfInterestForPoint(CGPoint layerPoint) const {

@@ -48,7 +48,16 @@ CMSampleBufferRef frameOf(const CVPixelBufferRef& pixels) {
 }
 
 std::shared_ptr<AVMetadataObject> faceAt(size_t x, size_t y) {
-    return std::make_shared<AVMetadataFaceObject>(CGRectMake(x / CGFloat(kW), y / CGFloat(kH), 4 / CGFloat(kW), 4 / CGFloat(kH)), 1);
+    AVMetadataFaceObject::Fields f;
+    f.bounds = CGRectMake(x / CGFloat(kW), y / CGFloat(kH), 4 / CGFloat(kW), 4 / CGFloat(kH));
+    f.faceID = 1;
+    return AVMetadataFaceObject::create(f);
+}
+
+CGPoint corner(const AVMetadataMachineReadableCodeObject& code, size_t i) {
+    CGPoint p{};
+    EXPECT_TRUE(CGPointMakeWithDictionaryRepresentation(code.corners().at(i), &p));
+    return p;
 }
 
 CGPoint centre(CGRect r) { return CGPointMake(CGRectGetMidX(r), CGRectGetMidY(r)); }
@@ -130,25 +139,35 @@ TEST(PreviewLayer, CodeCornersKeepTheirOrderAndMirror) {
     auto preview = AVCaptureVideoPreviewLayer::layerWithSession(nullptr);
     preview->setFrame(CGRectMake(0, 0, 320, 180));
     preview->enqueueSampleBuffer(frameOf(markerPixels()));
-    const std::vector<CGPoint> corners{{0.1, 0.9}, {0.4, 0.9}, {0.4, 0.6}, {0.1, 0.6}};
-    auto code = std::make_shared<AVMetadataMachineReadableCodeObject>(AVMetadataObjectTypePDF417Code, corners, "TEXT");
-    EXPECT_NEAR(code->bounds().size.width, 0.3, 1e-12);
+    AVMetadataMachineReadableCodeObject::Fields f;
+    f.type = AVMetadataObjectTypePDF417Code;
+    f.bounds = CGRectMake(0.1, 0.6, 0.3, 0.3);
+    f.stringValue = "TEXT";
+    for (CGPoint p : {CGPoint{0.1, 0.9}, CGPoint{0.4, 0.9}, CGPoint{0.4, 0.6}, CGPoint{0.1, 0.6}}) {
+        f.corners.push_back(CGPointCreateDictionaryRepresentation(p));
+    }
+    auto code = AVMetadataMachineReadableCodeObject::create(f);
     auto t = std::dynamic_pointer_cast<AVMetadataMachineReadableCodeObject>(
         preview->transformedMetadataObjectForMetadataObject(code));
     ASSERT_TRUE(t);
     EXPECT_EQ(t->stringValue(), "TEXT");
+    EXPECT_EQ(t->type(), AVMetadataObjectTypePDF417Code);
     ASSERT_EQ(t->corners().size(), 4u);
-    EXPECT_NEAR(t->corners()[0].x, 32, 1e-9);
-    EXPECT_NEAR(t->corners()[0].y, 162, 1e-9);
+    EXPECT_NEAR(corner(*t, 0).x, 32, 1e-9);
+    EXPECT_NEAR(corner(*t, 0).y, 162, 1e-9);
+    EXPECT_NEAR(corner(*t, 2).y, 108, 1e-9);
     EXPECT_NEAR(t->bounds().origin.y, 108, 1e-9);
     // The original is untouched: the result is a copy.
-    EXPECT_EQ(code->corners()[0].x, 0.1);
+    EXPECT_EQ(corner(*code, 0).x, 0.1);
 
+    // Mirrored: each point is mirrored, the order stays (bottom-left first).
     preview->setAutomaticallyAdjustsVideoMirroring(false);
     preview->setVideoMirrored(true);
     t = std::dynamic_pointer_cast<AVMetadataMachineReadableCodeObject>(
         preview->transformedMetadataObjectForMetadataObject(code));
-    EXPECT_NEAR(t->corners()[0].x, 288, 1e-9);
+    ASSERT_TRUE(t);
+    EXPECT_NEAR(corner(*t, 0).x, 288, 1e-9);
+    EXPECT_NEAR(corner(*t, 1).x, 192, 1e-9);
     EXPECT_NEAR(t->bounds().origin.x, 192, 1e-9);
     EXPECT_NEAR(t->bounds().size.width, 96, 1e-9);
 }
