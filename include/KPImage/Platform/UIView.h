@@ -62,6 +62,8 @@ public:
     void drawLayerInContext(CALayer& layer, const CGContextRef& context) override;
 
 private:
+    void redrawIfResized(CGSize old);
+
     std::shared_ptr<CALayer> _layer;
     std::weak_ptr<UIView> _superview;
     std::vector<std::shared_ptr<UIView>> _subviews;

@@ -73,35 +73,28 @@ void KPProgressCircleView::setMaximumValue(CGFloat maximumValue) {
     setValue(clampSingle(_value.load(kRelaxed), maximum));
 }
 
-UIColor KPProgressCircleView::trackColor() {
-    if (!_trackColor) {
-        _trackColor = UIColor::greenColor();
+namespace {
+// A colour that is made (and kept) on first read when unset.
+UIColor colorOrDefault(std::optional<UIColor>& color, UIColor (*makeDefault)()) {
+    if (!color) {
+        color = makeDefault();
     }
-    return *_trackColor;
+    return *color;
 }
+} // namespace
+
+UIColor KPProgressCircleView::trackColor() { return colorOrDefault(_trackColor, UIColor::greenColor); }
+UIColor KPProgressCircleView::borderColor() { return colorOrDefault(_borderColor, UIColor::greenColor); }
+UIColor KPProgressCircleView::tintColor() { return colorOrDefault(_tintColor, UIColor::clearColor); }
 
 void KPProgressCircleView::setTrackColor(std::optional<UIColor> color) {
     _trackColor = color;
     setNeedsDisplay();
 }
 
-UIColor KPProgressCircleView::borderColor() {
-    if (!_borderColor) {
-        _borderColor = UIColor::greenColor();
-    }
-    return *_borderColor;
-}
-
 void KPProgressCircleView::setBorderColor(std::optional<UIColor> color) {
     _borderColor = color;
     setNeedsDisplay();
-}
-
-UIColor KPProgressCircleView::tintColor() {
-    if (!_tintColor) {
-        _tintColor = UIColor::clearColor();
-    }
-    return *_tintColor;
 }
 
 void KPProgressCircleView::setTintColor(std::optional<UIColor> color) {

@@ -29,10 +29,7 @@ CGRect UIView::frame() const { return _layer->frame(); }
 void UIView::setFrame(CGRect frame) {
     const CGSize old = _layer->bounds().size;
     _layer->setFrame(frame);
-    const CGSize now = _layer->bounds().size;
-    if ((old.width != now.width || old.height != now.height) && _layer->contents()) {
-        setNeedsDisplay(); // a view that draws is drawn again at its new size
-    }
+    redrawIfResized(old);
 }
 
 CGRect UIView::bounds() const { return _layer->bounds(); }
@@ -40,9 +37,13 @@ CGRect UIView::bounds() const { return _layer->bounds(); }
 void UIView::setBounds(CGRect bounds) {
     const CGSize old = _layer->bounds().size;
     _layer->setBounds(bounds);
+    redrawIfResized(old);
+}
+
+void UIView::redrawIfResized(CGSize old) {
     const CGSize now = _layer->bounds().size;
     if ((old.width != now.width || old.height != now.height) && _layer->contents()) {
-        setNeedsDisplay();
+        setNeedsDisplay(); // a view that draws is drawn again at its new size
     }
 }
 
