@@ -6,10 +6,9 @@
 #include <KPImage/Platform/CARenderer.h>
 #include <KPImage/Platform/NSRunLoop.h>
 
-#include <glib-unix.h>
-
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <vector>
 
 namespace kp {
@@ -30,36 +29,45 @@ std::vector<Host*>& hosts() {
     return all;
 }
 
-guint timerSource = 0;
+// A GLib source for the main run loop: ready when the wake-up descriptor is readable (tasks are pending) or a
+// timer is due. prepare runs at every iteration of GLib's loop, so timers scheduled from GTK handlers count at
+// once.
+struct RunLoopSource {
+    GSource base;
+    gpointer wakeupTag;
+};
 
-void pumpRunLoop();
+std::optional<double> secondsToNextTimer() { return NSRunLoop::mainRunLoop().timeUntilNextTimer(); }
 
-gboolean onTimerDue(gpointer) {
-    timerSource = 0;
-    pumpRunLoop();
-    return G_SOURCE_REMOVE;
+gboolean prepareSource(GSource*, gint* timeout) {
+    const auto due = secondsToNextTimer();
+    if (!due) {
+        *timeout = -1;
+        return FALSE;
+    }
+    if (*due <= 0) {
+        *timeout = 0;
+        return TRUE;
+    }
+    *timeout = static_cast<gint>(std::clamp(std::ceil(*due * 1000.0), 1.0, 3600000.0));
+    return FALSE;
 }
 
-void scheduleTimers() {
-    if (timerSource != 0) {
-        g_source_remove(timerSource);
-        timerSource = 0;
+gboolean checkSource(GSource* source) {
+    auto* s = reinterpret_cast<RunLoopSource*>(source);
+    if ((g_source_query_unix_fd(source, s->wakeupTag) & G_IO_IN) != 0) {
+        return TRUE;
     }
-    if (auto due = NSRunLoop::mainRunLoop().timeUntilNextTimer()) {
-        const double ms = std::clamp(std::ceil(*due * 1000.0), 0.0, 3600000.0);
-        timerSource = g_timeout_add(static_cast<guint>(ms), onTimerDue, nullptr);
-    }
+    const auto due = secondsToNextTimer();
+    return due && *due <= 0;
 }
 
-void pumpRunLoop() {
+gboolean dispatchSource(GSource*, GSourceFunc, gpointer) {
     NSRunLoop::mainRunLoop().pump();
-    scheduleTimers();
-}
-
-gboolean onWakeup(gint, GIOCondition, gpointer) {
-    pumpRunLoop();
     return G_SOURCE_CONTINUE;
 }
+
+GSourceFuncs runLoopSourceFuncs = {prepareSource, checkSource, dispatchSource, nullptr, nullptr, nullptr};
 
 void redrawAll() {
     for (Host* h : hosts()) {
@@ -107,10 +115,13 @@ void KPGtkAttachMainRunLoop() {
         return;
     }
     attached = true;
-    g_unix_fd_add(NSRunLoop::mainRunLoop().wakeupFileDescriptor(), G_IO_IN, onWakeup, nullptr);
+    GSource* source = g_source_new(&runLoopSourceFuncs, sizeof(RunLoopSource));
+    auto* s = reinterpret_cast<RunLoopSource*>(source);
+    s->wakeupTag = g_source_add_unix_fd(source, NSRunLoop::mainRunLoop().wakeupFileDescriptor(), G_IO_IN);
+    g_source_set_name(source, "KPImage main run loop");
+    g_source_attach(source, nullptr); // the default main context, for the process's life
+    g_source_unref(source);
     CALayer::setRenderRequestHandler(redrawAll);
-    // Tasks queued before the loop was attached.
-    g_idle_add_once([](gpointer) { pumpRunLoop(); }, nullptr);
 }
 
 GtkWidget* KPGtkViewHostNew(std::shared_ptr<UIView> root) {

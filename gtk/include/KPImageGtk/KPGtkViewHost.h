@@ -11,9 +11,10 @@
 
 namespace kp {
 
-/// Drives the main run loop from GLib's default main context: the main queue's tasks run when the run loop's
-/// wake-up descriptor becomes readable, its timers when they are due. Call on the GTK thread before the GLib
-/// loop runs; later calls do nothing. That thread is then the platform's main thread.
+/// Drives the main run loop from GLib's default main context (a GLib source): the main queue's tasks run when
+/// the run loop's wake-up descriptor becomes readable, its timers when they are due (timers scheduled on the GTK
+/// thread are seen at once; one scheduled from another thread is seen when GLib's loop next wakes). Call on the
+/// GTK thread before the GLib loop runs; later calls do nothing. That thread is then the platform's main thread.
 void KPGtkAttachMainRunLoop();
 
 /// A widget showing the tree of root. It redraws whenever a layer of any hosted tree changes (setNeedsDisplay,
