@@ -262,18 +262,23 @@ void AVCaptureVideoPreviewLayer::drawContents(cairo_t* cr, CGFloat scale) {
         if (source.surface() != nullptr) {
             const CGRect b = bounds();
             cairo_save(cr);
-            // The picture is cropped to the bounds (the fill gravity reaches beyond them).
-            cairo_rectangle(cr, b.origin.x, b.origin.y, b.size.width, b.size.height);
-            cairo_clip(cr);
+            // The picture, cropped to the bounds (the fill gravity reaches beyond them), as one rectangle whose
+            // source pattern maps layer points to frame pixels.
+            const CGRect shown = CGRectIntersection(b, *video);
             const bool mirrored = isVideoMirrored();
-            cairo_translate(cr, mirrored ? video->origin.x + video->size.width : video->origin.x, video->origin.y);
-            cairo_scale(cr, (mirrored ? -1 : 1) * video->size.width / static_cast<double>(source.width()),
-                        video->size.height / static_cast<double>(source.height()));
             cairo_set_source_surface(cr, source.surface(), 0, 0);
+            cairo_matrix_t toFrame;
+            cairo_matrix_init_scale(&toFrame, (mirrored ? -1 : 1) * static_cast<double>(source.width()) / video->size.width,
+                                    static_cast<double>(source.height()) / video->size.height);
+            cairo_matrix_translate(&toFrame, mirrored ? -(video->origin.x + video->size.width) : -video->origin.x,
+                                   -video->origin.y);
+            cairo_pattern_set_matrix(cairo_get_source(cr), &toFrame);
             cairo_pattern_set_filter(cairo_get_source(cr), CAIRO_FILTER_BILINEAR);
-            cairo_rectangle(cr, 0, 0, static_cast<double>(source.width()), static_cast<double>(source.height()));
-            cairo_clip(cr);
-            cairo_paint(cr);
+            cairo_pattern_set_extend(cairo_get_source(cr), CAIRO_EXTEND_PAD);
+            if (!CGRectIsEmpty(shown)) {
+                cairo_rectangle(cr, shown.origin.x, shown.origin.y, shown.size.width, shown.size.height);
+                cairo_fill(cr);
+            }
             cairo_restore(cr);
         }
     }
