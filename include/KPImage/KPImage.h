@@ -56,3 +56,17 @@
 #include "KPImage/Platform/AVAssetWriterInput.h"
 #include "KPImage/Platform/NSURL.h"
 #include "KPImage/Platform/UIPhotoAlbum.h"
+
+// Layers, views and animation.
+#include "KPImage/Platform/AVCaptureVideoPreviewLayer.h"
+#include "KPImage/Platform/CABasicAnimation.h"
+#include "KPImage/Platform/CALayer.h"
+#include "KPImage/Platform/CARenderer.h"
+#include "KPImage/Platform/CAShapeLayer.h"
+#include "KPImage/Platform/CATransform3D.h"
+#include "KPImage/Platform/CGContextPath.h"
+#include "KPImage/Platform/CGPath.h"
+#include "KPImage/Platform/UIView.h"
+
+// Views.
+#include "KPImage/KPProgressCircleView.h"

@@ -30,8 +30,9 @@ public:
     /// The session the output is in; nil when in none.
     std::shared_ptr<AVCaptureSession> session() const;
 
-    /// What kind of output this is; a session takes at most one of each kind.
-    enum class Kind { VideoData, StillImage, Metadata };
+    /// What kind of output this is; a session takes at most one of each kind. PreviewLayer is a preview layer's
+    /// feed, which the session streams for but does not list among its outputs.
+    enum class Kind { VideoData, StillImage, Metadata, PreviewLayer };
     virtual Kind kind() const = 0;
 
 protected:

@@ -138,7 +138,10 @@ std::vector<std::shared_ptr<AVCaptureDeviceInput>> AVCaptureSession::inputs() co
 
 std::vector<std::shared_ptr<AVCaptureOutput>> AVCaptureSession::outputs() const {
     std::lock_guard lock(_mutex);
-    return _outputs;
+    std::vector<std::shared_ptr<AVCaptureOutput>> listed;
+    std::copy_if(_outputs.begin(), _outputs.end(), std::back_inserter(listed),
+                 [](const auto& o) { return o->kind() != AVCaptureOutput::Kind::PreviewLayer; });
+    return listed;
 }
 
 std::shared_ptr<AVCaptureDeviceInput> AVCaptureSession::videoInputLocked() const {
