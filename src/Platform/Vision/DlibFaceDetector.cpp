@@ -2,6 +2,8 @@
 // The dlib back-end of the still-image face detector: HOG face boxes and 68-point landmarks.
 #include "Platform/Vision/DlibFaceDetector.h"
 
+#include "Platform/Vision/LumaImage.h"
+
 #include <dlib/image_processing.h>
 #include <dlib/image_processing/frontal_face_detector.h>
 #include <dlib/image_transforms.h>
@@ -37,42 +39,10 @@ std::shared_ptr<const dlib::shape_predictor> sharedLandmarkModel(const std::stri
     return model;
 }
 
-// Byte offsets of red, green and blue (all the same for grey) within one pixel; false for layouts the
-// detector cannot read.
-bool componentOffsets(const CGImage& image, size_t& r, size_t& g, size_t& b) {
-    if (image.bitsPerComponent() != 8 || image.bitsPerPixel() % 8 != 0 || image.bitsPerPixel() == 0) {
-        return false;
-    }
-    const size_t bytesPerPixel = image.bitsPerPixel() / 8;
-    const CGColorSpaceModel model = CGColorSpaceGetModel(image.colorSpace());
-    const size_t colours = model == kCGColorSpaceModelMonochrome ? 1 : model == kCGColorSpaceModelRGB ? 3 : 0;
-    if (colours == 0 || bytesPerPixel < colours) {
-        return false;
-    }
-    const CGBitmapInfo alpha = image.bitmapInfo() & kCGBitmapAlphaInfoMask;
-    const bool alphaFirst = alpha == kCGImageAlphaPremultipliedFirst || alpha == kCGImageAlphaFirst ||
-                            alpha == kCGImageAlphaNoneSkipFirst;
-    size_t first = alphaFirst ? 1 : 0;
-    size_t order[3] = {first, first + (colours == 3 ? 1 : 0), first + (colours == 3 ? 2 : 0)};
-    // A little-endian word stores its components in reverse.
-    const CGBitmapInfo byteOrder = image.bitmapInfo() & kCGBitmapByteOrderMask;
-    const bool reversed = (byteOrder == kCGBitmapByteOrder32Little && bytesPerPixel == 4) ||
-                          (byteOrder == kCGBitmapByteOrder16Little && bytesPerPixel == 2);
-    if (reversed) {
-        for (size_t& o : order) {
-            o = bytesPerPixel - 1 - o;
-        }
-    }
-    r = order[0];
-    g = order[1];
-    b = order[2];
-    return r < bytesPerPixel && g < bytesPerPixel && b < bytesPerPixel;
-}
-
 // The bitmap as 8-bit luminance, the same weights the drawing context uses for grey.
 bool toGray(const CGImage& image, dlib::array2d<unsigned char>& out) {
     size_t ro = 0, go = 0, bo = 0;
-    if (!componentOffsets(image, ro, go, bo)) {
+    if (!CGImageComponentOffsets(image, ro, go, bo)) {
         return false;
     }
     const size_t width = image.width();
@@ -121,6 +91,10 @@ DlibFaceDetector::DlibFaceDetector(CIDetectorAccuracy accuracy) : _impl(std::mak
 }
 
 DlibFaceDetector::~DlibFaceDetector() = default;
+
+std::shared_ptr<const dlib::shape_predictor> DlibFaceDetector::landmarkModel(const std::string& path) {
+    return sharedLandmarkModel(path);
+}
 
 bool DlibFaceDetector::landmarkModelAvailable(const std::string& path) {
     return sharedLandmarkModel(path) != nullptr;

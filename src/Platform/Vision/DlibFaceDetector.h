@@ -10,6 +10,10 @@
 #include <string>
 #include <vector>
 
+namespace dlib {
+class shape_predictor;
+}
+
 namespace kp {
 
 /// Finds frontal faces with dlib's HOG detector and measures them with the shared 68-point landmark model.
@@ -45,6 +49,8 @@ public:
 
     /// True when the landmark model at path could be loaded (loads it on first call; shared afterwards).
     static bool landmarkModelAvailable(const std::string& path);
+    /// The 68-point landmark model at path, loaded once per process and path; null when it cannot be loaded.
+    static std::shared_ptr<const dlib::shape_predictor> landmarkModel(const std::string& path);
 
 private:
     struct Impl;
