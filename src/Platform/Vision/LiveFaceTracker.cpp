@@ -16,12 +16,15 @@ namespace kp {
 namespace {
 
 // The detector's window finds faces from about this many pixels up.
-constexpr double kSmallestDetectableFace = 80.0;
-// Same margin as the still-image detector: at the bare threshold, round badges and textures pass for faces.
-constexpr double kDetectionMargin = DlibFaceDetector::kDetectionMargin;
+constexpr double kSmallestDetectableFace = 90.0;
+// Detections must score this much above the HOG model's threshold: video shows codes, text and patterns that
+// pass for faces at the still-image detector's margin.
+constexpr double kDetectionMargin = 0.5;
+// Small frames are enlarged at most this much for detection.
+constexpr double kMaxDetectionScale = 1.25;
 // A lost track is looked for again in a square this many times its box, turned by these roll steps.
 constexpr double kSearchAreaFactor = 2.0;
-constexpr double kRecoveryRolls[] = {30.0, -30.0};
+constexpr double kRecoveryRolls[] = {15.0, -15.0, 30.0, -30.0};
 
 // IDs are never reused within the process, whichever tracker hands them out.
 std::atomic<NSInteger> gNextFaceID{1};
@@ -132,7 +135,7 @@ double LiveFaceTracker::detectionScale(int height) {
     if (height <= 0) {
         return 1.0;
     }
-    return std::min(1.0, kSmallestDetectableFace / (kMinimumFaceFraction * height));
+    return std::min(kMaxDetectionScale, kSmallestDetectableFace / (kMinimumFaceFraction * height));
 }
 
 double LiveFaceTracker::quantizedRoll(double degrees) { return quantize(degrees, 30.0); }
@@ -168,6 +171,19 @@ double LiveFaceTracker::yawFromLandmarks(const DlibFaceDetector::Landmarks& pts)
     return toDegrees(std::asin(std::clamp(offset, -1.0, 1.0)));
 }
 
+double LiveFaceTracker::matchScore(CGRect a, CGRect b) {
+    const double o = overlap(a, b);
+    if (o >= kMatchOverlap) {
+        return o;
+    }
+    // A head that tilts or turns makes its box jump; centres close for the face's size still match, below any
+    // real overlap.
+    const double shift = std::hypot(a.origin.x + a.size.width / 2 - b.origin.x - b.size.width / 2,
+                                    a.origin.y + a.size.height / 2 - b.origin.y - b.size.height / 2);
+    const double limit = kMatchDistance * std::max(a.size.width, b.size.width);
+    return shift < limit ? kMatchOverlap * (1.0 - shift / limit) : 0.0;
+}
+
 double LiveFaceTracker::overlap(CGRect a, CGRect b) {
     const double x0 = std::max(a.origin.x, b.origin.x);
     const double y0 = std::max(a.origin.y, b.origin.y);
@@ -193,9 +209,8 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
 
         // Tracks the upright detector lost are looked for again, turned by the roll steps.
         for (const Track& t : _impl->tracks) {
-            const bool seen = std::any_of(found.begin(), found.end(), [&](const Found& f) {
-                return overlap(f.box, t.face.bounds) >= kMatchOverlap;
-            });
+            const bool seen = std::any_of(found.begin(), found.end(),
+                                          [&](const Found& f) { return matchScore(t.face.bounds, f.box) > 0; });
             if (seen) {
                 continue;
             }
@@ -219,8 +234,8 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
         std::vector<std::pair<double, std::pair<size_t, size_t>>> pairs;
         for (size_t i = 0; i < _impl->tracks.size(); ++i) {
             for (size_t j = 0; j < found.size(); ++j) {
-                const double o = overlap(_impl->tracks[i].face.bounds, found[j].box);
-                if (o >= kMatchOverlap) {
+                const double o = matchScore(_impl->tracks[i].face.bounds, found[j].box);
+                if (o > 0) {
                     pairs.push_back({o, {i, j}});
                 }
             }
@@ -245,9 +260,8 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
         for (size_t j = 0; j < found.size(); ++j) {
             const Found& f = found[j];
             // Two detections of one face (upright and turned) count once.
-            const bool duplicate = std::any_of(out.begin(), out.end(), [&](const TrackedFace& o) {
-                return overlap(o.bounds, f.box) >= kMatchOverlap;
-            });
+            const bool duplicate = std::any_of(out.begin(), out.end(),
+                                               [&](const TrackedFace& o) { return matchScore(o.bounds, f.box) > 0; });
             if (duplicate) {
                 continue;
             }

@@ -34,8 +34,10 @@ public:
     static constexpr double kMinimumFaceFraction = 0.1;
     /// A track survives this many analysed frames without its face (a missed detection), then ends.
     static constexpr int kMaxMissedFrames = 2;
-    /// Detections overlapping a track by at least this intersection-over-union continue it.
+    /// Detections overlapping a track by at least this intersection-over-union continue it...
     static constexpr double kMatchOverlap = 0.3;
+    /// ...and so do detections whose centre lies within this fraction of the face's width of the track's.
+    static constexpr double kMatchDistance = 0.75;
 
     /// A tracker using the landmark model at modelPath (loaded once per process; without it faces have no angles).
     explicit LiveFaceTracker(std::string modelPath);
@@ -59,6 +61,9 @@ public:
     /// The face's yaw from its landmarks, degrees, positive when it turns towards the frame's right (the nose
     /// moves towards the face's right-hand outline in the picture); NaN for a degenerate face.
     static double yawFromLandmarks(const DlibFaceDetector::Landmarks& pts);
+    /// How well a detection b continues a track's box a: its overlap when that is enough, else a smaller score for
+    /// close centres; 0 for no match.
+    static double matchScore(CGRect a, CGRect b);
     /// Intersection over union of two rectangles (0 when either is empty).
     static double overlap(CGRect a, CGRect b);
 

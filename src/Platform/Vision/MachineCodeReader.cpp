@@ -165,7 +165,8 @@ std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& ima
     return codes;
 }
 
-std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(const LumaImage& image, size_t maxCount) {
+std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(const LumaImage& image, size_t maxCount,
+                                                                          const std::vector<CGRect>& excluded) {
     std::vector<Candidate> out;
     if (image.width < 3 * kCell || image.height < 3 * kCell) {
         return out;
@@ -203,9 +204,18 @@ std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(cons
             cell.weight += m;
         }
     }
-    for (Cell& c : cells) {
+    for (size_t i = 0; i < cells.size(); ++i) {
+        Cell& c = cells[i];
         c.textured = c.samples > 0 && c.edges >= kCellEdgeShare * c.samples && c.weight > 0 &&
                      std::hypot(c.c4, c.s4) >= kCellCoherence * c.weight;
+        const double cx = (static_cast<double>(i % static_cast<size_t>(cols)) + 0.5) * kCell;
+        const double cy = (static_cast<double>(i / static_cast<size_t>(cols)) + 0.5) * kCell;
+        for (const CGRect& r : excluded) {
+            if (cx >= r.origin.x - kCell && cx <= r.origin.x + r.size.width + kCell && cy >= r.origin.y - kCell &&
+                cy <= r.origin.y + r.size.height + kCell) {
+                c.textured = false;
+            }
+        }
     }
     // Regions: 8-connected textured cells, bridging single-cell gaps (quiet rows inside a code).
     std::vector<int> label(cells.size(), -1);
@@ -301,17 +311,12 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
         codes = readWithLibrary(image, _formats);
         const uint32_t secondLook = _formats & kSecondLookFormats;
         if (secondLook != 0) {
-            for (const Candidate& cand : findCandidates(image, kMaxCandidates)) {
-                // A region the first look already read needs no second one.
-                const bool known = std::any_of(codes.begin(), codes.end(), [&](const MachineCode& c) {
-                    const CGRect b = boundsOf(c.corners);
-                    const CGPoint mid{b.origin.x + b.size.width / 2, b.origin.y + b.size.height / 2};
-                    return mid.x >= cand.box.origin.x && mid.x <= cand.box.origin.x + cand.box.size.width &&
-                           mid.y >= cand.box.origin.y && mid.y <= cand.box.origin.y + cand.box.size.height;
-                });
-                if (known) {
-                    continue;
-                }
+            // Codes the first look read need no second one.
+            std::vector<CGRect> known;
+            for (const MachineCode& c : codes) {
+                known.push_back(boundsOf(c.corners));
+            }
+            for (const Candidate& cand : findCandidates(image, kMaxCandidates, known)) {
                 const double margin = 0.1 * std::max(cand.box.size.width, cand.box.size.height) + kCell;
                 const double w = cand.box.size.width + 2 * margin;
                 const double h = cand.box.size.height + 2 * margin;

@@ -47,8 +47,9 @@ public:
         CGRect box;
         double skewDegrees = 0;
     };
-    /// The code-like regions of a picture, largest first (at most maxCount).
-    static std::vector<Candidate> findCandidates(const LumaImage& image, size_t maxCount);
+    /// The code-like regions of a picture outside the excluded boxes, largest first (at most maxCount).
+    static std::vector<Candidate> findCandidates(const LumaImage& image, size_t maxCount,
+                                                 const std::vector<CGRect>& excluded = {});
 
 private:
     std::vector<MachineCode> readWithLibrary(const LumaImage& image, uint32_t formats) const;
