@@ -73,6 +73,18 @@ bool FakeCaptureDevice::pushFrame(uint8_t fill) {
         return false;
     }
     std::memset(pixels->bytes(), fill, pixels->dataSize());
+    return pushFrame(pixels);
+}
+
+bool FakeCaptureDevice::pushFrame(const CVPixelBufferRef& pixels) {
+    std::shared_ptr<CaptureFrameSink> sink;
+    {
+        std::lock_guard lock(_mutex);
+        sink = _sink;
+    }
+    if (!sink || !pixels) {
+        return false;
+    }
     CMSampleTimingInfo timing;
     timing.presentationTimeStamp = CMClockGetHostTimeNow();
     CMSampleBufferRef sample;
