@@ -80,7 +80,8 @@ private:
     void analyse(CMSampleBufferRef frame, uint64_t stream) {
         const auto types = _owner.metadataObjectTypes();
         if (!_detector || _detector->types() != types) {
-            _detector = std::make_unique<MetadataDetector>(types, CIDetectorFaceLandmarksModelPath());
+            _detector = std::make_unique<MetadataDetector>(types, CIDetectorFaceLandmarksModelPath(),
+                                                           LiveFaceTracker::Mode::Video);
             _reportedObjects = false;
         }
         if (stream != _lastStream) {
@@ -155,7 +156,7 @@ std::vector<std::shared_ptr<AVMetadataObject>> AVCaptureMetadataOutput::metadata
     if (!LumaImageFromCGImage(image, picture)) {
         return {};
     }
-    MetadataDetector detector(types, CIDetectorFaceLandmarksModelPath());
+    MetadataDetector detector(types, CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Picture);
     return detector.detect(picture, kCMTimeInvalid, kCMTimeInvalid);
 }
 

@@ -22,9 +22,18 @@ constexpr double kSmallestDetectableFace = 90.0;
 constexpr double kDetectionMargin = 0.5;
 // Small frames are enlarged at most this much for detection.
 constexpr double kMaxDetectionScale = 1.25;
+// Tracked faces are looked for at a scale that makes them about this many pixels wide.
+constexpr double kTrackedFaceSize = 160.0;
+// In video, the whole frame is searched at the fine scale divided by this (for large faces) every frame...
+constexpr double kCoarseFactor = 2.5;
+// ...and one tile at the fine scale per frame; tiles are about this many frame pixels wide and high.
+constexpr int kTileColumnsDivisor = 440;
+constexpr int kTileRowsDivisor = 380;
 // A lost track is looked for again in a square this many times its box, turned by these roll steps.
 constexpr double kSearchAreaFactor = 2.0;
 constexpr double kRecoveryRolls[] = {15.0, -15.0, 30.0, -30.0};
+// Landmarks of a head tilted by more than this (degrees) are fitted again on a crop turned upright.
+constexpr double kRefineRollDegrees = 5.0;
 
 // IDs are never reused within the process, whichever tracker hands them out.
 std::atomic<NSInteger> gNextFaceID{1};
@@ -78,9 +87,13 @@ struct Found {
 } // namespace
 
 struct LiveFaceTracker::Impl {
+    Mode mode = Mode::Video;
+    uint64_t frameIndex = 0;
     dlib::frontal_face_detector detector = dlib::get_frontal_face_detector();
     std::shared_ptr<const dlib::shape_predictor> model;
     std::vector<Track> tracks;
+
+    void refineLandmarks(const LumaImage& frame, Found& f) const;
 
     // Detections in img (already reduced by scale) mapped to frame pixels through crop (identity when null).
     std::vector<Found> detect(const LumaImage& img, double scale, const RotatedCrop* crop) {
@@ -123,7 +136,33 @@ struct LiveFaceTracker::Impl {
     }
 };
 
-LiveFaceTracker::LiveFaceTracker(std::string modelPath) : _impl(std::make_unique<Impl>()) {
+void LiveFaceTracker::Impl::refineLandmarks(const LumaImage& frame, Found& f) const {
+    // The landmark fit starts from an upright mean face and stops short on a tilted head; fitted again on a crop
+    // turned by the first estimate, it follows the head.
+    if (!model || !f.hasLandmarks) {
+        return;
+    }
+    const double roll = rollFromLandmarks(f.pts);
+    if (std::abs(roll) < kRefineRollDegrees) {
+        return;
+    }
+    RotatedCrop crop;
+    crop.centre = {f.box.origin.x + f.box.size.width / 2, f.box.origin.y + f.box.size.height / 2};
+    crop.angle = roll * std::numbers::pi / 180.0;
+    crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize / std::max(1.0, f.box.size.width));
+    crop.width = crop.height = static_cast<int>(kSearchAreaFactor * f.box.size.width * crop.scale);
+    dlib::array2d<unsigned char> gray;
+    toDlib(crop.sample(frame), gray);
+    const long half = static_cast<long>(f.box.size.width * crop.scale / 2);
+    const long c = crop.width / 2;
+    const dlib::full_object_detection shape = (*model)(gray, dlib::rectangle(c - half, c - half, c + half, c + half));
+    for (unsigned long i = 0; i < 68; ++i) {
+        f.pts[i] = crop.toSource({static_cast<double>(shape.part(i).x()), static_cast<double>(shape.part(i).y())});
+    }
+}
+
+LiveFaceTracker::LiveFaceTracker(const std::string& modelPath, Mode mode) : _impl(std::make_unique<Impl>()) {
+    _impl->mode = mode;
     _impl->model = DlibFaceDetector::landmarkModel(modelPath);
 }
 
@@ -203,9 +242,51 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
         return out;
     }
     try {
-        const double scale = detectionScale(frame.height);
-        const LumaImage reduced = LumaImageScaled(frame, scale);
-        std::vector<Found> found = _impl->detect(reduced, scale, nullptr);
+        std::vector<Found> found;
+        const auto addNew = [&found](const std::vector<Found>& more) {
+            for (const Found& f : more) {
+                const bool known = std::any_of(found.begin(), found.end(),
+                                               [&](const Found& g) { return matchScore(g.box, f.box) > 0; });
+                if (!known) {
+                    found.push_back(f);
+                }
+            }
+        };
+        // Tracked faces first: their neighbourhood at a scale that makes them comfortably detectable.
+        for (const Track& t : _impl->tracks) {
+            const CGRect b = t.face.bounds;
+            const double side = kSearchAreaFactor * std::max(b.size.width, b.size.height);
+            RotatedCrop crop;
+            crop.centre = {b.origin.x + b.size.width / 2, b.origin.y + b.size.height / 2};
+            crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize * kSearchAreaFactor / side);
+            crop.width = crop.height = static_cast<int>(side * crop.scale);
+            addNew(_impl->detect(crop.sample(frame), crop.scale, &crop));
+        }
+        const double fine = detectionScale(frame.height);
+        if (_impl->mode == Mode::Picture) {
+            addNew(_impl->detect(LumaImageScaled(frame, fine), fine, nullptr));
+        } else {
+            // New faces: large ones over the whole frame at a coarse scale every frame, small ones at the fine
+            // scale in one tile per frame, the tiles taking turns (they overlap by more than a small face).
+            const double coarse = fine / kCoarseFactor;
+            addNew(_impl->detect(LumaImageScaled(frame, coarse), coarse, nullptr));
+            const int overlap = static_cast<int>(std::ceil(kCoarseFactor * kSmallestDetectableFace / fine));
+            const int cols = std::max(1, (frame.width + kTileColumnsDivisor - 1) / kTileColumnsDivisor);
+            const int rows = std::max(1, (frame.height + kTileRowsDivisor - 1) / kTileRowsDivisor);
+            const int tile = static_cast<int>(_impl->frameIndex++ % static_cast<uint64_t>(cols * rows));
+            const int tw = (frame.width + cols - 1) / cols;
+            const int th = (frame.height + rows - 1) / rows;
+            const int x0 = std::max(0, (tile % cols) * tw - overlap / 2);
+            const int y0 = std::max(0, (tile / cols) * th - overlap / 2);
+            const int x1 = std::min(frame.width, (tile % cols + 1) * tw + overlap / 2);
+            const int y1 = std::min(frame.height, (tile / cols + 1) * th + overlap / 2);
+            RotatedCrop crop;
+            crop.centre = {(x0 + x1) / 2.0, (y0 + y1) / 2.0};
+            crop.scale = fine;
+            crop.width = static_cast<int>((x1 - x0) * fine);
+            crop.height = static_cast<int>((y1 - y0) * fine);
+            addNew(_impl->detect(crop.sample(frame), fine, &crop));
+        }
 
         // Tracks the upright detector lost are looked for again, turned by the roll steps.
         for (const Track& t : _impl->tracks) {
@@ -220,7 +301,7 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
                 RotatedCrop crop;
                 crop.centre = {b.origin.x + b.size.width / 2, b.origin.y + b.size.height / 2};
                 crop.angle = roll * std::numbers::pi / 180.0;
-                crop.scale = std::min(1.0, 2.5 * kSmallestDetectableFace / side);
+                crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize * kSearchAreaFactor / side);
                 crop.width = crop.height = static_cast<int>(side * crop.scale);
                 const auto again = _impl->detect(crop.sample(frame), crop.scale, &crop);
                 if (!again.empty()) {
@@ -269,6 +350,7 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             face.bounds = f.box;
             face.faceID = idOf[j] != 0 ? idOf[j] : gNextFaceID.fetch_add(1, std::memory_order_relaxed);
             if (f.hasLandmarks) {
+                _impl->refineLandmarks(frame, found[j]);
                 face.hasRollAngle = true;
                 face.rollAngle = quantizedRoll(rollFromLandmarks(f.pts));
                 const double yaw = yawFromLandmarks(f.pts);

@@ -24,10 +24,12 @@ struct TrackedFace {
     double yawAngle = 0;    ///< degrees in steps of 45 in [0, 360): the face turned towards the frame's right is 45
 };
 
-/// Finds frontal faces with dlib's HOG detector on a reduced copy of each frame, measures them with the shared
-/// 68-point landmark model and follows them from frame to frame by overlap. A tracked face that the upright
-/// detector loses (a head tilted beyond its reach) is looked for again in its neighbourhood, turned by the
-/// roll steps. An instance is used by one thread at a time.
+/// Finds frontal faces with dlib's HOG detector, measures them with the shared 68-point landmark model and follows
+/// them from frame to frame by overlap. In video, each frame costs a fraction of a full search: tracked faces are
+/// looked for in their neighbourhood, large new faces over the whole frame at a coarse scale, and small new faces
+/// (down to kMinimumFaceFraction of the frame height) in one tile of the frame per frame, the tiles taking turns.
+/// A tracked face that the upright detector loses (a head tilted beyond its reach) is looked for again in its
+/// neighbourhood, turned by the roll steps. An instance is used by one thread at a time.
 class LiveFaceTracker {
 public:
     /// Faces at least this fraction of the frame height are found.
@@ -39,8 +41,10 @@ public:
     /// ...and so do detections whose centre lies within this fraction of the face's width of the track's.
     static constexpr double kMatchDistance = 0.75;
 
+    /// Video spreads the search for small new faces over several frames; Picture searches everything every call.
+    enum class Mode { Video, Picture };
     /// A tracker using the landmark model at modelPath (loaded once per process; without it faces have no angles).
-    explicit LiveFaceTracker(std::string modelPath);
+    explicit LiveFaceTracker(const std::string& modelPath, Mode mode = Mode::Video);
     ~LiveFaceTracker();
     LiveFaceTracker(const LiveFaceTracker&) = delete;
     LiveFaceTracker& operator=(const LiveFaceTracker&) = delete;
@@ -50,7 +54,7 @@ public:
     /// Ends every track (a new stream starts).
     void reset();
 
-    /// The factor by which a frame of the given height is reduced before detection.
+    /// The factor by which a frame of the given height is scaled for the search of the smallest faces.
     static double detectionScale(int height);
     /// Roll in degrees (any value) reported in steps of 30 in [0, 360); halves round away from upright.
     static double quantizedRoll(double degrees);

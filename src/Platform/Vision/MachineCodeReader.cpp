@@ -65,6 +65,8 @@ constexpr double kSkewWorthRetry = 0.5;
 constexpr double kSkewRetryOffsets[] = {0.0, 5.0, -5.0};
 // A code read at an angle this far (degrees) from its own is read again at its own.
 constexpr double kSkewRefineThreshold = 1.0;
+// Crops read per frame at most (a frame full of text must not cost a read per word).
+constexpr int kMaxSecondLookReads = 5;
 
 CGRect boundsOf(const std::array<CGPoint, 4>& pts) {
     double x0 = pts[0].x, x1 = pts[0].x, y0 = pts[0].y, y1 = pts[0].y;
@@ -128,14 +130,15 @@ bool MachineCodeReader::accept(uint32_t format, const std::string& text, AVMetad
     return false;
 }
 
-std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, uint32_t formats) const {
+std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, uint32_t formats,
+                                                            bool tryRotate) const {
     std::vector<MachineCode> codes;
     if (image.empty() || formats == 0) {
         return codes;
     }
     ZXing::DecodeHints hints;
     hints.setFormats(static_cast<BarcodeFormat>(formats));
-    hints.setTryRotate(true);
+    hints.setTryRotate(tryRotate);
     hints.setTryHarder(false);
     const ZXing::ImageView view(image.pixels.data(), image.width, image.height, ZXing::ImageFormat::Lum);
     for (const ZXing::Result& r : ZXing::ReadBarcodes(view, hints)) {
@@ -151,7 +154,12 @@ std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& ima
         if (!accept(format, text, code.type)) {
             continue;
         }
-        if (r.contentType() != ZXing::ContentType::Binary) {
+        // Control characters (the separators of an ID card's data) make the library call a content binary; it
+        // is text all the same unless it holds bytes that are no text at all.
+        const auto& raw = r.bytes();
+        const bool binary = r.contentType() == ZXing::ContentType::Binary &&
+                            std::any_of(raw.begin(), raw.end(), [](uint8_t b) { return b == 0 || b >= 0x80; });
+        if (!binary) {
             code.text = std::move(text);
         }
         // The library's position runs top-left, top-right, bottom-right, bottom-left of the symbol.
@@ -293,7 +301,7 @@ bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& ca
     }
     crop.width = static_cast<int>(uprightW * crop.scale);
     crop.height = static_cast<int>(uprightH * crop.scale);
-    for (MachineCode& c : readWithLibrary(crop.sample(image), formats)) {
+    for (MachineCode& c : readWithLibrary(crop.sample(image), formats, true)) {
         for (CGPoint& p : c.corners) {
             p = crop.toSource(p);
         }
@@ -308,8 +316,12 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
         return codes;
     }
     try {
-        codes = readWithLibrary(image, _formats);
+        // PDF417 over the whole frame is slow and misses tilted or fine codes anyway: PDF417 codes are read from
+        // the candidate regions only. Linear codes are read in both directions.
+        const uint32_t pdf417 = bits(BarcodeFormat::PDF417);
+        codes = readWithLibrary(image, _formats & ~pdf417, (_formats & bits(BarcodeFormat::LinearCodes)) != 0);
         const uint32_t secondLook = _formats & kSecondLookFormats;
+        int readsLeft = kMaxSecondLookReads;
         if (secondLook != 0) {
             // Codes the first look read need no second one.
             std::vector<CGRect> known;
@@ -322,6 +334,9 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 const double h = cand.box.size.height + 2 * margin;
                 // Fine modules bias the skew measure by a few degrees; neighbouring angles are tried next.
                 for (double offset : kSkewRetryOffsets) {
+                    if (readsLeft-- <= 0) {
+                        break;
+                    }
                     const double tried = cand.skewDegrees + offset;
                     std::vector<MachineCode> found;
                     if (!secondLookAt(image, cand, tried, w, h, secondLook, found)) {

@@ -24,9 +24,10 @@ struct MachineCode {
     std::array<CGPoint, 4> corners{};
 };
 
-/// Reads the enabled symbologies with ZXing-cpp. PDF417 and QR codes that the library misses (tilted in the image
-/// plane, or printed with fine modules) are looked for again: textured regions with aligned edges are located,
-/// their skew is measured, and an upright, enlarged crop of each is read; its corners are mapped back.
+/// Reads the enabled symbologies with ZXing-cpp. PDF417 codes, and QR codes that the library misses on the whole
+/// frame, are read from code-like regions: textured regions with aligned edges are located, their skew is measured,
+/// and an upright, enlarged crop of each is read (the library loses PDF417 codes tilted by more than a few degrees
+/// or printed with fewer than three pixels per module); the corners are mapped back to the frame.
 /// An instance is used by one thread at a time.
 class MachineCodeReader {
 public:
@@ -52,7 +53,7 @@ public:
                                                  const std::vector<CGRect>& excluded = {});
 
 private:
-    std::vector<MachineCode> readWithLibrary(const LumaImage& image, uint32_t formats) const;
+    std::vector<MachineCode> readWithLibrary(const LumaImage& image, uint32_t formats, bool tryRotate) const;
     // Reads an upright, enlarged crop of the candidate turned by skewDegrees into codes (source pixel corners);
     // true if any was read.
     bool secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w, double h,

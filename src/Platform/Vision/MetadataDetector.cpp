@@ -6,10 +6,11 @@
 
 namespace kp {
 
-MetadataDetector::MetadataDetector(const std::vector<AVMetadataObjectType>& types, const std::string& modelPath)
+MetadataDetector::MetadataDetector(const std::vector<AVMetadataObjectType>& types, const std::string& modelPath,
+                                   LiveFaceTracker::Mode mode)
     : _types(types), _codes(types) {
     if (std::find(types.begin(), types.end(), AVMetadataObjectTypeFace) != types.end()) {
-        _faces = std::make_unique<LiveFaceTracker>(modelPath);
+        _faces = std::make_unique<LiveFaceTracker>(modelPath, mode);
     }
 }
 

@@ -17,8 +17,10 @@ namespace kp {
 /// stream, or single pictures). An instance is used by one thread at a time.
 class MetadataDetector {
 public:
-    /// A detector for the given types (unsupported ones are ignored); the face model comes from modelPath.
-    MetadataDetector(const std::vector<AVMetadataObjectType>& types, const std::string& modelPath);
+    /// A detector for the given types (unsupported ones are ignored); the face model comes from modelPath. Video
+    /// spreads the search for small new faces over several frames; Picture searches everything every time.
+    MetadataDetector(const std::vector<AVMetadataObjectType>& types, const std::string& modelPath,
+                     LiveFaceTracker::Mode mode);
 
     /// The types it looks for, as given.
     const std::vector<AVMetadataObjectType>& types() const { return _types; }

@@ -132,7 +132,7 @@ TEST(LiveFaceTracker, MeasuresRollAndYawFromLandmarks) {
 }
 
 TEST(LiveFaceTracker, FindsFacesAndFollowsThemWithStableIds) {
-    LiveFaceTracker tracker(CIDetectorFaceLandmarksModelPath());
+    LiveFaceTracker tracker(CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Picture);
     const LumaImage astronaut = lumaOf(kptest::dataPath("astronaut.png"));
     ASSERT_FALSE(astronaut.empty());
     const auto first = tracker.track(placed(astronaut, 1280, 720, 200, 100));
@@ -174,14 +174,14 @@ TEST(LiveFaceTracker, FindsFacesAndFollowsThemWithStableIds) {
     ASSERT_EQ(back.size(), 1u);
     EXPECT_GT(back[0].faceID, f.faceID);
     // A second tracker never hands out an ID the first one used.
-    LiveFaceTracker second(CIDetectorFaceLandmarksModelPath());
+    LiveFaceTracker second(CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Picture);
     const auto fresh = second.track(placed(astronaut, 1280, 720, 200, 100));
     ASSERT_EQ(fresh.size(), 1u);
     EXPECT_GT(fresh[0].faceID, back[0].faceID);
 }
 
 TEST(LiveFaceTracker, FindsSmallFacesAndTheSampleScenesFace) {
-    LiveFaceTracker tracker(CIDetectorFaceLandmarksModelPath());
+    LiveFaceTracker tracker(CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Picture);
     // The astronaut's face in a 720p frame is about a tenth of the frame's height.
     const LumaImage astronaut = lumaOf(kptest::dataPath("astronaut.png"));
     const auto small = tracker.track(placed(astronaut, 1280, 720, 700, 200));
@@ -189,10 +189,24 @@ TEST(LiveFaceTracker, FindsSmallFacesAndTheSampleScenesFace) {
     EXPECT_LT(small[0].bounds.size.height, 0.11 * 720);
     tracker.reset();
     EXPECT_EQ(tracker.track(sampleSceneAt(0.0, 1280, 720)).size(), 1u);
+
+    // In video the small face is found within one round of the tiles, then tracked in every frame.
+    LiveFaceTracker video(CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Video);
+    const LumaImage frame = placed(astronaut, 1280, 720, 700, 200);
+    std::vector<TrackedFace> seen;
+    for (int frames = 0; frames < 12 && seen.empty(); ++frames) {
+        seen = video.track(frame);
+    }
+    ASSERT_EQ(seen.size(), 1u);
+    for (int i = 0; i < 3; ++i) {
+        const auto again = video.track(frame);
+        ASSERT_EQ(again.size(), 1u);
+        EXPECT_EQ(again[0].faceID, seen[0].faceID);
+    }
 }
 
 TEST(LiveFaceTracker, FindsNoFaceInFaceFreePictures) {
-    LiveFaceTracker tracker(CIDetectorFaceLandmarksModelPath());
+    LiveFaceTracker tracker(CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Picture);
     // Drawn: discs and rings (round like heads), stripes, a code and noise.
     LumaImage drawn;
     drawn.resize(1280, 720);

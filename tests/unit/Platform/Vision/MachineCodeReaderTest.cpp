@@ -111,6 +111,9 @@ TEST(MachineCodeReader, ReportsOnlyEnabledTypesUnderThePlatformNames) {
         {CodeKind::Aztec, "AZTEC 42", AVMetadataObjectTypeAztecCode, "AZTEC 42", 6},
         {CodeKind::Code128, "KP-0042", AVMetadataObjectTypeCode128Code, "KP-0042"},
         {CodeKind::EAN13, "4006381333931", AVMetadataObjectTypeEAN13Code, "4006381333931"},
+        // An ID card's separators are control characters; the content is text all the same.
+        {CodeKind::PDF417, "@\n\x1e\rANSI 636000090002DL", AVMetadataObjectTypePDF417Code,
+         "@\n\x1e\rANSI 636000090002DL", 3},
     };
     const MachineCodeReader all(MachineCodeReader::supportedTypes());
     for (const Case& c : cases) {
