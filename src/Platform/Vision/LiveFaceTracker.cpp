@@ -25,10 +25,10 @@ constexpr double kMaxDetectionScale = 1.25;
 // Tracked faces are looked for at a scale that makes them about this many pixels wide.
 constexpr double kTrackedFaceSize = 160.0;
 // In video, the whole frame is searched at the fine scale divided by this (for large faces) every frame...
-constexpr double kCoarseFactor = 2.5;
+constexpr double kCoarseFactor = 3.5;
 // ...and one tile at the fine scale per frame; tiles are about this many frame pixels wide and high.
-constexpr int kTileColumnsDivisor = 440;
-constexpr int kTileRowsDivisor = 380;
+constexpr int kTileColumnsDivisor = 330;
+constexpr int kTileRowsDivisor = 250;
 // A lost track is looked for again in a square this many times its box, turned by these roll steps.
 constexpr double kSearchAreaFactor = 2.0;
 constexpr double kRecoveryRolls[] = {15.0, -15.0, 30.0, -30.0};

@@ -56,13 +56,16 @@ constexpr double kCellCoherence = 0.35;
 // Regions smaller than this many cells are not codes the second look could read.
 constexpr size_t kMinCandidateCells = 6;
 constexpr size_t kMaxCandidates = 4;
-// The second look enlarges small crops so that fine modules get about three pixels each.
-constexpr double kCropEnlargement = 2.0;
+// The second look enlarges its crops: fine modules survive the turn better, and the library reads them faster.
+constexpr double kCropEnlargement = 1.5;
 constexpr int kMaxCropSide = 2400;
 // A skew this small does not need a second look unless the crop is enlarged.
 constexpr double kSkewWorthRetry = 0.5;
 // Angles tried around the measured skew, in this order, until one reads.
-constexpr double kSkewRetryOffsets[] = {0.0, 5.0, -5.0};
+constexpr double kSkewRetryOffsets[] = {0.0, 3.0, -3.0};
+// The skew is sharpened within this many degrees of the edge-direction estimate, in these steps.
+constexpr double kSkewSearchDegrees = 7.0;
+constexpr double kSkewSearchStep = 1.0;
 // A code read at an angle this far (degrees) from its own is read again at its own.
 constexpr double kSkewRefineThreshold = 1.0;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
@@ -82,6 +85,63 @@ CGRect boundsOf(const std::array<CGPoint, 4>& pts) {
 bool rectsOverlap(CGRect a, CGRect b) {
     return a.origin.x < b.origin.x + b.size.width && b.origin.x < a.origin.x + a.size.width &&
            a.origin.y < b.origin.y + b.size.height && b.origin.y < a.origin.y + a.size.height;
+}
+
+// The skew at which the region's rows of modules line up best: the brightness projected across the code (summed
+// along its bars) varies most when the projection runs exactly along the bars. Searched around the edge-direction
+// estimate, which fine modules bias by a few degrees.
+double sharpestSkew(const LumaImage& image, CGPoint centre, double w, double h, double estimate) {
+    double best = estimate;
+    double bestScore = -1;
+    const int bins = static_cast<int>(std::hypot(w, h)) + 4;
+    std::vector<double> sum(static_cast<size_t>(bins));
+    std::vector<int> count(static_cast<size_t>(bins));
+    const int x0 = std::max(0, static_cast<int>(centre.x - std::max(w, h) / 2));
+    const int x1 = std::min(image.width, static_cast<int>(centre.x + std::max(w, h) / 2));
+    const int y0 = std::max(0, static_cast<int>(centre.y - std::max(w, h) / 2));
+    const int y1 = std::min(image.height, static_cast<int>(centre.y + std::max(w, h) / 2));
+    for (double d = -kSkewSearchDegrees; d <= kSkewSearchDegrees; d += kSkewSearchStep) {
+        const double a = (estimate + d) * std::numbers::pi / 180.0;
+        const double ca = std::cos(a);
+        const double sa = std::sin(a);
+        std::fill(sum.begin(), sum.end(), 0.0);
+        std::fill(count.begin(), count.end(), 0);
+        for (int y = y0; y < y1; y += 2) {
+            const uint8_t* row = image.row(y);
+            for (int x = x0; x < x1; x += 2) {
+                const double dx = x - centre.x;
+                const double dy = y - centre.y;
+                const double u = dx * ca + dy * sa;
+                const double v = -dx * sa + dy * ca;
+                if (std::abs(u) > w / 2 || std::abs(v) > h / 2) {
+                    continue;
+                }
+                const auto bin = static_cast<size_t>(u + bins / 2.0);
+                sum[bin] += row[x];
+                ++count[bin];
+            }
+        }
+        double mean = 0;
+        double squares = 0;
+        int used = 0;
+        for (size_t b = 0; b < sum.size(); ++b) {
+            if (count[b] > 0) {
+                const double m = sum[b] / count[b];
+                mean += m;
+                squares += m * m;
+                ++used;
+            }
+        }
+        if (used > 1) {
+            mean /= used;
+            const double score = squares / used - mean * mean;
+            if (score > bestScore) {
+                bestScore = score;
+                best = estimate + d;
+            }
+        }
+    }
+    return best;
 }
 
 } // namespace
@@ -231,6 +291,7 @@ std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(cons
         int x0, y0, x1, y1;
         size_t count = 0;
         double c4 = 0, s4 = 0;
+        int id = 0;
     };
     std::vector<Region> regions;
     std::vector<int> stack;
@@ -242,6 +303,7 @@ std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(cons
             }
             Region reg{cx, cy, cx, cy};
             const int id = static_cast<int>(regions.size());
+            reg.id = id;
             label[i] = id;
             stack.assign(1, static_cast<int>(i));
             while (!stack.empty()) {
@@ -282,6 +344,31 @@ std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(cons
         Candidate c;
         c.box = CGRectMake(r.x0 * kCell, r.y0 * kCell, (r.x1 - r.x0 + 1) * kCell, (r.y1 - r.y0 + 1) * kCell);
         c.skewDegrees = 0.25 * std::atan2(r.s4, r.c4) * 180.0 / std::numbers::pi;
+        // The region's extent along its own axes: an upright crop of that needs no empty corners.
+        const double a = c.skewDegrees * std::numbers::pi / 180.0;
+        const double ca = std::cos(a);
+        const double sa = std::sin(a);
+        double u0 = 1e18, u1 = -1e18, v0 = 1e18, v1 = -1e18;
+        for (int cy = r.y0; cy <= r.y1; ++cy) {
+            for (int cx = r.x0; cx <= r.x1; ++cx) {
+                if (label[static_cast<size_t>(cy) * static_cast<size_t>(cols) + static_cast<size_t>(cx)] != r.id) {
+                    continue;
+                }
+                const double px = (cx + 0.5) * kCell;
+                const double py = (cy + 0.5) * kCell;
+                const double u = px * ca + py * sa;
+                const double v = -px * sa + py * ca;
+                u0 = std::min(u0, u);
+                u1 = std::max(u1, u);
+                v0 = std::min(v0, v);
+                v1 = std::max(v1, v);
+            }
+        }
+        const double uc = (u0 + u1) / 2;
+        const double vc = (v0 + v1) / 2;
+        c.centre = {uc * ca - vc * sa, uc * sa + vc * ca};
+        c.uprightWidth = u1 - u0 + kCell;
+        c.uprightHeight = v1 - v0 + kCell;
         out.push_back(c);
     }
     return out;
@@ -289,12 +376,13 @@ std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(cons
 
 bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w,
                                      double h, uint32_t formats, std::vector<MachineCode>& codes) const {
-    const double a = skewDegrees * std::numbers::pi / 180.0;
-    const double uprightW = w * std::abs(std::cos(a)) + h * std::abs(std::sin(a));
-    const double uprightH = w * std::abs(std::sin(a)) + h * std::abs(std::cos(a));
+    // w x h is the region's upright extent at its measured skew; a slightly different angle needs a little more.
+    const double d = (skewDegrees - cand.skewDegrees) * std::numbers::pi / 180.0;
+    const double uprightW = w * std::abs(std::cos(d)) + h * std::abs(std::sin(d));
+    const double uprightH = w * std::abs(std::sin(d)) + h * std::abs(std::cos(d));
     RotatedCrop crop;
-    crop.centre = {cand.box.origin.x + cand.box.size.width / 2, cand.box.origin.y + cand.box.size.height / 2};
-    crop.angle = a;
+    crop.centre = cand.centre;
+    crop.angle = skewDegrees * std::numbers::pi / 180.0;
     crop.scale = std::min(kCropEnlargement, kMaxCropSide / std::max(uprightW, uprightH));
     if (std::abs(skewDegrees) < kSkewWorthRetry && crop.scale <= 1.0) {
         return false;
@@ -322,6 +410,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
         codes = readWithLibrary(image, _formats & ~pdf417, (_formats & bits(BarcodeFormat::LinearCodes)) != 0);
         const uint32_t secondLook = _formats & kSecondLookFormats;
         int readsLeft = kMaxSecondLookReads;
+        std::vector<Hint> hints;
         if (secondLook != 0) {
             // Codes the first look read need no second one.
             std::vector<CGRect> known;
@@ -329,15 +418,27 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 known.push_back(boundsOf(c.corners));
             }
             for (const Candidate& cand : findCandidates(image, kMaxCandidates, known)) {
-                const double margin = 0.1 * std::max(cand.box.size.width, cand.box.size.height) + kCell;
-                const double w = cand.box.size.width + 2 * margin;
-                const double h = cand.box.size.height + 2 * margin;
-                // Fine modules bias the skew measure by a few degrees; neighbouring angles are tried next.
+                const double margin = 0.1 * std::max(cand.uprightWidth, cand.uprightHeight) + kCell;
+                const double w = cand.uprightWidth + 2 * margin;
+                const double h = cand.uprightHeight + 2 * margin;
+                // Fine modules bias the skew measure by a few degrees; neighbouring angles are tried next. A code
+                // read here in the previous frame is tried first at the angle it had then.
+                std::vector<double> angles;
+                for (const Hint& hint : _hints) {
+                    if (rectsOverlap(hint.box, cand.box) &&
+                        std::abs(hint.skewDegrees - cand.skewDegrees) <= kSkewSearchDegrees) {
+                        angles.push_back(hint.skewDegrees);
+                    }
+                }
+                const double skew =
+                    sharpestSkew(image, cand.centre, cand.uprightWidth, cand.uprightHeight, cand.skewDegrees);
                 for (double offset : kSkewRetryOffsets) {
+                    angles.push_back(skew + offset);
+                }
+                for (double tried : angles) {
                     if (readsLeft-- <= 0) {
                         break;
                     }
-                    const double tried = cand.skewDegrees + offset;
                     std::vector<MachineCode> found;
                     if (!secondLookAt(image, cand, tried, w, h, secondLook, found)) {
                         continue;
@@ -354,6 +455,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                             found = std::move(refined);
                         }
                     }
+                    hints.push_back({cand.box, std::abs(measured - tried) > kSkewRefineThreshold ? measured : tried});
                     for (MachineCode& c : found) {
                         const CGRect b = boundsOf(c.corners);
                         const bool duplicate = std::any_of(codes.begin(), codes.end(), [&](const MachineCode& k) {
@@ -367,9 +469,11 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 }
             }
         }
+        _hints = std::move(hints);
     } catch (...) {
         // The library reports allocation failures by exception; the frame then yields no codes.
         codes.clear();
+        _hints.clear();
     }
     std::sort(codes.begin(), codes.end(), [](const MachineCode& a, const MachineCode& b) {
         const CGRect ra = boundsOf(a.corners);

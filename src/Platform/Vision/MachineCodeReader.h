@@ -28,7 +28,7 @@ struct MachineCode {
 /// frame, are read from code-like regions: textured regions with aligned edges are located, their skew is measured,
 /// and an upright, enlarged crop of each is read (the library loses PDF417 codes tilted by more than a few degrees
 /// or printed with fewer than three pixels per module); the corners are mapped back to the frame.
-/// An instance is used by one thread at a time.
+/// An instance is used by one thread at a time (it remembers where the previous picture's codes were).
 class MachineCodeReader {
 public:
     /// The code types the reader can find, in the order the metadata output offers them.
@@ -42,11 +42,15 @@ public:
     /// The codes in the picture, ordered by the top, then the left edge of their boxes; none on any failure.
     std::vector<MachineCode> read(const LumaImage& image) const;
 
-    /// Where a region looks like a printed code (dense, aligned edges): pixel box and skew in degrees
-    /// (-45, 45], the angle of the region's dominant edge direction, clockwise as seen.
+    /// Where a region looks like a printed code (dense, aligned edges): pixel box, skew in degrees (-45, 45] (the
+    /// angle of the region's dominant edge direction, clockwise as seen) and its extent along its own axes.
     struct Candidate {
         CGRect box;
         double skewDegrees = 0;
+        /// The region's centre and its extent along its own (skewed) axes, pixels.
+        CGPoint centre{};
+        double uprightWidth = 0;
+        double uprightHeight = 0;
     };
     /// The code-like regions of a picture outside the excluded boxes, largest first (at most maxCount).
     static std::vector<Candidate> findCandidates(const LumaImage& image, size_t maxCount,
@@ -60,6 +64,12 @@ private:
                       uint32_t formats, std::vector<MachineCode>& codes) const;
     bool accept(uint32_t format, const std::string& text, AVMetadataObjectType& type) const;
 
+    // Where the previous picture's second look read a code, and at which skew: the next picture tries that first.
+    struct Hint {
+        CGRect box;
+        double skewDegrees;
+    };
+    mutable std::vector<Hint> _hints;
     uint32_t _formats = 0; // ZXing::BarcodeFormat bits
     std::vector<AVMetadataObjectType> _types;
 };
