@@ -23,14 +23,16 @@ constexpr double kDetectionMargin = 0.5;
 // Small frames are enlarged at most this much for detection.
 constexpr double kMaxDetectionScale = 1.25;
 // Tracked faces are looked for at a scale that makes them about this many pixels wide.
-constexpr double kTrackedFaceSize = 160.0;
+constexpr double kTrackedFaceSize = 130.0;
 // In video, the whole frame is searched at the fine scale divided by this (for large faces) every frame...
-constexpr double kCoarseFactor = 3.5;
+constexpr double kCoarseFactor = 2.2;
 // ...and one tile at the fine scale per frame; tiles are about this many frame pixels wide and high.
 constexpr int kTileColumnsDivisor = 330;
 constexpr int kTileRowsDivisor = 250;
+// While faces are tracked, the search for new ones runs in one frame of this many.
+constexpr uint64_t kSearchEveryWhileTracking = 4;
 // A lost track is looked for again in a square this many times its box, turned by these roll steps.
-constexpr double kSearchAreaFactor = 2.0;
+constexpr double kSearchAreaFactor = 2.5;
 constexpr double kRecoveryRolls[] = {15.0, -15.0, 30.0, -30.0};
 // Landmarks of a head tilted by more than this (degrees) are fitted again on a crop turned upright.
 constexpr double kRefineRollDegrees = 5.0;
@@ -89,6 +91,7 @@ struct Found {
 struct LiveFaceTracker::Impl {
     Mode mode = Mode::Video;
     uint64_t frameIndex = 0;
+    uint64_t tileIndex = 0;
     dlib::frontal_face_detector detector = dlib::get_frontal_face_detector();
     std::shared_ptr<const dlib::shape_predictor> model;
     std::vector<Track> tracks;
@@ -263,17 +266,19 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             addNew(_impl->detect(crop.sample(frame), crop.scale, &crop));
         }
         const double fine = detectionScale(frame.height);
+        ++_impl->frameIndex;
         if (_impl->mode == Mode::Picture) {
             addNew(_impl->detect(LumaImageScaled(frame, fine), fine, nullptr));
-        } else {
-            // New faces: large ones over the whole frame at a coarse scale every frame, small ones at the fine
-            // scale in one tile per frame, the tiles taking turns (they overlap by more than a small face).
+        } else if (_impl->tracks.empty() || _impl->frameIndex % kSearchEveryWhileTracking == 0) {
+            // New faces: large ones over the whole frame at a coarse scale, small ones at the fine scale in one
+            // tile, the tiles taking turns (they overlap by more than a small face). While faces are tracked, new
+            // ones are looked for in every few frames only.
             const double coarse = fine / kCoarseFactor;
             addNew(_impl->detect(LumaImageScaled(frame, coarse), coarse, nullptr));
             const int overlap = static_cast<int>(std::ceil(kCoarseFactor * kSmallestDetectableFace / fine));
             const int cols = std::max(1, (frame.width + kTileColumnsDivisor - 1) / kTileColumnsDivisor);
             const int rows = std::max(1, (frame.height + kTileRowsDivisor - 1) / kTileRowsDivisor);
-            const int tile = static_cast<int>(_impl->frameIndex++ % static_cast<uint64_t>(cols * rows));
+            const int tile = static_cast<int>(_impl->tileIndex++ % static_cast<uint64_t>(cols * rows));
             const int tw = (frame.width + cols - 1) / cols;
             const int th = (frame.height + rows - 1) / rows;
             const int x0 = std::max(0, (tile % cols) * tw - overlap / 2);
