@@ -8,7 +8,6 @@
 
 #include "KPImage/Platform/CIDetector.h"
 
-#define ZX_USE_UTF8 1
 #include <ZXing/ReadBarcode.h>
 #include <benchmark/benchmark.h>
 #include <dlib/image_processing/frontal_face_detector.h>

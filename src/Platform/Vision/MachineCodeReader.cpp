@@ -2,10 +2,12 @@
 // The code reader of the metadata output, on ZXing-cpp, with a skew-correcting second look for PDF417 and QR.
 #include "Platform/Vision/MachineCodeReader.h"
 
-#define ZX_USE_UTF8 1
+// The library's inline text() returns a wide string unless ZX_USE_UTF8 is defined; every user in one program must
+// see the same definition, so the wide form is used everywhere and converted here.
 #include <ZXing/BarcodeFormat.h>
 #include <ZXing/DecodeHints.h>
 #include <ZXing/ReadBarcode.h>
+#include <ZXing/TextUtfEncoding.h>
 
 #include <algorithm>
 #include <cmath>
@@ -206,7 +208,7 @@ std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& ima
             continue;
         }
         MachineCode code;
-        std::string text = r.text();
+        std::string text = ZXing::TextUtfEncoding::ToUtf8(r.text());
         const uint32_t format = bits(r.format());
         if (format == bits(BarcodeFormat::UPCA)) {
             text = "0" + text;
