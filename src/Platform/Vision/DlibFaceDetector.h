@@ -44,6 +44,8 @@ public:
     /// bottom-left space of an image imageHeight pixels high.
     static CIFaceFeature featureFromLandmarks(CGRect topLeftBox, const Landmarks* landmarks, size_t imageHeight,
                                               const CIDetectorFeatureOptions& options);
+    /// The mean of landmarks from..to (inclusive), e.g. 36..41 for the centre of the eye on the image's left.
+    static CGPoint landmarkMean(const Landmarks& pts, size_t from, size_t to);
     /// Lid opening over eye width of the six points of one eye (0 for a degenerate eye).
     static double eyeAspectRatio(const CGPoint* sixPoints);
 

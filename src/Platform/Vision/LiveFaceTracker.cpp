@@ -57,16 +57,6 @@ double quantize(double degrees, double step) {
     return q;
 }
 
-CGPoint meanOf(const DlibFaceDetector::Landmarks& pts, size_t from, size_t to) {
-    CGPoint sum{0, 0};
-    for (size_t i = from; i <= to; ++i) {
-        sum.x += pts[i].x;
-        sum.y += pts[i].y;
-    }
-    const double n = static_cast<double>(to - from + 1);
-    return {sum.x / n, sum.y / n};
-}
-
 void toDlib(const LumaImage& img, dlib::array2d<unsigned char>& out) {
     out.set_size(img.height, img.width);
     for (int y = 0; y < img.height; ++y) {
@@ -185,15 +175,15 @@ double LiveFaceTracker::quantizedRoll(double degrees) { return quantize(degrees,
 double LiveFaceTracker::quantizedYaw(double degrees) { return quantize(degrees, 45.0); }
 
 double LiveFaceTracker::rollFromLandmarks(const DlibFaceDetector::Landmarks& pts) {
-    const CGPoint left = meanOf(pts, 36, 41);
-    const CGPoint right = meanOf(pts, 42, 47);
+    const CGPoint left = DlibFaceDetector::landmarkMean(pts, 36, 41);
+    const CGPoint right = DlibFaceDetector::landmarkMean(pts, 42, 47);
     // y grows downwards, so a positive angle turns the eye line clockwise as seen.
     return toDegrees(std::atan2(right.y - left.y, right.x - left.x));
 }
 
 double LiveFaceTracker::yawFromLandmarks(const DlibFaceDetector::Landmarks& pts) {
-    const CGPoint left = meanOf(pts, 36, 41);
-    const CGPoint right = meanOf(pts, 42, 47);
+    const CGPoint left = DlibFaceDetector::landmarkMean(pts, 36, 41);
+    const CGPoint right = DlibFaceDetector::landmarkMean(pts, 42, 47);
     const double ex = right.x - left.x;
     const double ey = right.y - left.y;
     const double len = std::hypot(ex, ey);
