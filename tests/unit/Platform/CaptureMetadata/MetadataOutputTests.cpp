@@ -229,6 +229,10 @@ TEST(CaptureMetadataOutput, OutputReleasedWhileBatchesAreInFlight) {
 }
 
 TEST(CaptureMetadataOutput, SampleCameraTimelineReportsTheScriptedEvents) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    // The script runs in real time: instrumented, the detectors see too few frames of each scripted moment.
+    GTEST_SKIP() << "the sample camera's timeline needs detectors at full speed";
+#endif
     kptest::ManualMainQueue main;
     AVCaptureDevice::setDiscovery({false, "/dev", true});
     AVCaptureDevice::Ref camera;
