@@ -90,8 +90,8 @@ BENCHMARK(BM_CodesOurReader)->Unit(benchmark::kMillisecond);
 size_t plainRead(const LumaImage& image) {
     ZXing::DecodeHints hints;
     hints.setFormats(ZXing::BarcodeFormat::PDF417 | ZXing::BarcodeFormat::QRCode);
-    return ZXing::ReadBarcodes(ZXing::ImageView(image.pixels.data(), image.width, image.height, ZXing::ImageFormat::Lum),
-                               hints)
+    return ZXing::ReadBarcodes(
+               ZXing::ImageView(image.pixels.data(), image.width, image.height, ZXing::ImageFormat::Lum), hints)
         .size();
 }
 
@@ -115,16 +115,16 @@ void BM_TiltSetReadRate(benchmark::State& state) {
     for (double tilt = -25; tilt <= 25; tilt += 5) {
         for (double module : {1.5, 2.0, 3.0}) {
             ++index;
-            set.push_back(kptest::renderCode(kptest::CodeKind::PDF417, kptest::licenceText(), 1280, 720,
-                                             {640, 360, tilt, module, (index % 3) * 0.3, (index % 2) * 4.0,
-                                              static_cast<uint32_t>(index)}));
+            set.push_back(kptest::renderCode(
+                kptest::CodeKind::PDF417, kptest::licenceText(), 1280, 720,
+                {640, 360, tilt, module, (index % 3) * 0.3, (index % 2) * 4.0, static_cast<uint32_t>(index)}));
             texts.push_back(kptest::licenceText());
         }
         for (double module : {3.0, 5.0}) {
             ++index;
-            set.push_back(kptest::renderCode(kptest::CodeKind::QR, "KPIMAGE TILT SET", 1280, 720,
-                                             {600, 380, tilt, module, (index % 3) * 0.3, (index % 2) * 4.0,
-                                              static_cast<uint32_t>(index)}));
+            set.push_back(kptest::renderCode(
+                kptest::CodeKind::QR, "KPIMAGE TILT SET", 1280, 720,
+                {600, 380, tilt, module, (index % 3) * 0.3, (index % 2) * 4.0, static_cast<uint32_t>(index)}));
             texts.push_back("KPIMAGE TILT SET");
         }
     }

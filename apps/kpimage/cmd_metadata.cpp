@@ -91,7 +91,8 @@ int metadata(const std::vector<std::string>& args) {
     }
     mean = sorted.empty() ? 0.0 : mean / static_cast<double>(sorted.size());
     const double p95 =
-        sorted.empty() ? 0.0 : sorted[std::min(sorted.size() - 1, static_cast<size_t>(std::ceil(0.95 * sorted.size())) - 1)];
+        sorted.empty() ? 0.0
+                       : sorted[std::min(sorted.size() - 1, static_cast<size_t>(std::ceil(0.95 * sorted.size())) - 1)];
     const auto counts = output->detectionCounts();
     std::cout << JsonObject()
                      .add("summary", true)

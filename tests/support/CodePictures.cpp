@@ -17,12 +17,18 @@ namespace {
 
 ZXing::BarcodeFormat formatOf(CodeKind kind) {
     switch (kind) {
-    case CodeKind::PDF417: return ZXing::BarcodeFormat::PDF417;
-    case CodeKind::QR: return ZXing::BarcodeFormat::QRCode;
-    case CodeKind::DataMatrix: return ZXing::BarcodeFormat::DataMatrix;
-    case CodeKind::Aztec: return ZXing::BarcodeFormat::Aztec;
-    case CodeKind::Code128: return ZXing::BarcodeFormat::Code128;
-    case CodeKind::EAN13: return ZXing::BarcodeFormat::EAN13;
+    case CodeKind::PDF417:
+        return ZXing::BarcodeFormat::PDF417;
+    case CodeKind::QR:
+        return ZXing::BarcodeFormat::QRCode;
+    case CodeKind::DataMatrix:
+        return ZXing::BarcodeFormat::DataMatrix;
+    case CodeKind::Aztec:
+        return ZXing::BarcodeFormat::Aztec;
+    case CodeKind::Code128:
+        return ZXing::BarcodeFormat::Code128;
+    case CodeKind::EAN13:
+        return ZXing::BarcodeFormat::EAN13;
     }
     return ZXing::BarcodeFormat::QRCode;
 }
@@ -40,9 +46,7 @@ void blur(kp::LumaImage& img, double sigma) {
             const int lines = dir == 0 ? img.height : img.width;
             line.resize(static_cast<size_t>(n));
             for (int l = 0; l < lines; ++l) {
-                const auto at = [&](int i) -> uint8_t& {
-                    return dir == 0 ? img.row(l)[i] : img.row(i)[l];
-                };
+                const auto at = [&](int i) -> uint8_t& { return dir == 0 ? img.row(l)[i] : img.row(i)[l]; };
                 for (int i = 0; i < n; ++i) {
                     line[static_cast<size_t>(i)] = at(i);
                 }

@@ -12,7 +12,7 @@ namespace kptest {
 
 /// Where and how a code is printed into a picture.
 struct CodePlacement {
-    double centreX = 0;      ///< pixels
+    double centreX = 0; ///< pixels
     double centreY = 0;
     double angleDegrees = 0; ///< the code turned clockwise as seen
     double moduleSize = 3;   ///< pixels per module (PDF417 rows are three modules high)

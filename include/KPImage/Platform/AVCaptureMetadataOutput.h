@@ -36,8 +36,8 @@ public:
 
     /// The objects the output would report for one picture with the given types (a fresh face tracker: new IDs);
     /// none for an image the detectors cannot read. Runs on the calling thread.
-    static std::vector<std::shared_ptr<AVMetadataObject>> metadataObjectsInImage(
-        const CGImage& image, const std::vector<AVMetadataObjectType>& types);
+    static std::vector<std::shared_ptr<AVMetadataObject>>
+    metadataObjectsInImage(const CGImage& image, const std::vector<AVMetadataObjectType>& types);
 
     /// Frames the worker has analysed and batches it has handed to the delegate queue since creation.
     struct DetectionCounts {

@@ -150,8 +150,8 @@ AVCaptureMetadataOutput::~AVCaptureMetadataOutput() {
     _worker.reset();
 }
 
-std::vector<std::shared_ptr<AVMetadataObject>> AVCaptureMetadataOutput::metadataObjectsInImage(
-    const CGImage& image, const std::vector<AVMetadataObjectType>& types) {
+std::vector<std::shared_ptr<AVMetadataObject>>
+AVCaptureMetadataOutput::metadataObjectsInImage(const CGImage& image, const std::vector<AVMetadataObjectType>& types) {
     LumaImage picture;
     if (!LumaImageFromCGImage(image, picture)) {
         return {};
@@ -180,7 +180,9 @@ void AVCaptureMetadataOutput::sessionDidCaptureFrame(const CMSampleBufferRef& fr
     _worker->offer(frame);
 }
 
-void AVCaptureMetadataOutput::sessionDidStopStreaming(const NSErrorRef& /*error*/) { _worker->streamStopped(); }
+void AVCaptureMetadataOutput::sessionDidStopStreaming(const NSErrorRef& /*error*/) {
+    _worker->streamStopped();
+}
 
 std::vector<AVMetadataObjectType> AVCaptureMetadataOutput::availableMetadataObjectTypes() const {
     auto owner = session();
@@ -213,8 +215,8 @@ void AVCaptureMetadataOutput::setMetadataObjectTypes(const std::vector<AVMetadat
     _types = std::move(kept);
 }
 
-void AVCaptureMetadataOutput::setMetadataObjectsDelegate(
-    std::weak_ptr<AVCaptureMetadataOutputObjectsDelegate> delegate, dispatch_queue_t queue) {
+void AVCaptureMetadataOutput::setMetadataObjectsDelegate(std::weak_ptr<AVCaptureMetadataOutputObjectsDelegate> delegate,
+                                                         dispatch_queue_t queue) {
     std::lock_guard lock(_typesMutex);
     _delegate = std::move(delegate);
     _queue = std::move(queue);

@@ -40,7 +40,9 @@ constexpr double kRefineRollDegrees = 5.0;
 // IDs are never reused within the process, whichever tracker hands them out.
 std::atomic<NSInteger> gNextFaceID{1};
 
-double toDegrees(double radians) { return radians * 180.0 / std::numbers::pi; }
+double toDegrees(double radians) {
+    return radians * 180.0 / std::numbers::pi;
+}
 
 // q = round(degrees / step) * step, halves away from zero, as a value in [0, 360) without negative zero.
 double quantize(double degrees, double step) {
@@ -111,8 +113,8 @@ struct LiveFaceTracker::Impl {
                 return crop != nullptr ? crop->toSource(p) : CGPointMake(p.x / scale, p.y / scale);
             };
             if (crop == nullptr) {
-                f.box = CGRectMake(corners[0].x / scale, corners[0].y / scale,
-                                   (corners[2].x - corners[0].x) / scale, (corners[2].y - corners[0].y) / scale);
+                f.box = CGRectMake(corners[0].x / scale, corners[0].y / scale, (corners[2].x - corners[0].x) / scale,
+                                   (corners[2].y - corners[0].y) / scale);
             } else {
                 // A turned face keeps its size; its box is centred where the turned box's centre falls.
                 const CGPoint c = map({(corners[0].x + corners[2].x) / 2, (corners[0].y + corners[2].y) / 2});
@@ -161,7 +163,9 @@ LiveFaceTracker::LiveFaceTracker(const std::string& modelPath, Mode mode) : _imp
 
 LiveFaceTracker::~LiveFaceTracker() = default;
 
-void LiveFaceTracker::reset() { _impl->tracks.clear(); }
+void LiveFaceTracker::reset() {
+    _impl->tracks.clear();
+}
 
 double LiveFaceTracker::detectionScale(int height) {
     if (height <= 0) {
@@ -170,9 +174,13 @@ double LiveFaceTracker::detectionScale(int height) {
     return std::min(kMaxDetectionScale, kSmallestDetectableFace / (kMinimumFaceFraction * height));
 }
 
-double LiveFaceTracker::quantizedRoll(double degrees) { return quantize(degrees, 30.0); }
+double LiveFaceTracker::quantizedRoll(double degrees) {
+    return quantize(degrees, 30.0);
+}
 
-double LiveFaceTracker::quantizedYaw(double degrees) { return quantize(degrees, 45.0); }
+double LiveFaceTracker::quantizedYaw(double degrees) {
+    return quantize(degrees, 45.0);
+}
 
 double LiveFaceTracker::rollFromLandmarks(const DlibFaceDetector::Landmarks& pts) {
     const CGPoint left = DlibFaceDetector::landmarkMean(pts, 36, 41);

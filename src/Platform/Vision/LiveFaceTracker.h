@@ -16,12 +16,12 @@ namespace kp {
 
 /// One face in one frame.
 struct TrackedFace {
-    CGRect bounds{};        ///< pixels of the frame, top-left origin
-    NSInteger faceID = 0;   ///< kept while the face is tracked; new faces get new, never reused IDs
+    CGRect bounds{};      ///< pixels of the frame, top-left origin
+    NSInteger faceID = 0; ///< kept while the face is tracked; new faces get new, never reused IDs
     bool hasRollAngle = false;
-    double rollAngle = 0;   ///< degrees in steps of 30 in [0, 360): the head tilted clockwise as seen is 30
+    double rollAngle = 0; ///< degrees in steps of 30 in [0, 360): the head tilted clockwise as seen is 30
     bool hasYawAngle = false;
-    double yawAngle = 0;    ///< degrees in steps of 45 in [0, 360): the face turned towards the frame's right is 45
+    double yawAngle = 0; ///< degrees in steps of 45 in [0, 360): the face turned towards the frame's right is 45
 };
 
 /// Finds frontal faces with dlib's HOG detector, measures them with the shared 68-point landmark model and follows

@@ -38,8 +38,8 @@ bool CGImageComponentOffsets(const CGImage& image, size_t& r, size_t& g, size_t&
         return false;
     }
     const CGBitmapInfo alpha = image.bitmapInfo() & kCGBitmapAlphaInfoMask;
-    const bool alphaFirst = alpha == kCGImageAlphaPremultipliedFirst || alpha == kCGImageAlphaFirst ||
-                            alpha == kCGImageAlphaNoneSkipFirst;
+    const bool alphaFirst =
+        alpha == kCGImageAlphaPremultipliedFirst || alpha == kCGImageAlphaFirst || alpha == kCGImageAlphaNoneSkipFirst;
     size_t first = alphaFirst ? 1 : 0;
     size_t order[3] = {first, first + (colours == 3 ? 1 : 0), first + (colours == 3 ? 2 : 0)};
     // A little-endian word stores its components in reverse.
@@ -98,10 +98,11 @@ bool LumaImageFromPixelBuffer(const CVPixelBufferRef& buffer, LumaImage& out) {
     bool ok = false;
     const bool planar = format == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
     const auto* base = static_cast<const uint8_t*>(planar ? CVPixelBufferGetBaseAddressOfPlane(buffer, 0)
-                                                         : CVPixelBufferGetBaseAddress(buffer));
+                                                          : CVPixelBufferGetBaseAddress(buffer));
     const size_t width = planar ? CVPixelBufferGetWidthOfPlane(buffer, 0) : CVPixelBufferGetWidth(buffer);
     const size_t height = planar ? CVPixelBufferGetHeightOfPlane(buffer, 0) : CVPixelBufferGetHeight(buffer);
-    const size_t rowBytes = planar ? CVPixelBufferGetBytesPerRowOfPlane(buffer, 0) : CVPixelBufferGetBytesPerRow(buffer);
+    const size_t rowBytes =
+        planar ? CVPixelBufferGetBytesPerRowOfPlane(buffer, 0) : CVPixelBufferGetBytesPerRow(buffer);
     const size_t bytesPerPixel = planar ? 1 : 4;
     if (base != nullptr && width > 0 && height > 0 && rowBytes >= width * bytesPerPixel &&
         out.resize(static_cast<int>(std::min<size_t>(width, kCVPixelBufferMaxDimension + 1)),

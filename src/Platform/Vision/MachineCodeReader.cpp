@@ -25,7 +25,9 @@ struct TypeFormat {
     uint32_t formats;
 };
 
-uint32_t bits(BarcodeFormat f) { return static_cast<uint32_t>(f); }
+uint32_t bits(BarcodeFormat f) {
+    return static_cast<uint32_t>(f);
+}
 
 const std::vector<TypeFormat>& typeFormats() {
     // UPC-A is a subset of EAN-13 and is reported as an EAN-13 code, as the platform does.
@@ -46,8 +48,8 @@ const std::vector<TypeFormat>& typeFormats() {
     return table;
 }
 
-constexpr uint32_t kSecondLookFormats = static_cast<uint32_t>(BarcodeFormat::PDF417) |
-                                        static_cast<uint32_t>(BarcodeFormat::QRCode);
+constexpr uint32_t kSecondLookFormats =
+    static_cast<uint32_t>(BarcodeFormat::PDF417) | static_cast<uint32_t>(BarcodeFormat::QRCode);
 // Edges weaker than this (sum of absolute central differences) are not counted.
 constexpr int kEdgeThreshold = 48;
 // Square cells of the candidate search, in pixels, and the share of sampled points that must be edges.
@@ -236,7 +238,7 @@ std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& ima
 }
 
 std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(const LumaImage& image, size_t maxCount,
-                                                                          const std::vector<CGRect>& excluded) {
+                                                                            const std::vector<CGRect>& excluded) {
     std::vector<Candidate> out;
     if (image.width < 3 * kCell || image.height < 3 * kCell) {
         return out;
@@ -448,8 +450,9 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                     // The library's corners drift when the crop is still a little skewed; a crop turned by the
                     // code's own measured angle gives exact ones.
                     const MachineCode& first = found.front();
-                    double measured = std::atan2(first.corners[1].y - first.corners[0].y,
-                                                 first.corners[1].x - first.corners[0].x) * 180.0 / std::numbers::pi;
+                    double measured =
+                        std::atan2(first.corners[1].y - first.corners[0].y, first.corners[1].x - first.corners[0].x) *
+                        180.0 / std::numbers::pi;
                     measured -= 90.0 * std::round((measured - tried) / 90.0);
                     if (std::abs(measured - tried) > kSkewRefineThreshold) {
                         std::vector<MachineCode> refined;

@@ -103,12 +103,12 @@ const std::string kText = "METADATA BATCH 7";
 TEST(CaptureMetadataOutput, OffersFacesAndEveryCodeTypeTheReaderSupports) {
     FakeRig rig;
     const auto types = rig.output->availableMetadataObjectTypes();
-    for (const auto& t : {AVMetadataObjectTypeFace, AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeQRCode,
-                          AVMetadataObjectTypeEAN13Code, AVMetadataObjectTypeEAN8Code, AVMetadataObjectTypeUPCECode,
-                          AVMetadataObjectTypeCode39Code, AVMetadataObjectTypeCode93Code,
-                          AVMetadataObjectTypeCode128Code, AVMetadataObjectTypeITF14Code,
-                          AVMetadataObjectTypeInterleaved2of5Code, AVMetadataObjectTypeAztecCode,
-                          AVMetadataObjectTypeDataMatrixCode}) {
+    for (const auto& t :
+         {AVMetadataObjectTypeFace, AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeQRCode,
+          AVMetadataObjectTypeEAN13Code, AVMetadataObjectTypeEAN8Code, AVMetadataObjectTypeUPCECode,
+          AVMetadataObjectTypeCode39Code, AVMetadataObjectTypeCode93Code, AVMetadataObjectTypeCode128Code,
+          AVMetadataObjectTypeITF14Code, AVMetadataObjectTypeInterleaved2of5Code, AVMetadataObjectTypeAztecCode,
+          AVMetadataObjectTypeDataMatrixCode}) {
         EXPECT_NE(std::find(types.begin(), types.end(), t), types.end()) << t;
     }
     EXPECT_EQ(rig.output->metadataObjectTypes(), (std::vector<AVMetadataObjectType>{AVMetadataObjectTypeQRCode}));

@@ -118,7 +118,8 @@ TEST(LiveFaceTracker, MeasuresRollAndYawFromLandmarks) {
     // The right-hand eye lower in the picture: the head tilts clockwise as seen.
     const double a = 30.0 * std::numbers::pi / 180.0;
     for (CGPoint& q : p) {
-        q = {60 + (q.x - 60) * std::cos(a) - (q.y - 60) * std::sin(a), 60 + (q.x - 60) * std::sin(a) + (q.y - 60) * std::cos(a)};
+        q = {60 + (q.x - 60) * std::cos(a) - (q.y - 60) * std::sin(a),
+             60 + (q.x - 60) * std::sin(a) + (q.y - 60) * std::cos(a)};
     }
     EXPECT_NEAR(LiveFaceTracker::rollFromLandmarks(p), 30.0, 1e-9);
     // The nose halfway to the right outline: sin(yaw) = 0.5, the face turned towards the frame's right.
@@ -153,7 +154,8 @@ TEST(LiveFaceTracker, FindsFacesAndFollowsThemWithStableIds) {
     EXPECT_EQ(moved[0].faceID, f.faceID);
 
     // The head tilted by 30 degrees where it is: still tracked, with the roll reported.
-    const CGPoint head{f.bounds.origin.x + f.bounds.size.width / 2 - 200, f.bounds.origin.y + f.bounds.size.height / 2 - 100};
+    const CGPoint head{f.bounds.origin.x + f.bounds.size.width / 2 - 200,
+                       f.bounds.origin.y + f.bounds.size.height / 2 - 100};
     const auto tilted = tracker.track(placed(turned(astronaut, 30, head), 1280, 720, 230, 110));
     ASSERT_EQ(tilted.size(), 1u);
     EXPECT_EQ(tilted[0].faceID, f.faceID);
