@@ -32,7 +32,7 @@ public:
     void failNextStart(kp::NSErrorRef error);
     /// Hands a frame filled with the byte to the sink on the calling thread; false while not streaming.
     bool pushFrame(uint8_t fill = 0x80);
-    /// Hands these pixels to the sink on the calling thread; false while not streaming.
+    /// Hands a prepared frame to the sink on the calling thread, stamped now; false while not streaming.
     bool pushFrame(const kp::CVPixelBufferRef& pixels);
     /// The camera disappears: the sink hears an error, the device reports itself disconnected.
     void vanish();

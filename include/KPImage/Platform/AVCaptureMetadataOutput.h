@@ -4,9 +4,12 @@
 
 #include "KPImage/Platform/AVCaptureOutput.h"
 #include "KPImage/Platform/AVMetadataObject.h"
+#include "KPImage/Platform/CGImage.h"
 #include "KPImage/Platform/Dispatch.h"
 
+#include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace kp {
@@ -20,10 +23,28 @@ public:
                                const std::shared_ptr<AVCaptureConnection>& connection) = 0;
 };
 
-/// The metadata output.
+/// The metadata output. While its session runs and it has a delegate and at least one type, a detection worker
+/// analyses the newest frame of the camera (a frame arriving while it is busy replaces the waiting one; frame
+/// delivery to other outputs never waits for it) and delivers each result as one batch on the delegate's queue:
+/// faces (by faceID) then codes, geometry normalised to the frame (0..1, origin top-left). A batch comes for every
+/// analysed frame with objects, and exactly one empty batch when the objects are gone. After stopRunning returns,
+/// no batch is delivered.
 class AVCaptureMetadataOutput final : public AVCaptureOutput {
 public:
     static std::shared_ptr<AVCaptureMetadataOutput> create();
+    ~AVCaptureMetadataOutput() override;
+
+    /// The objects the output would report for one picture with the given types (a fresh face tracker: new IDs);
+    /// none for an image the detectors cannot read. Runs on the calling thread.
+    static std::vector<std::shared_ptr<AVMetadataObject>>
+    metadataObjectsInImage(const CGImage& image, const std::vector<AVMetadataObjectType>& types);
+
+    /// Frames the worker has analysed and batches it has handed to the delegate queue since creation.
+    struct DetectionCounts {
+        uint64_t analysed = 0;
+        uint64_t batches = 0;
+    };
+    DetectionCounts detectionCounts() const;
 
     /// The types the session's camera offers; empty while the output is not in a session with a camera input.
     std::vector<AVMetadataObjectType> availableMetadataObjectTypes() const;
@@ -39,9 +60,16 @@ public:
 
     Kind kind() const override { return Kind::Metadata; }
 
-    AVCaptureMetadataOutput() : AVCaptureOutput(AVMediaTypeMetadata) {}
+    AVCaptureMetadataOutput();
+
+protected:
+    void sessionDidCaptureFrame(const CMSampleBufferRef& frame) override;
+    void sessionDidStopStreaming(const NSErrorRef& error) override;
 
 private:
+    class Worker;
+    std::unique_ptr<Worker> _worker;
+
     mutable std::mutex _typesMutex;
     std::vector<AVMetadataObjectType> _types;
     std::weak_ptr<AVCaptureMetadataOutputObjectsDelegate> _delegate;

@@ -20,6 +20,16 @@ using AVMetadataObjectType = std::string;
 inline const AVMetadataObjectType AVMetadataObjectTypeFace = "face";
 inline const AVMetadataObjectType AVMetadataObjectTypePDF417Code = "org.iso.PDF417";
 inline const AVMetadataObjectType AVMetadataObjectTypeQRCode = "org.iso.QRCode";
+inline const AVMetadataObjectType AVMetadataObjectTypeEAN13Code = "org.gs1.EAN-13";
+inline const AVMetadataObjectType AVMetadataObjectTypeEAN8Code = "org.gs1.EAN-8";
+inline const AVMetadataObjectType AVMetadataObjectTypeUPCECode = "org.gs1.UPC-E";
+inline const AVMetadataObjectType AVMetadataObjectTypeCode39Code = "org.iso.Code39";
+inline const AVMetadataObjectType AVMetadataObjectTypeCode93Code = "com.intermec.Code93";
+inline const AVMetadataObjectType AVMetadataObjectTypeCode128Code = "org.iso.Code128";
+inline const AVMetadataObjectType AVMetadataObjectTypeITF14Code = "org.gs1.ITF14";
+inline const AVMetadataObjectType AVMetadataObjectTypeInterleaved2of5Code = "org.ansi.Interleaved2of5";
+inline const AVMetadataObjectType AVMetadataObjectTypeAztecCode = "org.iso.Aztec";
+inline const AVMetadataObjectType AVMetadataObjectTypeDataMatrixCode = "org.iso.DataMatrix";
 
 /// Session presets (the frame size a session asks of its camera).
 using AVCaptureSessionPreset = std::string;

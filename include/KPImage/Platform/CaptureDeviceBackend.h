@@ -21,9 +21,13 @@ struct CaptureCapabilities {
     std::vector<AVCaptureFlashMode> flashModes; // empty: no flash
     std::vector<AVCaptureTorchMode> torchModes; // empty: no torch
     bool videoStabilization = false;
-    /// Metadata types offered to a metadata output on a session with this device.
-    std::vector<AVMetadataObjectType> metadataObjectTypes{AVMetadataObjectTypeFace, AVMetadataObjectTypePDF417Code,
-                                                          AVMetadataObjectTypeQRCode};
+    /// Metadata types offered to a metadata output on a session with this device: what the detectors find.
+    std::vector<AVMetadataObjectType> metadataObjectTypes{
+        AVMetadataObjectTypeFace,          AVMetadataObjectTypePDF417Code,   AVMetadataObjectTypeQRCode,
+        AVMetadataObjectTypeEAN13Code,     AVMetadataObjectTypeEAN8Code,     AVMetadataObjectTypeUPCECode,
+        AVMetadataObjectTypeCode39Code,    AVMetadataObjectTypeCode93Code,   AVMetadataObjectTypeCode128Code,
+        AVMetadataObjectTypeITF14Code,     AVMetadataObjectTypeInterleaved2of5Code, AVMetadataObjectTypeAztecCode,
+        AVMetadataObjectTypeDataMatrixCode};
 };
 
 /// The device's current control settings, as the device object keeps them.

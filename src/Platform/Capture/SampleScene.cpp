@@ -5,6 +5,7 @@
 #include <ZXing/BarcodeFormat.h>
 #include <ZXing/BitMatrix.h>
 #include <ZXing/MultiFormatWriter.h>
+#include <pango/pangocairo.h>
 
 #include <algorithm>
 #include <cmath>
@@ -16,7 +17,27 @@ namespace kp {
 namespace {
 constexpr int kCardWidth = 1012; // 85.6 mm x 54 mm at about 300 dpi
 constexpr int kCardHeight = 638;
-constexpr double kDriftPeriod = 8.0;
+// Where the face of the sample photo is, as fractions of the photo's size.
+constexpr double kHeadCentreX = 0.4375;
+constexpr double kHeadCentreY = 0.25;
+constexpr double kHeadSide = 0.25;
+
+// 0 at a, 1 at b, smooth in between.
+double ramp(double t, double a, double b) {
+    const double x = std::clamp((t - a) / (b - a), 0.0, 1.0);
+    return x * x * (3 - 2 * x);
+}
+
+void drawText(cairo_t* cr, const std::string& text, const char* font, double x, double y) {
+    PangoLayout* layout = pango_cairo_create_layout(cr);
+    PangoFontDescription* desc = pango_font_description_from_string(font);
+    pango_layout_set_font_description(layout, desc);
+    pango_layout_set_text(layout, text.c_str(), -1);
+    cairo_move_to(cr, x, y);
+    pango_cairo_show_layout(cr, layout);
+    pango_font_description_free(desc);
+    g_object_unref(layout);
+}
 
 cairo_surface_t* loadFace(std::string& path) {
     for (const char* dir : {KPIMAGE_DATADIR, KPIMAGE_SOURCE_DATADIR}) {
@@ -73,19 +94,16 @@ cairo_surface_t* makeCard() {
     cairo_set_source_rgb(cr, 0.12, 0.30, 0.58);
     cairo_rectangle(cr, 0, 0, kCardWidth, 96);
     cairo_fill(cr);
-    // Printed fields as bars: the scene needs no fonts (and so no font configuration at all).
     cairo_set_source_rgb(cr, 1, 1, 1);
-    cairo_rectangle(cr, 40, 34, 520, 28);
-    cairo_fill(cr);
+    drawText(cr, "SAMPLE STATE  DRIVER LICENSE", "Sans Bold 30px", 40, 26);
     cairo_set_source_rgb(cr, 0.70, 0.74, 0.80);
     cairo_rectangle(cr, 40, 126, 170, 200);
     cairo_fill(cr);
-    cairo_set_source_rgb(cr, 0.25, 0.27, 0.30);
-    const double widths[] = {300, 420, 260, 280};
-    for (int i = 0; i < 4; ++i) {
-        cairo_rectangle(cr, 240, 138 + i * 48, widths[i], 22);
-    }
-    cairo_fill(cr);
+    cairo_set_source_rgb(cr, 0.15, 0.17, 0.20);
+    drawText(cr, "DL " + SampleScene::cardNumber(), "Sans Bold 30px", 240, 118);
+    drawText(cr, SampleScene::cardHolderName(), "Sans Bold 26px", 240, 166);
+    drawText(cr, "DOB 06/06/1986", "Sans 24px", 240, 210);
+    drawText(cr, "ISS 06/06/2019   EXP 12/10/2030", "Sans 24px", 240, 248);
     try {
         // The writer reports bad input by throwing; nothing here is bad input, but keep it inside.
         ZXing::MultiFormatWriter qr(ZXing::BarcodeFormat::QRCode);
@@ -114,6 +132,34 @@ const std::string& SampleScene::pdf417Text() {
                                     "DBA12102030\nDBC1\nDAU068 in\nDAYBRO\nDAG2300 WEST BROAD STREET\n"
                                     "DAIRICHMOND\nDAJVA\nDAK232690000\nDCGUSA\r";
     return text;
+}
+
+const std::string& SampleScene::cardHolderName() {
+    static const std::string name = "MICHAEL JOHN SAMPLE";
+    return name;
+}
+
+const std::string& SampleScene::cardNumber() {
+    static const std::string number = "T64235789";
+    return number;
+}
+
+SampleScene::Pose SampleScene::poseAt(double t) {
+    Pose p;
+    double s = std::fmod(t, kPeriod);
+    if (s < 0) {
+        s += kPeriod;
+    }
+    p.faceRoll = kTiltDegrees * (ramp(s, 2.0, 3.0) - ramp(s, 4.0, 4.5));
+    p.faceYaw = kTurnDegrees * (ramp(s, 4.5, 5.5) - ramp(s, 6.5, 7.0));
+    // Out to the right (the photo's left edge past the frame's right edge), then back in.
+    const double out = 1.0 + 0.5 * p.faceHeight * 9.0 / 16.0 * std::sqrt(2.0) + 0.01;
+    p.faceCentreX = 0.5 + (out - 0.5) * (ramp(s, 7.0, 8.0) - ramp(s, 10.0, 11.0));
+    p.faceVisible = !(s >= kFaceAbsentFrom && s < kFaceAbsentUntil);
+    p.cardTilt = kCardTiltDegrees * std::sin(2 * std::numbers::pi * s / kPeriod);
+    p.cardCentreX = 0.22 + 0.03 * std::sin(2 * std::numbers::pi * s / 4.0);
+    p.cardCentreY = 0.72;
+    return p;
 }
 
 const std::string& SampleScene::qrText() {
@@ -145,32 +191,70 @@ void SampleScene::drawScene(cairo_t* cr, int width, int height, double t) const 
     cairo_paint(cr);
     cairo_pattern_destroy(bg);
 
-    // The face drifts between the centre and the right third, sitting at the centre at t = 0, 8, 16, ...
-    if (_face != nullptr) {
-        const double size = 0.5 * h;
-        const double cx = w * (0.65 - 0.15 * std::cos(2 * std::numbers::pi * t / kDriftPeriod));
-        const double cy = 0.40 * h;
-        const double fw = cairo_image_surface_get_width(_face);
-        const double fh = cairo_image_surface_get_height(_face);
+    const Pose pose = poseAt(t);
+    if (_face != nullptr && pose.faceVisible) {
+        const double size = pose.faceHeight * h;
         cairo_save(cr);
-        cairo_translate(cr, cx - size / 2, cy - size / 2);
-        cairo_scale(cr, size / fw, size / fh);
-        cairo_set_source_surface(cr, _face, 0, 0);
-        cairo_pattern_set_filter(cairo_get_source(cr), CAIRO_FILTER_BILINEAR);
-        cairo_paint(cr);
+        cairo_translate(cr, pose.faceCentreX * w, pose.faceCentreY * h);
+        cairo_rotate(cr, pose.faceRoll * std::numbers::pi / 180.0);
+        cairo_translate(cr, -size / 2, -size / 2);
+        drawFace(cr, size, pose.faceYaw);
         cairo_restore(cr);
     }
 
-    // The card lies still in the lower left.
-    const double cardW = 0.36 * w;
+    const double cardW = pose.cardWidth * w;
     const double cardH = cardW * kCardHeight / kCardWidth;
     cairo_save(cr);
-    cairo_translate(cr, 0.03 * w, h - cardH - 0.04 * h);
+    cairo_translate(cr, pose.cardCentreX * w, pose.cardCentreY * h);
+    cairo_rotate(cr, pose.cardTilt * std::numbers::pi / 180.0);
+    cairo_translate(cr, -cardW / 2, -cardH / 2);
     cairo_scale(cr, cardW / kCardWidth, cardH / kCardHeight);
     cairo_set_source_surface(cr, _card, 0, 0);
     cairo_pattern_set_filter(cairo_get_source(cr), CAIRO_FILTER_GOOD);
     cairo_paint(cr);
     cairo_restore(cr);
+}
+
+void SampleScene::drawFace(cairo_t* cr, double size, double yawDegrees) const {
+    // The head of the photo: a square a little larger than the face, centred on it.
+    const double photoW = cairo_image_surface_get_width(_face);
+    const double photoH = cairo_image_surface_get_height(_face);
+    const double fw = kHeadSide * photoW;
+    const double fh = kHeadSide * photoH;
+    const double cropX = (kHeadCentreX - kHeadSide / 2) * photoW;
+    const double cropY = (kHeadCentreY - kHeadSide / 2) * photoH;
+    // The photo on a cylinder turned by the yaw: a column at sin(phi) across the face is seen at sin(phi + yaw).
+    // Drawn in narrow columns, each stretched to where the turn puts it; columns turned away are not drawn.
+    constexpr int kColumns = 96;
+    const double yaw = yawDegrees * std::numbers::pi / 180.0;
+    for (int i = 0; i < kColumns; ++i) {
+        const double s0 = -1.0 + 2.0 * i / kColumns;
+        const double s1 = -1.0 + 2.0 * (i + 1) / kColumns;
+        const double p0 = std::asin(s0) + yaw;
+        const double p1 = std::asin(s1) + yaw;
+        if (p1 >= std::numbers::pi / 2) {
+            continue;
+        }
+        const double d0 = (std::sin(std::max(p0, -std::numbers::pi / 2)) + 1) / 2 * size;
+        const double d1 = (std::sin(p1) + 1) / 2 * size;
+        if (d1 - d0 < 0.05) {
+            continue;
+        }
+        const double src0 = (s0 + 1) / 2 * fw;
+        const double src1 = (s1 + 1) / 2 * fw;
+        cairo_save(cr);
+        // Hard column edges: antialiased ones would leave seams between the columns.
+        cairo_set_antialias(cr, CAIRO_ANTIALIAS_NONE);
+        cairo_rectangle(cr, std::floor(d0), 0, std::ceil(d1) - std::floor(d0), size);
+        cairo_clip(cr);
+        cairo_translate(cr, d0, 0);
+        cairo_scale(cr, (d1 - d0) / (src1 - src0), size / fh);
+        cairo_translate(cr, -src0 - cropX, -cropY);
+        cairo_set_source_surface(cr, _face, 0, 0);
+        cairo_pattern_set_filter(cairo_get_source(cr), CAIRO_FILTER_BILINEAR);
+        cairo_paint(cr);
+        cairo_restore(cr);
+    }
 }
 
 void SampleScene::render(cairo_surface_t* target, int width, int height, double t,

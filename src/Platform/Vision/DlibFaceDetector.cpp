@@ -2,6 +2,8 @@
 // The dlib back-end of the still-image face detector: HOG face boxes and 68-point landmarks.
 #include "Platform/Vision/DlibFaceDetector.h"
 
+#include "Platform/Vision/LumaImage.h"
+
 #include <dlib/image_processing.h>
 #include <dlib/image_processing/frontal_face_detector.h>
 #include <dlib/image_transforms.h>
@@ -37,74 +39,17 @@ std::shared_ptr<const dlib::shape_predictor> sharedLandmarkModel(const std::stri
     return model;
 }
 
-// Byte offsets of red, green and blue (all the same for grey) within one pixel; false for layouts the
-// detector cannot read.
-bool componentOffsets(const CGImage& image, size_t& r, size_t& g, size_t& b) {
-    if (image.bitsPerComponent() != 8 || image.bitsPerPixel() % 8 != 0 || image.bitsPerPixel() == 0) {
-        return false;
-    }
-    const size_t bytesPerPixel = image.bitsPerPixel() / 8;
-    const CGColorSpaceModel model = CGColorSpaceGetModel(image.colorSpace());
-    const size_t colours = model == kCGColorSpaceModelMonochrome ? 1 : model == kCGColorSpaceModelRGB ? 3 : 0;
-    if (colours == 0 || bytesPerPixel < colours) {
-        return false;
-    }
-    const CGBitmapInfo alpha = image.bitmapInfo() & kCGBitmapAlphaInfoMask;
-    const bool alphaFirst = alpha == kCGImageAlphaPremultipliedFirst || alpha == kCGImageAlphaFirst ||
-                            alpha == kCGImageAlphaNoneSkipFirst;
-    size_t first = alphaFirst ? 1 : 0;
-    size_t order[3] = {first, first + (colours == 3 ? 1 : 0), first + (colours == 3 ? 2 : 0)};
-    // A little-endian word stores its components in reverse.
-    const CGBitmapInfo byteOrder = image.bitmapInfo() & kCGBitmapByteOrderMask;
-    const bool reversed = (byteOrder == kCGBitmapByteOrder32Little && bytesPerPixel == 4) ||
-                          (byteOrder == kCGBitmapByteOrder16Little && bytesPerPixel == 2);
-    if (reversed) {
-        for (size_t& o : order) {
-            o = bytesPerPixel - 1 - o;
-        }
-    }
-    r = order[0];
-    g = order[1];
-    b = order[2];
-    return r < bytesPerPixel && g < bytesPerPixel && b < bytesPerPixel;
-}
-
 // The bitmap as 8-bit luminance, the same weights the drawing context uses for grey.
 bool toGray(const CGImage& image, dlib::array2d<unsigned char>& out) {
-    size_t ro = 0, go = 0, bo = 0;
-    if (!componentOffsets(image, ro, go, bo)) {
+    LumaImage luma;
+    if (!LumaImageFromCGImage(image, luma)) {
         return false;
     }
-    const size_t width = image.width();
-    const size_t height = image.height();
-    const size_t bytesPerPixel = image.bitsPerPixel() / 8;
-    const size_t rowBytes = image.bytesPerRow();
-    // CGImage guarantees this much, but the detector must not trust a layout it did not make.
-    if (width == 0 || height == 0 || rowBytes < width * bytesPerPixel ||
-        image.byteCount() < rowBytes * (height - 1) + width * bytesPerPixel) {
-        return false;
-    }
-    out.set_size(static_cast<long>(height), static_cast<long>(width));
-    const uint8_t* bytes = image.bytes();
-    for (size_t y = 0; y < height; ++y) {
-        const uint8_t* row = bytes + y * rowBytes;
-        for (size_t x = 0; x < width; ++x) {
-            const uint8_t* p = row + x * bytesPerPixel;
-            out[static_cast<long>(y)][static_cast<long>(x)] =
-                static_cast<unsigned char>((77u * p[ro] + 150u * p[go] + 29u * p[bo] + 128u) >> 8);
-        }
+    out.set_size(luma.height, luma.width);
+    for (int y = 0; y < luma.height; ++y) {
+        std::copy(luma.row(y), luma.row(y) + luma.width, &out[y][0]);
     }
     return true;
-}
-
-CGPoint meanOf(const DlibFaceDetector::Landmarks& pts, size_t from, size_t to) {
-    CGPoint sum{0, 0};
-    for (size_t i = from; i <= to; ++i) {
-        sum.x += pts[i].x;
-        sum.y += pts[i].y;
-    }
-    const double n = static_cast<double>(to - from + 1);
-    return {sum.x / n, sum.y / n};
 }
 
 double distance(CGPoint a, CGPoint b) { return std::hypot(a.x - b.x, a.y - b.y); }
@@ -121,6 +66,20 @@ DlibFaceDetector::DlibFaceDetector(CIDetectorAccuracy accuracy) : _impl(std::mak
 }
 
 DlibFaceDetector::~DlibFaceDetector() = default;
+
+std::shared_ptr<const dlib::shape_predictor> DlibFaceDetector::landmarkModel(const std::string& path) {
+    return sharedLandmarkModel(path);
+}
+
+CGPoint DlibFaceDetector::landmarkMean(const Landmarks& pts, size_t from, size_t to) {
+    CGPoint sum{0, 0};
+    for (size_t i = from; i <= to; ++i) {
+        sum.x += pts[i].x;
+        sum.y += pts[i].y;
+    }
+    const double n = static_cast<double>(to - from + 1);
+    return {sum.x / n, sum.y / n};
+}
 
 bool DlibFaceDetector::landmarkModelAvailable(const std::string& path) {
     return sharedLandmarkModel(path) != nullptr;
@@ -144,9 +103,9 @@ CIFaceFeature DlibFaceDetector::featureFromLandmarks(CGRect box, const Landmarks
     }
     const Landmarks& pts = *landmarks;
     // iBUG order: 36..41 the eye on the image's left, 42..47 the other, 48..59 the outer lip line.
-    const CGPoint leftEye = meanOf(pts, 36, 41);
-    const CGPoint rightEye = meanOf(pts, 42, 47);
-    const CGPoint mouth = meanOf(pts, 48, 59);
+    const CGPoint leftEye = landmarkMean(pts, 36, 41);
+    const CGPoint rightEye = landmarkMean(pts, 42, 47);
+    const CGPoint mouth = landmarkMean(pts, 48, 59);
     f.hasLeftEyePosition = f.hasRightEyePosition = f.hasMouthPosition = true;
     f.leftEyePosition = {leftEye.x, h - leftEye.y};
     f.rightEyePosition = {rightEye.x, h - rightEye.y};

@@ -10,6 +10,10 @@
 #include <string>
 #include <vector>
 
+namespace dlib {
+class shape_predictor;
+}
+
 namespace kp {
 
 /// Finds frontal faces with dlib's HOG detector and measures them with the shared 68-point landmark model.
@@ -40,11 +44,15 @@ public:
     /// bottom-left space of an image imageHeight pixels high.
     static CIFaceFeature featureFromLandmarks(CGRect topLeftBox, const Landmarks* landmarks, size_t imageHeight,
                                               const CIDetectorFeatureOptions& options);
+    /// The mean of landmarks from..to (inclusive), e.g. 36..41 for the centre of the eye on the image's left.
+    static CGPoint landmarkMean(const Landmarks& pts, size_t from, size_t to);
     /// Lid opening over eye width of the six points of one eye (0 for a degenerate eye).
     static double eyeAspectRatio(const CGPoint* sixPoints);
 
     /// True when the landmark model at path could be loaded (loads it on first call; shared afterwards).
     static bool landmarkModelAvailable(const std::string& path);
+    /// The 68-point landmark model at path, loaded once per process and path; null when it cannot be loaded.
+    static std::shared_ptr<const dlib::shape_predictor> landmarkModel(const std::string& path);
 
 private:
     struct Impl;

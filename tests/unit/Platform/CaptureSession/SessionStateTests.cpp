@@ -200,7 +200,8 @@ TEST(CaptureSessionStates, MetadataOutputOffersTheCamerasTypesOnlyWithAnInput) {
     metadata->setMetadataObjectTypes({AVMetadataObjectTypeFace});
     EXPECT_TRUE(metadata->metadataObjectTypes().empty()) << "types not available are ignored";
     w.session->addInput(w.input);
-    EXPECT_EQ(metadata->availableMetadataObjectTypes().size(), 3U);
+    // Faces and every code type the reader supports.
+    EXPECT_EQ(metadata->availableMetadataObjectTypes().size(), 13U);
     metadata->setMetadataObjectTypes(
         {AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeFace, AVMetadataObjectTypePDF417Code, "unknown"});
     EXPECT_EQ(metadata->metadataObjectTypes(),

@@ -1,0 +1,491 @@
+// SPDX-License-Identifier: MIT
+// The code reader of the metadata output, on ZXing-cpp, with a skew-correcting second look for PDF417 and QR.
+#include "Platform/Vision/MachineCodeReader.h"
+
+// The library's inline text() returns a wide string unless ZX_USE_UTF8 is defined; every user in one program must
+// see the same definition, so the wide form is used everywhere and converted here.
+#include <ZXing/BarcodeFormat.h>
+#include <ZXing/DecodeHints.h>
+#include <ZXing/ReadBarcode.h>
+#include <ZXing/TextUtfEncoding.h>
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+#include <utility>
+
+namespace kp {
+
+namespace {
+
+using ZXing::BarcodeFormat;
+
+struct TypeFormat {
+    const AVMetadataObjectType* type;
+    uint32_t formats;
+};
+
+uint32_t bits(BarcodeFormat f) {
+    return static_cast<uint32_t>(f);
+}
+
+const std::vector<TypeFormat>& typeFormats() {
+    // UPC-A is a subset of EAN-13 and is reported as an EAN-13 code, as the platform does.
+    static const std::vector<TypeFormat> table{
+        {&AVMetadataObjectTypePDF417Code, bits(BarcodeFormat::PDF417)},
+        {&AVMetadataObjectTypeQRCode, bits(BarcodeFormat::QRCode)},
+        {&AVMetadataObjectTypeEAN13Code, bits(BarcodeFormat::EAN13) | bits(BarcodeFormat::UPCA)},
+        {&AVMetadataObjectTypeEAN8Code, bits(BarcodeFormat::EAN8)},
+        {&AVMetadataObjectTypeUPCECode, bits(BarcodeFormat::UPCE)},
+        {&AVMetadataObjectTypeCode39Code, bits(BarcodeFormat::Code39)},
+        {&AVMetadataObjectTypeCode93Code, bits(BarcodeFormat::Code93)},
+        {&AVMetadataObjectTypeCode128Code, bits(BarcodeFormat::Code128)},
+        {&AVMetadataObjectTypeITF14Code, bits(BarcodeFormat::ITF)},
+        {&AVMetadataObjectTypeInterleaved2of5Code, bits(BarcodeFormat::ITF)},
+        {&AVMetadataObjectTypeAztecCode, bits(BarcodeFormat::Aztec)},
+        {&AVMetadataObjectTypeDataMatrixCode, bits(BarcodeFormat::DataMatrix)},
+    };
+    return table;
+}
+
+constexpr uint32_t kSecondLookFormats =
+    static_cast<uint32_t>(BarcodeFormat::PDF417) | static_cast<uint32_t>(BarcodeFormat::QRCode);
+// Edges weaker than this (sum of absolute central differences) are not counted.
+constexpr int kEdgeThreshold = 48;
+// Square cells of the candidate search, in pixels, and the share of sampled points that must be edges.
+constexpr int kCell = 16;
+constexpr double kCellEdgeShare = 0.30;
+// How well a cell's edges must agree on one direction (modulo 90 degrees), 0..1.
+constexpr double kCellCoherence = 0.35;
+// Regions smaller than this many cells are not codes the second look could read.
+constexpr size_t kMinCandidateCells = 6;
+constexpr size_t kMaxCandidates = 4;
+// The second look enlarges its crops: fine modules survive the turn better, and the library reads them faster.
+constexpr double kCropEnlargement = 1.5;
+constexpr int kMaxCropSide = 2400;
+// A skew this small does not need a second look unless the crop is enlarged.
+constexpr double kSkewWorthRetry = 0.5;
+// Angles tried around the measured skew, in this order, until one reads.
+constexpr double kSkewRetryOffsets[] = {0.0, 3.0, -3.0};
+// The skew is sharpened within this many degrees of the edge-direction estimate, in these steps.
+constexpr double kSkewSearchDegrees = 7.0;
+constexpr double kSkewSearchStep = 1.0;
+// A code read at an angle this far (degrees) from its own is read again at its own.
+constexpr double kSkewRefineThreshold = 1.0;
+// Crops read per frame at most (a frame full of text must not cost a read per word).
+constexpr int kMaxSecondLookReads = 5;
+
+CGRect boundsOf(const std::array<CGPoint, 4>& pts) {
+    double x0 = pts[0].x, x1 = pts[0].x, y0 = pts[0].y, y1 = pts[0].y;
+    for (const CGPoint& p : pts) {
+        x0 = std::min(x0, p.x);
+        x1 = std::max(x1, p.x);
+        y0 = std::min(y0, p.y);
+        y1 = std::max(y1, p.y);
+    }
+    return CGRectMake(x0, y0, x1 - x0, y1 - y0);
+}
+
+bool rectsOverlap(CGRect a, CGRect b) {
+    return a.origin.x < b.origin.x + b.size.width && b.origin.x < a.origin.x + a.size.width &&
+           a.origin.y < b.origin.y + b.size.height && b.origin.y < a.origin.y + a.size.height;
+}
+
+// The skew at which the region's rows of modules line up best: the brightness projected across the code (summed
+// along its bars) varies most when the projection runs exactly along the bars. Searched around the edge-direction
+// estimate, which fine modules bias by a few degrees.
+double sharpestSkew(const LumaImage& image, CGPoint centre, double w, double h, double estimate) {
+    double best = estimate;
+    double bestScore = -1;
+    const int bins = static_cast<int>(std::hypot(w, h)) + 4;
+    std::vector<double> sum(static_cast<size_t>(bins));
+    std::vector<int> count(static_cast<size_t>(bins));
+    const int x0 = std::max(0, static_cast<int>(centre.x - std::max(w, h) / 2));
+    const int x1 = std::min(image.width, static_cast<int>(centre.x + std::max(w, h) / 2));
+    const int y0 = std::max(0, static_cast<int>(centre.y - std::max(w, h) / 2));
+    const int y1 = std::min(image.height, static_cast<int>(centre.y + std::max(w, h) / 2));
+    for (double d = -kSkewSearchDegrees; d <= kSkewSearchDegrees; d += kSkewSearchStep) {
+        const double a = (estimate + d) * std::numbers::pi / 180.0;
+        const double ca = std::cos(a);
+        const double sa = std::sin(a);
+        std::fill(sum.begin(), sum.end(), 0.0);
+        std::fill(count.begin(), count.end(), 0);
+        for (int y = y0; y < y1; y += 2) {
+            const uint8_t* row = image.row(y);
+            for (int x = x0; x < x1; x += 2) {
+                const double dx = x - centre.x;
+                const double dy = y - centre.y;
+                const double u = dx * ca + dy * sa;
+                const double v = -dx * sa + dy * ca;
+                if (std::abs(u) > w / 2 || std::abs(v) > h / 2) {
+                    continue;
+                }
+                const auto bin = static_cast<size_t>(u + bins / 2.0);
+                sum[bin] += row[x];
+                ++count[bin];
+            }
+        }
+        double mean = 0;
+        double squares = 0;
+        int used = 0;
+        for (size_t b = 0; b < sum.size(); ++b) {
+            if (count[b] > 0) {
+                const double m = sum[b] / count[b];
+                mean += m;
+                squares += m * m;
+                ++used;
+            }
+        }
+        if (used > 1) {
+            mean /= used;
+            const double score = squares / used - mean * mean;
+            if (score > bestScore) {
+                bestScore = score;
+                best = estimate + d;
+            }
+        }
+    }
+    return best;
+}
+
+} // namespace
+
+const std::vector<AVMetadataObjectType>& MachineCodeReader::supportedTypes() {
+    static const std::vector<AVMetadataObjectType> types = [] {
+        std::vector<AVMetadataObjectType> t;
+        for (const auto& tf : typeFormats()) {
+            t.push_back(*tf.type);
+        }
+        return t;
+    }();
+    return types;
+}
+
+MachineCodeReader::MachineCodeReader(const std::vector<AVMetadataObjectType>& types) {
+    for (const auto& type : types) {
+        for (const auto& tf : typeFormats()) {
+            if (*tf.type == type && std::find(_types.begin(), _types.end(), type) == _types.end()) {
+                _types.push_back(type);
+                _formats |= tf.formats;
+            }
+        }
+    }
+}
+
+bool MachineCodeReader::accept(uint32_t format, const std::string& text, AVMetadataObjectType& type) const {
+    const auto enabled = [this](const AVMetadataObjectType& t) {
+        return std::find(_types.begin(), _types.end(), t) != _types.end();
+    };
+    if (format == bits(BarcodeFormat::ITF)) {
+        // ITF-14 is the 14-digit use of Interleaved 2 of 5.
+        if (text.size() == 14 && enabled(AVMetadataObjectTypeITF14Code)) {
+            type = AVMetadataObjectTypeITF14Code;
+            return true;
+        }
+        type = AVMetadataObjectTypeInterleaved2of5Code;
+        return enabled(type);
+    }
+    for (const auto& tf : typeFormats()) {
+        if ((tf.formats & format) != 0 && enabled(*tf.type)) {
+            type = *tf.type;
+            return true;
+        }
+    }
+    return false;
+}
+
+std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, uint32_t formats,
+                                                            bool tryRotate) const {
+    std::vector<MachineCode> codes;
+    if (image.empty() || formats == 0) {
+        return codes;
+    }
+    ZXing::DecodeHints hints;
+    hints.setFormats(static_cast<BarcodeFormat>(formats));
+    hints.setTryRotate(tryRotate);
+    hints.setTryHarder(false);
+    const ZXing::ImageView view(image.pixels.data(), image.width, image.height, ZXing::ImageFormat::Lum);
+    for (const ZXing::Result& r : ZXing::ReadBarcodes(view, hints)) {
+        if (!r.isValid()) {
+            continue;
+        }
+        MachineCode code;
+        std::string text = ZXing::TextUtfEncoding::ToUtf8(r.text());
+        const uint32_t format = bits(r.format());
+        if (format == bits(BarcodeFormat::UPCA)) {
+            text = "0" + text;
+        }
+        if (!accept(format, text, code.type)) {
+            continue;
+        }
+        // Control characters (the separators of an ID card's data) make the library call a content binary; it
+        // is text all the same unless it holds bytes that are no text at all.
+        const auto& raw = r.bytes();
+        const bool binary = r.contentType() == ZXing::ContentType::Binary &&
+                            std::any_of(raw.begin(), raw.end(), [](uint8_t b) { return b == 0 || b >= 0x80; });
+        if (!binary) {
+            code.text = std::move(text);
+        }
+        // The library's position runs top-left, top-right, bottom-right, bottom-left of the symbol.
+        const auto& q = r.position();
+        const auto pt = [](const ZXing::PointI& p) {
+            return CGPointMake(static_cast<double>(p.x), static_cast<double>(p.y));
+        };
+        code.corners = {pt(q.bottomLeft()), pt(q.bottomRight()), pt(q.topRight()), pt(q.topLeft())};
+        codes.push_back(std::move(code));
+    }
+    return codes;
+}
+
+std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(const LumaImage& image, size_t maxCount,
+                                                                            const std::vector<CGRect>& excluded) {
+    std::vector<Candidate> out;
+    if (image.width < 3 * kCell || image.height < 3 * kCell) {
+        return out;
+    }
+    const int cols = image.width / kCell;
+    const int rows = image.height / kCell;
+    struct Cell {
+        double c4 = 0, s4 = 0, weight = 0;
+        int edges = 0, samples = 0;
+        bool textured = false;
+    };
+    std::vector<Cell> cells(static_cast<size_t>(cols) * static_cast<size_t>(rows));
+    // Gradients at every second pixel of every second row: fine modules still give full-strength edges.
+    for (int y = 1; y < rows * kCell - 1; y += 2) {
+        const uint8_t* up = image.row(y - 1);
+        const uint8_t* mid = image.row(y);
+        const uint8_t* down = image.row(y + 1);
+        Cell* cellRow = &cells[static_cast<size_t>(y / kCell) * static_cast<size_t>(cols)];
+        for (int x = 1; x < cols * kCell - 1; x += 2) {
+            Cell& cell = cellRow[x / kCell];
+            ++cell.samples;
+            const int gx = mid[x + 1] - mid[x - 1];
+            const int gy = down[x] - up[x];
+            if (std::abs(gx) + std::abs(gy) < kEdgeThreshold) {
+                continue;
+            }
+            ++cell.edges;
+            // Doubling the angle twice makes directions 90 degrees apart agree (a code's two edge families).
+            const double m2 = static_cast<double>(gx * gx + gy * gy);
+            const double c2 = (gx * gx - gy * gy) / m2;
+            const double s2 = 2.0 * gx * gy / m2;
+            const double m = std::sqrt(m2);
+            cell.c4 += m * (c2 * c2 - s2 * s2);
+            cell.s4 += m * (2 * c2 * s2);
+            cell.weight += m;
+        }
+    }
+    for (size_t i = 0; i < cells.size(); ++i) {
+        Cell& c = cells[i];
+        c.textured = c.samples > 0 && c.edges >= kCellEdgeShare * c.samples && c.weight > 0 &&
+                     std::hypot(c.c4, c.s4) >= kCellCoherence * c.weight;
+        const double cx = (static_cast<double>(i % static_cast<size_t>(cols)) + 0.5) * kCell;
+        const double cy = (static_cast<double>(i / static_cast<size_t>(cols)) + 0.5) * kCell;
+        for (const CGRect& r : excluded) {
+            if (cx >= r.origin.x - kCell && cx <= r.origin.x + r.size.width + kCell && cy >= r.origin.y - kCell &&
+                cy <= r.origin.y + r.size.height + kCell) {
+                c.textured = false;
+            }
+        }
+    }
+    // Regions: 8-connected textured cells, bridging single-cell gaps (quiet rows inside a code).
+    std::vector<int> label(cells.size(), -1);
+    struct Region {
+        int x0, y0, x1, y1;
+        size_t count = 0;
+        double c4 = 0, s4 = 0;
+        int id = 0;
+    };
+    std::vector<Region> regions;
+    std::vector<int> stack;
+    for (int cy = 0; cy < rows; ++cy) {
+        for (int cx = 0; cx < cols; ++cx) {
+            const size_t i = static_cast<size_t>(cy) * static_cast<size_t>(cols) + static_cast<size_t>(cx);
+            if (!cells[i].textured || label[i] >= 0) {
+                continue;
+            }
+            Region reg{cx, cy, cx, cy};
+            const int id = static_cast<int>(regions.size());
+            reg.id = id;
+            label[i] = id;
+            stack.assign(1, static_cast<int>(i));
+            while (!stack.empty()) {
+                const int j = stack.back();
+                stack.pop_back();
+                const int jx = j % cols;
+                const int jy = j / cols;
+                reg.x0 = std::min(reg.x0, jx);
+                reg.x1 = std::max(reg.x1, jx);
+                reg.y0 = std::min(reg.y0, jy);
+                reg.y1 = std::max(reg.y1, jy);
+                ++reg.count;
+                reg.c4 += cells[static_cast<size_t>(j)].c4;
+                reg.s4 += cells[static_cast<size_t>(j)].s4;
+                for (int dy = -2; dy <= 2; ++dy) {
+                    for (int dx = -2; dx <= 2; ++dx) {
+                        const int nx = jx + dx;
+                        const int ny = jy + dy;
+                        if (nx < 0 || ny < 0 || nx >= cols || ny >= rows) {
+                            continue;
+                        }
+                        const size_t k = static_cast<size_t>(ny) * static_cast<size_t>(cols) + static_cast<size_t>(nx);
+                        if (cells[k].textured && label[k] < 0) {
+                            label[k] = id;
+                            stack.push_back(static_cast<int>(k));
+                        }
+                    }
+                }
+            }
+            regions.push_back(reg);
+        }
+    }
+    std::sort(regions.begin(), regions.end(), [](const Region& a, const Region& b) { return a.count > b.count; });
+    for (const Region& r : regions) {
+        if (out.size() >= maxCount || r.count < kMinCandidateCells) {
+            break;
+        }
+        Candidate c;
+        c.box = CGRectMake(r.x0 * kCell, r.y0 * kCell, (r.x1 - r.x0 + 1) * kCell, (r.y1 - r.y0 + 1) * kCell);
+        c.skewDegrees = 0.25 * std::atan2(r.s4, r.c4) * 180.0 / std::numbers::pi;
+        // The region's extent along its own axes: an upright crop of that needs no empty corners.
+        const double a = c.skewDegrees * std::numbers::pi / 180.0;
+        const double ca = std::cos(a);
+        const double sa = std::sin(a);
+        double u0 = 1e18, u1 = -1e18, v0 = 1e18, v1 = -1e18;
+        for (int cy = r.y0; cy <= r.y1; ++cy) {
+            for (int cx = r.x0; cx <= r.x1; ++cx) {
+                if (label[static_cast<size_t>(cy) * static_cast<size_t>(cols) + static_cast<size_t>(cx)] != r.id) {
+                    continue;
+                }
+                const double px = (cx + 0.5) * kCell;
+                const double py = (cy + 0.5) * kCell;
+                const double u = px * ca + py * sa;
+                const double v = -px * sa + py * ca;
+                u0 = std::min(u0, u);
+                u1 = std::max(u1, u);
+                v0 = std::min(v0, v);
+                v1 = std::max(v1, v);
+            }
+        }
+        const double uc = (u0 + u1) / 2;
+        const double vc = (v0 + v1) / 2;
+        c.centre = {uc * ca - vc * sa, uc * sa + vc * ca};
+        c.uprightWidth = u1 - u0 + kCell;
+        c.uprightHeight = v1 - v0 + kCell;
+        out.push_back(c);
+    }
+    return out;
+}
+
+bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w,
+                                     double h, uint32_t formats, std::vector<MachineCode>& codes) const {
+    // w x h is the region's upright extent at its measured skew; a slightly different angle needs a little more.
+    const double d = (skewDegrees - cand.skewDegrees) * std::numbers::pi / 180.0;
+    const double uprightW = w * std::abs(std::cos(d)) + h * std::abs(std::sin(d));
+    const double uprightH = w * std::abs(std::sin(d)) + h * std::abs(std::cos(d));
+    RotatedCrop crop;
+    crop.centre = cand.centre;
+    crop.angle = skewDegrees * std::numbers::pi / 180.0;
+    crop.scale = std::min(kCropEnlargement, kMaxCropSide / std::max(uprightW, uprightH));
+    if (std::abs(skewDegrees) < kSkewWorthRetry && crop.scale <= 1.0) {
+        return false;
+    }
+    crop.width = static_cast<int>(uprightW * crop.scale);
+    crop.height = static_cast<int>(uprightH * crop.scale);
+    for (MachineCode& c : readWithLibrary(crop.sample(image), formats, true)) {
+        for (CGPoint& p : c.corners) {
+            p = crop.toSource(p);
+        }
+        codes.push_back(std::move(c));
+    }
+    return !codes.empty();
+}
+
+std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
+    std::vector<MachineCode> codes;
+    if (image.empty() || _formats == 0) {
+        return codes;
+    }
+    try {
+        // PDF417 over the whole frame is slow and misses tilted or fine codes anyway: PDF417 codes are read from
+        // the candidate regions only. Linear codes are read in both directions.
+        const uint32_t pdf417 = bits(BarcodeFormat::PDF417);
+        codes = readWithLibrary(image, _formats & ~pdf417, (_formats & bits(BarcodeFormat::LinearCodes)) != 0);
+        const uint32_t secondLook = _formats & kSecondLookFormats;
+        int readsLeft = kMaxSecondLookReads;
+        std::vector<Hint> hints;
+        if (secondLook != 0) {
+            // Codes the first look read need no second one.
+            std::vector<CGRect> known;
+            for (const MachineCode& c : codes) {
+                known.push_back(boundsOf(c.corners));
+            }
+            for (const Candidate& cand : findCandidates(image, kMaxCandidates, known)) {
+                const double margin = 0.1 * std::max(cand.uprightWidth, cand.uprightHeight) + kCell;
+                const double w = cand.uprightWidth + 2 * margin;
+                const double h = cand.uprightHeight + 2 * margin;
+                // Fine modules bias the skew measure by a few degrees; neighbouring angles are tried next. A code
+                // read here in the previous frame is tried first at the angle it had then.
+                std::vector<double> angles;
+                for (const Hint& hint : _hints) {
+                    if (rectsOverlap(hint.box, cand.box) &&
+                        std::abs(hint.skewDegrees - cand.skewDegrees) <= kSkewSearchDegrees) {
+                        angles.push_back(hint.skewDegrees);
+                    }
+                }
+                const double skew =
+                    sharpestSkew(image, cand.centre, cand.uprightWidth, cand.uprightHeight, cand.skewDegrees);
+                for (double offset : kSkewRetryOffsets) {
+                    angles.push_back(skew + offset);
+                }
+                for (double tried : angles) {
+                    if (readsLeft-- <= 0) {
+                        break;
+                    }
+                    std::vector<MachineCode> found;
+                    if (!secondLookAt(image, cand, tried, w, h, secondLook, found)) {
+                        continue;
+                    }
+                    // The library's corners drift when the crop is still a little skewed; a crop turned by the
+                    // code's own measured angle gives exact ones.
+                    const MachineCode& first = found.front();
+                    double measured =
+                        std::atan2(first.corners[1].y - first.corners[0].y, first.corners[1].x - first.corners[0].x) *
+                        180.0 / std::numbers::pi;
+                    measured -= 90.0 * std::round((measured - tried) / 90.0);
+                    if (std::abs(measured - tried) > kSkewRefineThreshold) {
+                        std::vector<MachineCode> refined;
+                        if (secondLookAt(image, cand, measured, w, h, secondLook, refined)) {
+                            found = std::move(refined);
+                        }
+                    }
+                    hints.push_back({cand.box, std::abs(measured - tried) > kSkewRefineThreshold ? measured : tried});
+                    for (MachineCode& c : found) {
+                        const CGRect b = boundsOf(c.corners);
+                        const bool duplicate = std::any_of(codes.begin(), codes.end(), [&](const MachineCode& k) {
+                            return k.type == c.type && k.text == c.text && rectsOverlap(boundsOf(k.corners), b);
+                        });
+                        if (!duplicate) {
+                            codes.push_back(std::move(c));
+                        }
+                    }
+                    break;
+                }
+            }
+        }
+        _hints = std::move(hints);
+    } catch (...) {
+        // The library reports allocation failures by exception; the frame then yields no codes.
+        codes.clear();
+        _hints.clear();
+    }
+    std::sort(codes.begin(), codes.end(), [](const MachineCode& a, const MachineCode& b) {
+        const CGRect ra = boundsOf(a.corners);
+        const CGRect rb = boundsOf(b.corners);
+        return std::pair(ra.origin.y, ra.origin.x) < std::pair(rb.origin.y, rb.origin.x);
+    });
+    return codes;
+}
+
+} // namespace kp

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: MIT
+// The code reader of the metadata output: machine-readable codes with their text and upright corner order.
+#pragma once
+
+#include "Platform/Vision/LumaImage.h"
+
+#include "KPImage/Platform/AVCaptureTypes.h"
+#include "KPImage/Platform/Geometry.h"
+
+#include <array>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kp {
+
+/// One code found in a picture.
+struct MachineCode {
+    AVMetadataObjectType type;
+    /// The decoded text; empty when the content is binary.
+    std::optional<std::string> text;
+    /// Pixel corners (top-left origin): [0] bottom-left, [1] bottom-right, [2] top-right, [3] top-left of the code
+    /// as seen upright, whatever its rotation in the picture.
+    std::array<CGPoint, 4> corners{};
+};
+
+/// Reads the enabled symbologies with ZXing-cpp. PDF417 codes, and QR codes that the library misses on the whole
+/// frame, are read from code-like regions: textured regions with aligned edges are located, their skew is measured,
+/// and an upright, enlarged crop of each is read (the library loses PDF417 codes tilted by more than a few degrees
+/// or printed with fewer than three pixels per module); the corners are mapped back to the frame.
+/// An instance is used by one thread at a time (it remembers where the previous picture's codes were).
+class MachineCodeReader {
+public:
+    /// The code types the reader can find, in the order the metadata output offers them.
+    static const std::vector<AVMetadataObjectType>& supportedTypes();
+
+    /// A reader for the supported types among types (others are ignored).
+    explicit MachineCodeReader(const std::vector<AVMetadataObjectType>& types);
+
+    /// True when none of the types given is a code type.
+    bool empty() const { return _formats == 0; }
+    /// The codes in the picture, ordered by the top, then the left edge of their boxes; none on any failure.
+    std::vector<MachineCode> read(const LumaImage& image) const;
+
+    /// Where a region looks like a printed code (dense, aligned edges): pixel box, skew in degrees (-45, 45] (the
+    /// angle of the region's dominant edge direction, clockwise as seen) and its extent along its own axes.
+    struct Candidate {
+        CGRect box;
+        double skewDegrees = 0;
+        /// The region's centre and its extent along its own (skewed) axes, pixels.
+        CGPoint centre{};
+        double uprightWidth = 0;
+        double uprightHeight = 0;
+    };
+    /// The code-like regions of a picture outside the excluded boxes, largest first (at most maxCount).
+    static std::vector<Candidate> findCandidates(const LumaImage& image, size_t maxCount,
+                                                 const std::vector<CGRect>& excluded = {});
+
+private:
+    std::vector<MachineCode> readWithLibrary(const LumaImage& image, uint32_t formats, bool tryRotate) const;
+    // Reads an upright, enlarged crop of the candidate turned by skewDegrees into codes (source pixel corners);
+    // true if any was read.
+    bool secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w, double h,
+                      uint32_t formats, std::vector<MachineCode>& codes) const;
+    bool accept(uint32_t format, const std::string& text, AVMetadataObjectType& type) const;
+
+    // Where the previous picture's second look read a code, and at which skew: the next picture tries that first.
+    struct Hint {
+        CGRect box;
+        double skewDegrees;
+    };
+    mutable std::vector<Hint> _hints;
+    uint32_t _formats = 0; // ZXing::BarcodeFormat bits
+    std::vector<AVMetadataObjectType> _types;
+};
+
+} // namespace kp

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: MIT
+// The detectors of the metadata output together.
+#include "Platform/Vision/MetadataDetector.h"
+
+#include <algorithm>
+
+namespace kp {
+
+MetadataDetector::MetadataDetector(const std::vector<AVMetadataObjectType>& types, const std::string& modelPath,
+                                   LiveFaceTracker::Mode mode)
+    : _types(types), _codes(types) {
+    if (std::find(types.begin(), types.end(), AVMetadataObjectTypeFace) != types.end()) {
+        _faces = std::make_unique<LiveFaceTracker>(modelPath, mode);
+    }
+}
+
+void MetadataDetector::reset() {
+    if (_faces) {
+        _faces->reset();
+    }
+}
+
+std::vector<std::shared_ptr<AVMetadataObject>> MetadataDetector::detect(const LumaImage& picture, CMTime time,
+                                                                        CMTime duration) {
+    std::vector<std::shared_ptr<AVMetadataObject>> objects;
+    if (picture.empty()) {
+        return objects;
+    }
+    const double w = picture.width;
+    const double h = picture.height;
+    const auto normalised = [w, h](CGRect r) {
+        return CGRectMake(r.origin.x / w, r.origin.y / h, r.size.width / w, r.size.height / h);
+    };
+    if (_faces) {
+        for (const TrackedFace& f : _faces->track(picture)) {
+            AVMetadataFaceObject::Fields fields;
+            fields.time = time;
+            fields.duration = duration;
+            fields.bounds = normalised(f.bounds);
+            fields.faceID = f.faceID;
+            fields.hasRollAngle = f.hasRollAngle;
+            fields.rollAngle = f.rollAngle;
+            fields.hasYawAngle = f.hasYawAngle;
+            fields.yawAngle = f.yawAngle;
+            objects.push_back(AVMetadataFaceObject::create(fields));
+        }
+    }
+    if (!_codes.empty()) {
+        for (const MachineCode& c : _codes.read(picture)) {
+            AVMetadataMachineReadableCodeObject::Fields fields;
+            fields.type = c.type;
+            fields.time = time;
+            fields.duration = duration;
+            fields.stringValue = c.text;
+            double x0 = 1, y0 = 1, x1 = 0, y1 = 0;
+            for (const CGPoint& p : c.corners) {
+                const CGPoint n{std::clamp(p.x / w, 0.0, 1.0), std::clamp(p.y / h, 0.0, 1.0)};
+                fields.corners.push_back(CGPointCreateDictionaryRepresentation(n));
+                x0 = std::min(x0, n.x);
+                y0 = std::min(y0, n.y);
+                x1 = std::max(x1, n.x);
+                y1 = std::max(y1, n.y);
+            }
+            fields.bounds = CGRectMake(x0, y0, x1 - x0, y1 - y0);
+            objects.push_back(AVMetadataMachineReadableCodeObject::create(fields));
+        }
+    }
+    return objects;
+}
+
+} // namespace kp
