@@ -136,6 +136,8 @@ CGContextRef CGBitmapContextCreate(void* data, size_t width, size_t height, size
             return nullptr;
         }
         cairo_set_antialias(ctx->_cr, CAIRO_ANTIALIAS_DEFAULT);
+        // A new drawing context strokes one unit wide (Cairo's own default is two).
+        cairo_set_line_width(ctx->_cr, 1.0);
         return ctx;
     });
 }

@@ -177,3 +177,25 @@ TEST(Bitmap, ImagesTooWideToShowFailTheContext) {
         UIGraphicsEndImageContext();
     }
 }
+
+TEST(Bitmap, StrokesAreOneUnitWideUntilSetOtherwise) {
+    CGContextRef ctx = CGBitmapContextCreate(nullptr, 11, 10, 8, 0, CGColorSpaceCreateDeviceGray(), kCGImageAlphaNone);
+    ASSERT_TRUE(ctx);
+    ctx->setStrokeColor({1, 1, 1, 1});
+    ctx->moveToPoint(5.5, 0);
+    ctx->addLineToPoint(5.5, 10);
+    ctx->strokePath();
+    const auto* row = static_cast<const uint8_t*>(ctx->data()) + 4 * ctx->bytesPerRow();
+    EXPECT_EQ(row[5], 255);
+    EXPECT_EQ(row[4], 0);
+    EXPECT_EQ(row[6], 0);
+
+    ctx->setLineWidth(3);
+    ctx->moveToPoint(1.5, 0);
+    ctx->addLineToPoint(1.5, 10);
+    ctx->strokePath();
+    row = static_cast<const uint8_t*>(ctx->data()) + 4 * ctx->bytesPerRow(); // grey bytes are written back on read
+    EXPECT_EQ(row[0], 255);
+    EXPECT_EQ(row[2], 255);
+    EXPECT_EQ(row[3], 0);
+}
