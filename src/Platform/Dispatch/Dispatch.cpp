@@ -141,14 +141,16 @@ private:
 
 } // namespace
 
+// The process-wide queues are never destroyed: pool threads may still run (or post to them) while the process
+// exits, after static destructors have begun.
 dispatch_queue_t dispatch_get_main_queue() {
-    static const dispatch_queue_t queue = std::make_shared<MainQueue>();
-    return queue;
+    static const auto* queue = new dispatch_queue_t(std::make_shared<MainQueue>());
+    return *queue;
 }
 
 dispatch_queue_t dispatch_get_global_queue(long /*identifier*/, unsigned long /*flags*/) {
-    static const dispatch_queue_t queue = std::make_shared<GlobalQueue>("com.apple.root.default-qos");
-    return queue;
+    static const auto* queue = new dispatch_queue_t(std::make_shared<GlobalQueue>("com.apple.root.default-qos"));
+    return *queue;
 }
 
 dispatch_queue_t dispatch_queue_create(const char* label, dispatch_queue_attr_t /*attr*/) {
