@@ -145,10 +145,10 @@ std::optional<Screenshot> readXwd(const std::string& path) {
 
 bool green(Rgb c) { return c.g > 200 && c.r < 60 && c.b < 60; }
 
-// What the demo shows: the sample scene's orange space suit, and the circle (green outline and centre disc)
+// What the demo shows: the sample scene's ID card (its blue header band), and the circle (green outline and centre disc)
 // with a sector from the top clockwise once a second has passed.
 struct Verdict {
-    int orange = 0;
+    int cardBlue = 0;
     bool circle = false;
     bool sectorFromTheTop = false;
     double cx = 0, cy = 0;
@@ -161,8 +161,8 @@ Verdict judge(const Screenshot& shot) {
     for (uint32_t y = 0; y < shot.height; ++y) {
         for (uint32_t x = 0; x < shot.width; ++x) {
             const Rgb c = shot.at(int(x), int(y));
-            if (c.r > 170 && c.g > 50 && c.g < 150 && c.b < 90) {
-                ++v.orange;
+            if (c.b > 120 && c.r < 70 && c.g > 50 && c.g < 110) {
+                ++v.cardBlue;
             }
             if (green(c)) {
                 minX = std::min(minX, int(x)), maxX = std::max(maxX, int(x));
@@ -179,7 +179,7 @@ Verdict judge(const Screenshot& shot) {
     v.cx = cx;
     v.cy = cy;
     std::ostringstream s;
-    s << "circle at " << cx << "," << cy << " radius " << radius << ", " << v.orange << " orange pixels";
+    s << "circle at " << cx << "," << cy << " radius " << radius << ", " << v.cardBlue << " card-blue pixels";
     v.detail = s.str();
     v.circle = std::abs(radius - 68) <= 3 && std::abs((maxY - minY + 1) / 2.0 - radius) <= 3 &&
                green(shot.at(int(cx), int(cy))) && green(shot.at(int(cx + radius - 2), int(cy)));
@@ -261,7 +261,7 @@ TEST(DemoWindowThreaded, ScreenshotShowsTheCameraAndTheCountingCircle) {
         return false;
     };
     Verdict last;
-    ASSERT_TRUE(waitFor([](const Verdict& v) { return v.orange > 500 && v.circle && v.sectorFromTheTop; }, last))
+    ASSERT_TRUE(waitFor([](const Verdict& v) { return v.cardBlue > 300 && v.circle && v.sectorFromTheTop; }, last))
         << last.detail << (last.circle ? "" : "; no circle") << (last.sectorFromTheTop ? "" : "; no sector");
     // 480 x 320: the 140-point circle sits 16 points from the bottom-right corner.
     EXPECT_NEAR(last.cx, 480 - 16 - 70, 3);
