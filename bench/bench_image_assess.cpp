@@ -4,6 +4,8 @@
 #include "KPImage/Focus/ImageAssessKernels.h"
 #include "KPImage/Focus/ImageAssessReference.h"
 
+#include "BenchReport.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -120,63 +122,31 @@ void BM_VarianceOfLaplacian(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kFocusFrameBytes);
 }
 
-// Prints the console report and then the ratios between the measured times, so one run shows them. CPU time
-// per iteration is used (the machine may be shared); with repetitions, the median of the repetitions.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            const std::string name = run.run_name.function_name;
-            if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
-                _samples[name].push_back(run.cpu_accumulated_time / static_cast<double>(run.iterations));
-            } else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-                // Aggregates are reported per iteration already, in the run's time unit.
-                _medians[name] = run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
+// The ratios between the measured CPU times per frame (medians of repetitions).
+void compare(const kpbench::Times& seconds) {
+    auto time = [&](const std::string& name) { return kpbench::timeOf(seconds, name); };
+    const double assess = time("ImageAssess");
+    if (assess <= 0) {
+        return;
     }
-
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        std::map<std::string, double> seconds = _medians;
-        for (auto& [name, samples] : _samples) {
-            if (seconds.count(name) == 0) {
-                std::sort(samples.begin(), samples.end());
-                seconds[name] = samples[samples.size() / 2];
-            }
-        }
-        auto time = [&](const std::string& name) {
-            const auto it = seconds.find(name);
-            return it == seconds.end() ? 0.0 : it->second;
-        };
-        const double assess = time("ImageAssess");
-        if (assess <= 0) {
-            return;
-        }
-        std::printf("\nCPU time per frame (median of repetitions):\n");
-        for (const auto& [name, s] : seconds) {
-            std::printf("  %-28s %9.2f us\n", name.c_str(), s * 1e6);
-        }
-        std::printf("Ratios:\n");
-        std::printf("  speedup_vs_reference   %8.2f  (reference time / ImageAssess time; target >= 7)\n",
-                    time("ImageAssessReference") / assess);
-        std::printf("  ratio_to_memcpy        %8.2f  (ImageAssess time / memcpy of the frame; target <= 2)\n",
-                    assess / time("Memcpy"));
-        std::printf("  ratio_to_laplacian_var %8.3f  (ImageAssess time / variance of the Laplacian)\n",
-                    assess / time("VarianceOfLaplacian"));
-        for (const auto& [name, s] : seconds) {
-            if (name.rfind("ImageAssessKernel/", 0) == 0) {
-                std::printf("  %-22s %8.2f  (reference time / kernel time)\n", name.substr(18).c_str(),
-                            time("ImageAssessReference") / s);
-            }
+    std::printf("\nCPU time per frame (median of repetitions):\n");
+    for (const auto& [name, s] : seconds) {
+        std::printf("  %-28s %9.2f us\n", name.c_str(), s * 1e6);
+    }
+    std::printf("Ratios:\n");
+    std::printf("  speedup_vs_reference   %8.2f  (reference time / ImageAssess time; target >= 7)\n",
+                time("ImageAssessReference") / assess);
+    std::printf("  ratio_to_memcpy        %8.2f  (ImageAssess time / memcpy of the frame; target <= 2)\n",
+                assess / time("Memcpy"));
+    std::printf("  ratio_to_laplacian_var %8.3f  (ImageAssess time / variance of the Laplacian)\n",
+                assess / time("VarianceOfLaplacian"));
+    for (const auto& [name, s] : seconds) {
+        if (name.rfind("ImageAssessKernel/", 0) == 0) {
+            std::printf("  %-22s %8.2f  (reference time / kernel time)\n", name.substr(18).c_str(),
+                        time("ImageAssessReference") / s);
         }
     }
-
-private:
-    std::map<std::string, std::vector<double>> _samples;
-    std::map<std::string, double> _medians;
-};
+}
 
 } // namespace
 
@@ -194,12 +164,6 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark("Memcpy", BM_Memcpy)->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark("VarianceOfLaplacian", BM_VarianceOfLaplacian)->Unit(benchmark::kMicrosecond);
 
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    kpbench::TimesReporter reporter(kpbench::TimesReporter::Clock::Cpu, compare);
+    return kpbench::runBenchmarks(argc, argv, reporter);
 }

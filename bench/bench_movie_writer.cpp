@@ -4,6 +4,8 @@
 #include "KPImage/Platform/AVAssetWriter.h"
 #include "KPImage/Platform/CVPixelBuffer.h"
 
+#include "BenchReport.h"
+
 #include <benchmark/benchmark.h>
 
 #include <unistd.h>
@@ -151,40 +153,23 @@ void BM_WriterH264(benchmark::State& state) {
     }
 }
 
-// Prints the console report, then the writer's throughput against fwrite's and H.264's real-time factor.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && run.iterations > 0 && !run.error_occurred) {
-                _seconds[run.run_name.function_name] = run.real_accumulated_time / static_cast<double>(run.iterations);
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
+// The writer's throughput against fwrite's, and H.264's real-time factor (wall time: the disk and the writer's
+// thread are what is measured).
+void compare(const kpbench::Times& seconds) {
+    const auto time = [&](const char* name) { return kpbench::timeOf(seconds, name); };
+    std::printf("\nWall time for 10 s of 1280x720 at 30 fps:\n");
+    for (const auto& [name, s] : seconds) {
+        std::printf("  %-16s %8.3f s\n", name.c_str(), s);
     }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        const auto time = [&](const char* name) {
-            const auto it = _seconds.find(name);
-            return it == _seconds.end() ? 0.0 : it->second;
-        };
-        std::printf("\nWall time for 10 s of 1280x720 at 30 fps:\n");
-        for (const auto& [name, s] : _seconds) {
-            std::printf("  %-16s %8.3f s\n", name.c_str(), s);
-        }
-        if (time("WriterRaw") > 0 && time("Fwrite") > 0) {
-            std::printf("  raw_vs_fwrite      %6.2f  (writer throughput / fwrite throughput; target >= 0.8)\n",
-                        time("Fwrite") / time("WriterRaw"));
-        }
-        if (time("WriterH264") > 0) {
-            std::printf("  h264_realtime      %6.2f  (seconds of video per second of encoding on one core; target >= 1)\n",
-                        kVideoSeconds / time("WriterH264"));
-        }
+    if (time("WriterRaw") > 0 && time("Fwrite") > 0) {
+        std::printf("  raw_vs_fwrite      %6.2f  (writer throughput / fwrite throughput; target >= 0.8)\n",
+                    time("Fwrite") / time("WriterRaw"));
     }
-
-private:
-    std::map<std::string, double> _seconds;
-};
+    if (time("WriterH264") > 0) {
+        std::printf("  h264_realtime      %6.2f  (seconds of video per second of encoding on one core; target >= 1)\n",
+                    kVideoSeconds / time("WriterH264"));
+    }
+}
 
 } // namespace
 
@@ -192,14 +177,9 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark("WriterRaw", BM_WriterRaw)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
     benchmark::RegisterBenchmark("Fwrite", BM_Fwrite)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
     benchmark::RegisterBenchmark("WriterH264", BM_WriterH264)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    kpbench::TimesReporter reporter(kpbench::TimesReporter::Clock::Wall, compare);
+    const int status = kpbench::runBenchmarks(argc, argv, reporter);
     std::error_code error;
     fs::remove_all(fs::current_path() / ("kpimage-bench-" + std::to_string(getpid())), error);
-    return 0;
+    return status;
 }

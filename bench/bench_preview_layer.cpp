@@ -3,6 +3,8 @@
 // face box, code outline) into a 1280 x 720 surface, against a plain Cairo paint of the same frame.
 #include <KPImage/KPImage.h>
 
+#include "BenchReport.h"
+
 #include <benchmark/benchmark.h>
 #include <cairo.h>
 
@@ -111,40 +113,20 @@ void BM_PlainCairoPaint(benchmark::State& state, cairo_format_t format) {
     kp::CVPixelBufferUnlockBaseAddress(frame, kp::kCVPixelBufferLock_ReadOnly);
 }
 
-// Prints the ratios of the median CPU times per frame after the console report.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
-                _samples[run.run_name.function_name].push_back(run.cpu_accumulated_time / double(run.iterations));
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
+// The preview layer with its overlays against the plain paints (median CPU times per frame).
+void compare(const kpbench::Times& median) {
+    const double ours = kpbench::timeOf(median, "PreviewLayerWithOverlays");
+    std::printf("\nCPU time per frame (median):\n");
+    for (const auto& [name, t] : median) {
+        std::printf("  %-28s %9.1f us\n", name.c_str(), t * 1e6);
     }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        std::map<std::string, double> median;
-        for (auto& [name, s] : _samples) {
-            std::sort(s.begin(), s.end());
-            median[name] = s[s.size() / 2];
-        }
-        const double ours = median["PreviewLayerWithOverlays"];
-        std::printf("\nCPU time per frame (median):\n");
-        for (const auto& [name, t] : median) {
-            std::printf("  %-28s %9.1f us\n", name.c_str(), t * 1e6);
-        }
-        for (const char* peer : {"PlainCairoPaint/ARGB32", "PlainCairoPaint/RGB24"}) {
-            if (median[peer] > 0) {
-                std::printf("  ratio to %-22s %6.2f  (preview layer with overlays / plain paint; target <= 1.5)\n",
-                            peer, ours / median[peer]);
-            }
+    for (const char* peer : {"PlainCairoPaint/ARGB32", "PlainCairoPaint/RGB24"}) {
+        if (const double paint = kpbench::timeOf(median, peer); paint > 0) {
+            std::printf("  ratio to %-22s %6.2f  (preview layer with overlays / plain paint; target <= 1.5)\n",
+                        peer, ours / paint);
         }
     }
-
-private:
-    std::map<std::string, std::vector<double>> _samples;
-};
+}
 
 } // namespace
 
@@ -155,12 +137,6 @@ int main(int argc, char** argv) {
         ->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark("PlainCairoPaint/RGB24", BM_PlainCairoPaint, CAIRO_FORMAT_RGB24)
         ->Unit(benchmark::kMicrosecond);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    kpbench::TimesReporter reporter(kpbench::TimesReporter::Clock::Cpu, compare);
+    return kpbench::runBenchmarks(argc, argv, reporter);
 }
