@@ -65,6 +65,21 @@ inline kp::AVCaptureDevice::Ref cameraFromArgs(const Args& a, std::string& error
     return nullptr;
 }
 
+/// A session on the camera at the preset (by index, see presetForIndex), with the camera's input and no outputs;
+/// not yet running. Nil with error set when the camera cannot be used.
+inline std::shared_ptr<kp::AVCaptureSession> makeCameraSession(const kp::AVCaptureDevice::Ref& device,
+                                                               int32_t presetIndex, std::string& error) {
+    auto session = kp::AVCaptureSession::create();
+    session->setSessionPreset(presetForIndex(presetIndex));
+    auto input = kp::AVCaptureDeviceInput::deviceInputWithDevice(device);
+    if (!input || !session->canAddInput(input)) {
+        error = "cannot use camera " + device->uniqueID();
+        return nullptr;
+    }
+    session->addInput(input);
+    return session;
+}
+
 /// A session on the camera with a frame output delivering frames of the pixel format to the delegate on a serial
 /// "VideoDataOutputQueue", late frames discarded; not yet running. A runtime error is stored in runtimeError and
 /// stops the main run loop.
@@ -80,15 +95,10 @@ inline std::optional<FrameSession> makeFrameSession(
     const kp::AVCaptureDevice::Ref& device, int32_t presetIndex, kp::OSType pixelFormat,
     const std::shared_ptr<kp::AVCaptureVideoDataOutputSampleBufferDelegate>& delegate, std::string& error) {
     FrameSession s;
-    s.session = kp::AVCaptureSession::create();
-    s.session->setSessionPreset(presetForIndex(presetIndex));
-    kp::NSErrorRef inputError;
-    auto input = kp::AVCaptureDeviceInput::deviceInputWithDevice(device, &inputError);
-    if (!input || !s.session->canAddInput(input)) {
-        error = "cannot use camera " + device->uniqueID();
+    s.session = makeCameraSession(device, presetIndex, error);
+    if (!s.session) {
         return std::nullopt;
     }
-    s.session->addInput(input);
     s.output = kp::AVCaptureVideoDataOutput::create();
     s.output->setVideoSettings({{kp::kCVPixelBufferPixelFormatTypeKey, pixelFormat}});
     s.output->setAlwaysDiscardsLateVideoFrames(true);

@@ -50,14 +50,10 @@ int frames(const std::vector<std::string>& args) {
     const kp::OSType format =
         formatName == "BGRA" ? kp::kCVPixelFormatType_32BGRA : kp::kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
 
-    auto session = kp::AVCaptureSession::create();
-    session->setSessionPreset(presetForIndex(*presetIndex));
-    kp::NSErrorRef inputError;
-    auto input = kp::AVCaptureDeviceInput::deviceInputWithDevice(device, &inputError);
-    if (!input || !session->canAddInput(input)) {
-        return fail("cannot use camera " + device->uniqueID());
+    auto session = makeCameraSession(device, *presetIndex, error);
+    if (!session) {
+        return fail(error);
     }
-    session->addInput(input);
     auto output = kp::AVCaptureVideoDataOutput::create();
     output->setVideoSettings({{kp::kCVPixelBufferPixelFormatTypeKey, format}});
     output->setAlwaysDiscardsLateVideoFrames(true);

@@ -60,13 +60,10 @@ int metadata(const std::vector<std::string>& args) {
     if (!device) {
         return fail(error);
     }
-    auto session = kp::AVCaptureSession::create();
-    session->setSessionPreset(presetForIndex(*presetIndex));
-    auto input = kp::AVCaptureDeviceInput::deviceInputWithDevice(device);
-    if (!input || !session->canAddInput(input)) {
-        return fail("cannot use camera " + device->uniqueID());
+    auto session = makeCameraSession(device, *presetIndex, error);
+    if (!session) {
+        return fail(error);
     }
-    session->addInput(input);
     auto output = kp::AVCaptureMetadataOutput::create();
     session->addOutput(output);
     auto printer = std::make_shared<BatchPrinter>();

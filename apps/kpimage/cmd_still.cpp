@@ -41,13 +41,10 @@ int still(const std::vector<std::string>& args) {
         device->unlockForConfiguration();
     }
 
-    auto session = kp::AVCaptureSession::create();
-    session->setSessionPreset(presetForIndex(*presetIndex));
-    auto input = kp::AVCaptureDeviceInput::deviceInputWithDevice(device);
-    if (!input || !session->canAddInput(input)) {
-        return fail("cannot use camera " + device->uniqueID());
+    auto session = makeCameraSession(device, *presetIndex, error);
+    if (!session) {
+        return fail(error);
     }
-    session->addInput(input);
     auto stillOutput = kp::AVCaptureStillImageOutput::create();
     session->addOutput(stillOutput);
     session->startRunning();
