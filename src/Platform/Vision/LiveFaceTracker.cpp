@@ -87,6 +87,27 @@ struct Found {
     DlibFaceDetector::Landmarks pts{};
 };
 
+// A detector's rectangle in an image reduced by scale, or in crop when not null, as a box of frame pixels.
+CGRect boxOf(const dlib::rectangle& r, double scale, const RotatedCrop* crop) {
+    const double x0 = static_cast<double>(r.left());
+    const double y0 = static_cast<double>(r.top());
+    const double x1 = static_cast<double>(r.right() + 1);
+    const double y1 = static_cast<double>(r.bottom() + 1);
+    if (crop == nullptr) {
+        return CGRectMake(x0 / scale, y0 / scale, (x1 - x0) / scale, (y1 - y0) / scale);
+    }
+    // A turned face keeps its size; its box is centred where the turned box's centre falls.
+    const CGPoint c = crop->toSource({(x0 + x1) / 2, (y0 + y1) / 2});
+    const double w = (x1 - x0) / crop->scale;
+    const double h = (y1 - y0) / crop->scale;
+    return CGRectMake(c.x - w / 2, c.y - h / 2, w, h);
+}
+
+bool isKnown(const std::vector<Found>& known, CGRect box) {
+    return std::any_of(known.begin(), known.end(),
+                       [&](const Found& g) { return LiveFaceTracker::matchScore(g.box, box) > 0; });
+}
+
 } // namespace
 
 struct LiveFaceTracker::Impl {
@@ -114,14 +135,18 @@ struct LiveFaceTracker::Impl {
 
     void refineLandmarks(const LumaImage& frame, Found& f) const;
 
-    // Detections in img (already reduced by scale) mapped to frame pixels through crop (identity when null).
+    // Detections in img (already reduced by scale) mapped to frame pixels through crop (identity when null). Those
+    // that continue a detection in known are left out before their landmarks are fitted.
     std::vector<Found> detect(dlib::frontal_face_detector& by, const LumaImage& img, double scale,
-                              const RotatedCrop* crop) {
+                              const RotatedCrop* crop, const std::vector<Found>* known = nullptr) {
         std::vector<Found> found;
         toDlib(img, gray);
         for (const dlib::rectangle& r : by(gray, kDetectionMargin)) {
             Found f;
             DlibFaceDetector::Landmarks local{};
+            if (known != nullptr && isKnown(*known, boxOf(r, scale, crop))) {
+                continue;
+            }
             if (model) {
                 const dlib::full_object_detection shape = (*model)(gray, r);
                 for (unsigned long i = 0; i < 68; ++i) {
@@ -129,23 +154,10 @@ struct LiveFaceTracker::Impl {
                 }
                 f.hasLandmarks = true;
             }
-            const CGPoint corners[4] = {{static_cast<double>(r.left()), static_cast<double>(r.top())},
-                                        {static_cast<double>(r.right() + 1), static_cast<double>(r.top())},
-                                        {static_cast<double>(r.right() + 1), static_cast<double>(r.bottom() + 1)},
-                                        {static_cast<double>(r.left()), static_cast<double>(r.bottom() + 1)}};
             const auto map = [&](CGPoint p) {
                 return crop != nullptr ? crop->toSource(p) : CGPointMake(p.x / scale, p.y / scale);
             };
-            if (crop == nullptr) {
-                f.box = CGRectMake(corners[0].x / scale, corners[0].y / scale, (corners[2].x - corners[0].x) / scale,
-                                   (corners[2].y - corners[0].y) / scale);
-            } else {
-                // A turned face keeps its size; its box is centred where the turned box's centre falls.
-                const CGPoint c = map({(corners[0].x + corners[2].x) / 2, (corners[0].y + corners[2].y) / 2});
-                const double w = (corners[2].x - corners[0].x) / crop->scale;
-                const double h = (corners[2].y - corners[0].y) / crop->scale;
-                f.box = CGRectMake(c.x - w / 2, c.y - h / 2, w, h);
-            }
+            f.box = boxOf(r, scale, crop);
             for (size_t i = 0; i < 68 && f.hasLandmarks; ++i) {
                 f.pts[i] = map(local[i]);
             }
@@ -174,7 +186,8 @@ void LiveFaceTracker::Impl::refineLandmarks(const LumaImage& frame, Found& f) co
     toDlib(crop.sample(frame), upright);
     const long half = static_cast<long>(f.box.size.width * crop.scale / 2);
     const long c = crop.width / 2;
-    const dlib::full_object_detection shape = (*model)(upright, dlib::rectangle(c - half, c - half, c + half, c + half));
+    const dlib::full_object_detection shape =
+        (*model)(upright, dlib::rectangle(c - half, c - half, c + half, c + half));
     for (unsigned long i = 0; i < 68; ++i) {
         f.pts[i] = crop.toSource({static_cast<double>(shape.part(i).x()), static_cast<double>(shape.part(i).y())});
     }
@@ -285,12 +298,12 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             crop.centre = {b.origin.x + b.size.width / 2, b.origin.y + b.size.height / 2};
             crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize * kSearchAreaFactor / side);
             crop.width = crop.height = static_cast<int>(side * crop.scale);
-            addNew(_impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop));
+            addNew(_impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop, &found));
         }
         const double fine = detectionScale(frame.height);
         ++_impl->frameIndex;
         if (_impl->mode == Mode::Picture) {
-            addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, fine), fine, nullptr));
+            addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, fine), fine, nullptr, &found));
         } else if (_impl->tracks.empty() || _impl->frameIndex % kSearchEveryWhileTracking == 0) {
             // New faces: small ones at the fine scale in one tile, the tiles taking turns (they overlap by more
             // than the largest face of the fine levels), large ones over the whole frame at the scale of the level
@@ -298,9 +311,10 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             const uint64_t step = _impl->tileIndex++;
             if (step % kCoarseEvery == 0) {
                 const double coarse = fine * std::pow(kPyramidStep, static_cast<double>(kFineLevels));
-                addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, coarse), coarse, nullptr));
+                addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, coarse), coarse, nullptr, &found));
             }
-            const int overlap = static_cast<int>(std::ceil(kDetectorWindow / (fine * std::pow(kPyramidStep, kFineLevels))));
+            const int overlap =
+                static_cast<int>(std::ceil(kDetectorWindow / (fine * std::pow(kPyramidStep, kFineLevels))));
             const int cols = std::max(1, (frame.width + kTileColumnsDivisor - 1) / kTileColumnsDivisor);
             const int rows = std::max(1, (frame.height + kTileRowsDivisor - 1) / kTileRowsDivisor);
             const int tile = static_cast<int>(step % static_cast<uint64_t>(cols * rows));
@@ -315,7 +329,7 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             crop.scale = fine;
             crop.width = static_cast<int>((x1 - x0) * fine);
             crop.height = static_cast<int>((y1 - y0) * fine);
-            addNew(_impl->detect(_impl->fineDetector, crop.sample(frame), fine, &crop));
+            addNew(_impl->detect(_impl->fineDetector, crop.sample(frame), fine, &crop, &found));
         }
 
         // Tracks the upright detector lost are looked for again, turned by the roll steps.
