@@ -22,14 +22,21 @@ constexpr double kSmallestDetectableFace = 90.0;
 constexpr double kDetectionMargin = 0.5;
 // Small frames are enlarged at most this much for detection.
 constexpr double kMaxDetectionScale = 1.25;
-// Tracked faces are looked for at a scale that makes them about this many pixels wide.
-constexpr double kTrackedFaceSize = 130.0;
-// In video, the whole frame is searched at the fine scale divided by this (for large faces) every frame...
-constexpr double kCoarseFactor = 2.2;
-// ...and one tile at the fine scale per frame; tiles are about this many frame pixels wide and high.
+// dlib's detector scans a pyramid whose levels shrink by this factor; its window is kDetectorWindow pixels.
+constexpr double kPyramidStep = 5.0 / 6.0;
+constexpr double kDetectorWindow = 80.0;
+// Tracked faces are looked for at a scale that makes them about this many pixels wide, through this many pyramid
+// levels: the face may grow or shrink by about a third between analysed frames and still be found.
+constexpr double kTrackedFaceSize = 100.0;
+constexpr unsigned long kTrackedLevels = 4;
+// In video, new faces are looked for in steps: each step searches one tile of the frame at the fine scale through
+// the first kFineLevels levels (the small faces), and every kCoarseEvery-th step also the whole frame from the
+// level after those on (the large faces). Tiles are about this many frame pixels wide and high.
+constexpr unsigned long kFineLevels = 5;
+constexpr uint64_t kCoarseEvery = 1;
 constexpr int kTileColumnsDivisor = 330;
 constexpr int kTileRowsDivisor = 250;
-// While faces are tracked, the search for new ones runs in one frame of this many.
+// While faces are tracked, a step of the search for new ones runs in one frame of this many.
 constexpr uint64_t kSearchEveryWhileTracking = 4;
 // A lost track is looked for again in a square this many times its box, turned by these roll steps.
 constexpr double kSearchAreaFactor = 2.5;
@@ -60,7 +67,9 @@ double quantize(double degrees, double step) {
 }
 
 void toDlib(const LumaImage& img, dlib::array2d<unsigned char>& out) {
-    out.set_size(img.height, img.width);
+    if (out.nr() != img.height || out.nc() != img.width) {
+        out.set_size(img.height, img.width);
+    }
     for (int y = 0; y < img.height; ++y) {
         std::copy(img.row(y), img.row(y) + img.width, &out[y][0]);
     }
@@ -78,6 +87,27 @@ struct Found {
     DlibFaceDetector::Landmarks pts{};
 };
 
+// A detector's rectangle in an image reduced by scale, or in crop when not null, as a box of frame pixels.
+CGRect boxOf(const dlib::rectangle& r, double scale, const RotatedCrop* crop) {
+    const double x0 = static_cast<double>(r.left());
+    const double y0 = static_cast<double>(r.top());
+    const double x1 = static_cast<double>(r.right() + 1);
+    const double y1 = static_cast<double>(r.bottom() + 1);
+    if (crop == nullptr) {
+        return CGRectMake(x0 / scale, y0 / scale, (x1 - x0) / scale, (y1 - y0) / scale);
+    }
+    // A turned face keeps its size; its box is centred where the turned box's centre falls.
+    const CGPoint c = crop->toSource({(x0 + x1) / 2, (y0 + y1) / 2});
+    const double w = (x1 - x0) / crop->scale;
+    const double h = (y1 - y0) / crop->scale;
+    return CGRectMake(c.x - w / 2, c.y - h / 2, w, h);
+}
+
+bool isKnown(const std::vector<Found>& known, CGRect box) {
+    return std::any_of(known.begin(), known.end(),
+                       [&](const Found& g) { return LiveFaceTracker::matchScore(g.box, box) > 0; });
+}
+
 } // namespace
 
 struct LiveFaceTracker::Impl {
@@ -85,19 +115,38 @@ struct LiveFaceTracker::Impl {
     uint64_t frameIndex = 0;
     uint64_t tileIndex = 0;
     dlib::frontal_face_detector detector = dlib::get_frontal_face_detector();
+    // The same detector limited to the first few pyramid levels: faces of a known size range.
+    dlib::frontal_face_detector trackedDetector = limited(detector, kTrackedLevels);
+    dlib::frontal_face_detector fineDetector = limited(detector, kFineLevels);
     std::shared_ptr<const dlib::shape_predictor> model;
     std::vector<Track> tracks;
+    dlib::array2d<unsigned char> gray; // reused from search to search
+
+    static dlib::frontal_face_detector limited(const dlib::frontal_face_detector& d, unsigned long levels) {
+        dlib::frontal_face_detector::image_scanner_type scanner;
+        scanner.copy_configuration(d.get_scanner());
+        scanner.set_max_pyramid_levels(levels);
+        std::vector<dlib::frontal_face_detector::feature_vector_type> w;
+        for (unsigned long i = 0; i < d.num_detectors(); ++i) {
+            w.push_back(d.get_w(i));
+        }
+        return dlib::frontal_face_detector(scanner, d.get_overlap_tester(), w);
+    }
 
     void refineLandmarks(const LumaImage& frame, Found& f) const;
 
-    // Detections in img (already reduced by scale) mapped to frame pixels through crop (identity when null).
-    std::vector<Found> detect(const LumaImage& img, double scale, const RotatedCrop* crop) {
+    // Detections in img (already reduced by scale) mapped to frame pixels through crop (identity when null). Those
+    // that continue a detection in known are left out before their landmarks are fitted.
+    std::vector<Found> detect(dlib::frontal_face_detector& by, const LumaImage& img, double scale,
+                              const RotatedCrop* crop, const std::vector<Found>* known = nullptr) {
         std::vector<Found> found;
-        dlib::array2d<unsigned char> gray;
         toDlib(img, gray);
-        for (const dlib::rectangle& r : detector(gray, kDetectionMargin)) {
+        for (const dlib::rectangle& r : by(gray, kDetectionMargin)) {
             Found f;
             DlibFaceDetector::Landmarks local{};
+            if (known != nullptr && isKnown(*known, boxOf(r, scale, crop))) {
+                continue;
+            }
             if (model) {
                 const dlib::full_object_detection shape = (*model)(gray, r);
                 for (unsigned long i = 0; i < 68; ++i) {
@@ -105,23 +154,10 @@ struct LiveFaceTracker::Impl {
                 }
                 f.hasLandmarks = true;
             }
-            const CGPoint corners[4] = {{static_cast<double>(r.left()), static_cast<double>(r.top())},
-                                        {static_cast<double>(r.right() + 1), static_cast<double>(r.top())},
-                                        {static_cast<double>(r.right() + 1), static_cast<double>(r.bottom() + 1)},
-                                        {static_cast<double>(r.left()), static_cast<double>(r.bottom() + 1)}};
             const auto map = [&](CGPoint p) {
                 return crop != nullptr ? crop->toSource(p) : CGPointMake(p.x / scale, p.y / scale);
             };
-            if (crop == nullptr) {
-                f.box = CGRectMake(corners[0].x / scale, corners[0].y / scale, (corners[2].x - corners[0].x) / scale,
-                                   (corners[2].y - corners[0].y) / scale);
-            } else {
-                // A turned face keeps its size; its box is centred where the turned box's centre falls.
-                const CGPoint c = map({(corners[0].x + corners[2].x) / 2, (corners[0].y + corners[2].y) / 2});
-                const double w = (corners[2].x - corners[0].x) / crop->scale;
-                const double h = (corners[2].y - corners[0].y) / crop->scale;
-                f.box = CGRectMake(c.x - w / 2, c.y - h / 2, w, h);
-            }
+            f.box = boxOf(r, scale, crop);
             for (size_t i = 0; i < 68 && f.hasLandmarks; ++i) {
                 f.pts[i] = map(local[i]);
             }
@@ -146,11 +182,12 @@ void LiveFaceTracker::Impl::refineLandmarks(const LumaImage& frame, Found& f) co
     crop.angle = roll * std::numbers::pi / 180.0;
     crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize / std::max(1.0, f.box.size.width));
     crop.width = crop.height = static_cast<int>(kSearchAreaFactor * f.box.size.width * crop.scale);
-    dlib::array2d<unsigned char> gray;
-    toDlib(crop.sample(frame), gray);
+    dlib::array2d<unsigned char> upright;
+    toDlib(crop.sample(frame), upright);
     const long half = static_cast<long>(f.box.size.width * crop.scale / 2);
     const long c = crop.width / 2;
-    const dlib::full_object_detection shape = (*model)(gray, dlib::rectangle(c - half, c - half, c + half, c + half));
+    const dlib::full_object_detection shape =
+        (*model)(upright, dlib::rectangle(c - half, c - half, c + half, c + half));
     for (unsigned long i = 0; i < 68; ++i) {
         f.pts[i] = crop.toSource({static_cast<double>(shape.part(i).x()), static_cast<double>(shape.part(i).y())});
     }
@@ -261,22 +298,26 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             crop.centre = {b.origin.x + b.size.width / 2, b.origin.y + b.size.height / 2};
             crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize * kSearchAreaFactor / side);
             crop.width = crop.height = static_cast<int>(side * crop.scale);
-            addNew(_impl->detect(crop.sample(frame), crop.scale, &crop));
+            addNew(_impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop, &found));
         }
         const double fine = detectionScale(frame.height);
         ++_impl->frameIndex;
         if (_impl->mode == Mode::Picture) {
-            addNew(_impl->detect(LumaImageScaled(frame, fine), fine, nullptr));
+            addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, fine), fine, nullptr, &found));
         } else if (_impl->tracks.empty() || _impl->frameIndex % kSearchEveryWhileTracking == 0) {
-            // New faces: large ones over the whole frame at a coarse scale, small ones at the fine scale in one
-            // tile, the tiles taking turns (they overlap by more than a small face). While faces are tracked, new
-            // ones are looked for in every few frames only.
-            const double coarse = fine / kCoarseFactor;
-            addNew(_impl->detect(LumaImageScaled(frame, coarse), coarse, nullptr));
-            const int overlap = static_cast<int>(std::ceil(kCoarseFactor * kSmallestDetectableFace / fine));
+            // New faces: small ones at the fine scale in one tile, the tiles taking turns (they overlap by more
+            // than the largest face of the fine levels), large ones over the whole frame at the scale of the level
+            // after the fine ones, in every few steps. While faces are tracked, steps run in every few frames only.
+            const uint64_t step = _impl->tileIndex++;
+            if (step % kCoarseEvery == 0) {
+                const double coarse = fine * std::pow(kPyramidStep, static_cast<double>(kFineLevels));
+                addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, coarse), coarse, nullptr, &found));
+            }
+            const int overlap =
+                static_cast<int>(std::ceil(kDetectorWindow / (fine * std::pow(kPyramidStep, kFineLevels))));
             const int cols = std::max(1, (frame.width + kTileColumnsDivisor - 1) / kTileColumnsDivisor);
             const int rows = std::max(1, (frame.height + kTileRowsDivisor - 1) / kTileRowsDivisor);
-            const int tile = static_cast<int>(_impl->tileIndex++ % static_cast<uint64_t>(cols * rows));
+            const int tile = static_cast<int>(step % static_cast<uint64_t>(cols * rows));
             const int tw = (frame.width + cols - 1) / cols;
             const int th = (frame.height + rows - 1) / rows;
             const int x0 = std::max(0, (tile % cols) * tw - overlap / 2);
@@ -288,7 +329,7 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             crop.scale = fine;
             crop.width = static_cast<int>((x1 - x0) * fine);
             crop.height = static_cast<int>((y1 - y0) * fine);
-            addNew(_impl->detect(crop.sample(frame), fine, &crop));
+            addNew(_impl->detect(_impl->fineDetector, crop.sample(frame), fine, &crop, &found));
         }
 
         // Tracks the upright detector lost are looked for again, turned by the roll steps.
@@ -306,7 +347,7 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
                 crop.angle = roll * std::numbers::pi / 180.0;
                 crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize * kSearchAreaFactor / side);
                 crop.width = crop.height = static_cast<int>(side * crop.scale);
-                const auto again = _impl->detect(crop.sample(frame), crop.scale, &crop);
+                const auto again = _impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop);
                 if (!again.empty()) {
                     found.push_back(again.front());
                     break;

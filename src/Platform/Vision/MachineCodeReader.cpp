@@ -434,18 +434,10 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                         angles.push_back(hint.skewDegrees);
                     }
                 }
-                const double skew =
-                    sharpestSkew(image, cand.centre, cand.uprightWidth, cand.uprightHeight, cand.skewDegrees);
-                for (double offset : kSkewRetryOffsets) {
-                    angles.push_back(skew + offset);
-                }
-                for (double tried : angles) {
-                    if (readsLeft-- <= 0) {
-                        break;
-                    }
+                const auto attempt = [&](double tried) {
                     std::vector<MachineCode> found;
                     if (!secondLookAt(image, cand, tried, w, h, secondLook, found)) {
-                        continue;
+                        return false;
                     }
                     // The library's corners drift when the crop is still a little skewed; a crop turned by the
                     // code's own measured angle gives exact ones.
@@ -470,7 +462,23 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                             codes.push_back(std::move(c));
                         }
                     }
-                    break;
+                    return true;
+                };
+                // The skew is sharpened only when the previous frame's angles do not read.
+                bool read = false;
+                for (double tried : angles) {
+                    if (readsLeft-- <= 0 || (read = attempt(tried))) {
+                        break;
+                    }
+                }
+                if (!read && readsLeft > 0) {
+                    const double skew =
+                        sharpestSkew(image, cand.centre, cand.uprightWidth, cand.uprightHeight, cand.skewDegrees);
+                    for (double offset : kSkewRetryOffsets) {
+                        if (readsLeft-- <= 0 || attempt(skew + offset)) {
+                            break;
+                        }
+                    }
                 }
             }
         }
