@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <limits>
+#include <span>
 
 namespace kp {
 
@@ -93,5 +94,8 @@ CGPoint CGPointApplyAffineTransform(CGPoint p, CGAffineTransform t);
 CGSize CGSizeApplyAffineTransform(CGSize s, CGAffineTransform t);
 /// The bounding box of the transformed (standardised) rectangle.
 CGRect CGRectApplyAffineTransform(CGRect r, CGAffineTransform t);
+
+/// The smallest rectangle that holds every point; CGRectNull when there are none.
+CGRect boundingRectOfPoints(std::span<const CGPoint> points);
 
 } // namespace kp

@@ -205,12 +205,19 @@ CGRect CGRectApplyAffineTransform(CGRect r, CGAffineTransform t) {
         CGPointApplyAffineTransform({r.origin.x, r.origin.y + r.size.height}, t),
         CGPointApplyAffineTransform({r.origin.x + r.size.width, r.origin.y + r.size.height}, t),
     };
-    CGFloat x0 = corners[0].x, x1 = corners[0].x, y0 = corners[0].y, y1 = corners[0].y;
-    for (const CGPoint& c : corners) {
-        x0 = std::min(x0, c.x);
-        x1 = std::max(x1, c.x);
-        y0 = std::min(y0, c.y);
-        y1 = std::max(y1, c.y);
+    return boundingRectOfPoints(corners);
+}
+
+CGRect boundingRectOfPoints(std::span<const CGPoint> points) {
+    if (points.empty()) {
+        return CGRectNull;
+    }
+    CGFloat x0 = points[0].x, x1 = points[0].x, y0 = points[0].y, y1 = points[0].y;
+    for (const CGPoint& p : points) {
+        x0 = std::min(x0, p.x);
+        x1 = std::max(x1, p.x);
+        y0 = std::min(y0, p.y);
+        y1 = std::max(y1, p.y);
     }
     return {{x0, y0}, {x1 - x0, y1 - y0}};
 }

@@ -75,17 +75,6 @@ constexpr double kSkewRefineThreshold = 1.0;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
 
-CGRect boundsOf(const std::array<CGPoint, 4>& pts) {
-    double x0 = pts[0].x, x1 = pts[0].x, y0 = pts[0].y, y1 = pts[0].y;
-    for (const CGPoint& p : pts) {
-        x0 = std::min(x0, p.x);
-        x1 = std::max(x1, p.x);
-        y0 = std::min(y0, p.y);
-        y1 = std::max(y1, p.y);
-    }
-    return CGRectMake(x0, y0, x1 - x0, y1 - y0);
-}
-
 bool rectsOverlap(CGRect a, CGRect b) {
     return a.origin.x < b.origin.x + b.size.width && b.origin.x < a.origin.x + a.size.width &&
            a.origin.y < b.origin.y + b.size.height && b.origin.y < a.origin.y + a.size.height;
@@ -419,7 +408,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
             // Codes the first look read need no second one.
             std::vector<CGRect> known;
             for (const MachineCode& c : codes) {
-                known.push_back(boundsOf(c.corners));
+                known.push_back(boundingRectOfPoints(c.corners));
             }
             for (const Candidate& cand : findCandidates(image, kMaxCandidates, known)) {
                 const double margin = 0.1 * std::max(cand.uprightWidth, cand.uprightHeight) + kCell;
@@ -454,9 +443,10 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                     }
                     hints.push_back({cand.box, std::abs(measured - tried) > kSkewRefineThreshold ? measured : tried});
                     for (MachineCode& c : found) {
-                        const CGRect b = boundsOf(c.corners);
+                        const CGRect b = boundingRectOfPoints(c.corners);
                         const bool duplicate = std::any_of(codes.begin(), codes.end(), [&](const MachineCode& k) {
-                            return k.type == c.type && k.text == c.text && rectsOverlap(boundsOf(k.corners), b);
+                            return k.type == c.type && k.text == c.text &&
+                                   rectsOverlap(boundingRectOfPoints(k.corners), b);
                         });
                         if (!duplicate) {
                             codes.push_back(std::move(c));
@@ -489,8 +479,8 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
         _hints.clear();
     }
     std::sort(codes.begin(), codes.end(), [](const MachineCode& a, const MachineCode& b) {
-        const CGRect ra = boundsOf(a.corners);
-        const CGRect rb = boundsOf(b.corners);
+        const CGRect ra = boundingRectOfPoints(a.corners);
+        const CGRect rb = boundingRectOfPoints(b.corners);
         return std::pair(ra.origin.y, ra.origin.x) < std::pair(rb.origin.y, rb.origin.x);
     });
     return codes;

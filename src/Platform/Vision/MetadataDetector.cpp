@@ -52,16 +52,12 @@ std::vector<std::shared_ptr<AVMetadataObject>> MetadataDetector::detect(const Lu
             fields.time = time;
             fields.duration = duration;
             fields.stringValue = c.text;
-            double x0 = 1, y0 = 1, x1 = 0, y1 = 0;
+            std::vector<CGPoint> cornersInFrame;
             for (const CGPoint& p : c.corners) {
-                const CGPoint n{std::clamp(p.x / w, 0.0, 1.0), std::clamp(p.y / h, 0.0, 1.0)};
-                fields.corners.push_back(CGPointCreateDictionaryRepresentation(n));
-                x0 = std::min(x0, n.x);
-                y0 = std::min(y0, n.y);
-                x1 = std::max(x1, n.x);
-                y1 = std::max(y1, n.y);
+                cornersInFrame.push_back({std::clamp(p.x / w, 0.0, 1.0), std::clamp(p.y / h, 0.0, 1.0)});
+                fields.corners.push_back(CGPointCreateDictionaryRepresentation(cornersInFrame.back()));
             }
-            fields.bounds = CGRectMake(x0, y0, x1 - x0, y1 - y0);
+            fields.bounds = boundingRectOfPoints(cornersInFrame);
             objects.push_back(AVMetadataMachineReadableCodeObject::create(fields));
         }
     }
