@@ -9,6 +9,7 @@
 #include "KPImage/Platform/NSURL.h"
 #include "KPImage/Platform/UIImage.h"
 #include "KPImage/Platform/UIPhotoAlbum.h"
+#include "KPImage/SharedField.h"
 
 #include <atomic>
 #include <cstdint>
@@ -18,24 +19,6 @@
 #include <string>
 
 namespace kp {
-
-/// A shared object field read and written from several threads: each load and store is whole (what an atomic
-/// shared pointer gives), with no ordering beyond that.
-template <typename T> class SharedField {
-public:
-    std::shared_ptr<T> load() const {
-        std::lock_guard lock(_mutex);
-        return _value;
-    }
-    void store(std::shared_ptr<T> value) {
-        std::lock_guard lock(_mutex);
-        _value.swap(value);
-    }
-
-private:
-    mutable std::mutex _mutex;
-    std::shared_ptr<T> _value;
-};
 
 /// Records the raw camera stream to "FrontCardData%d.mov" in the working folder "SavedCameraData" of the documents
 /// directory, hands each finished movie to the photo album and then empties the folder; saves still images to the
