@@ -9,10 +9,32 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <ctime>
 #include <thread>
 
 namespace kp {
+
+namespace {
+
+// The worker starts an analysis at most kMaxAnalysesPerSecond times a second, and after each one rests until the
+// analysis has used at most kMaxCoreShare of one core's time since it started: analyses of up to 16.7 ms of
+// processor time keep the full rate (every second frame of a 30 fps camera), dearer ones lower it (40 ms: six a
+// second), so detection never takes more than a quarter of a core whatever the machine and the picture.
+constexpr double kMaxAnalysesPerSecond = 15.0;
+constexpr double kMaxCoreShare = 0.25;
+// A stop from another thread waits this long at most for a delegate call in progress: a delegate that waits for
+// the stopping session itself is not waited for (it was called before the stop and has not returned).
+constexpr auto kDeliveryWait = std::chrono::milliseconds(500);
+
+double threadCpuSeconds() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+} // namespace
 
 // Holds at most one waiting frame; a newer one replaces it. The thread starts with the first frame and lives as
 // long as the output. Everything below the lock is touched by the worker thread only.
@@ -46,34 +68,75 @@ public:
         _wake.notify_one();
     }
 
-    // The stream ended: the waiting frame is dropped and results of the old stream are no longer delivered.
+    // The stream ended: the waiting frame is dropped and results of the old stream are no longer delivered. A
+    // delegate call of the old stream in progress on another thread is waited for, so none is made after this
+    // returns (a call from within the delegate itself does not wait for its own delivery).
     void streamStopped() {
-        std::lock_guard lock(_mutex);
+        {
+            std::lock_guard lock(_mutex);
+            _pending.reset();
+        }
+        std::unique_lock lock(_deliveryMutex);
         _stream.fetch_add(1, std::memory_order_acq_rel);
-        _pending.reset();
+        const auto self = std::this_thread::get_id();
+        _delivered.wait_for(lock, kDeliveryWait, [&] {
+            return std::all_of(_delivering.begin(), _delivering.end(), [&](std::thread::id id) { return id == self; });
+        });
     }
 
     bool isCurrent(uint64_t stream) const { return _stream.load(std::memory_order_acquire) == stream; }
+
+    // Delivery of a batch of the given stream on the calling thread: false (and nothing to end) when the stream
+    // has ended; a stop waits until the delivery ends.
+    bool beginDelivery(uint64_t stream) {
+        std::lock_guard lock(_deliveryMutex);
+        if (!isCurrent(stream)) {
+            return false;
+        }
+        _delivering.push_back(std::this_thread::get_id());
+        return true;
+    }
+    void endDelivery() {
+        {
+            std::lock_guard lock(_deliveryMutex);
+            const auto it = std::find(_delivering.begin(), _delivering.end(), std::this_thread::get_id());
+            if (it != _delivering.end()) {
+                _delivering.erase(it);
+            }
+        }
+        _delivered.notify_all();
+    }
 
     std::atomic<uint64_t> analysed{0};
     std::atomic<uint64_t> batches{0};
 
 private:
     void run() {
+        auto notBefore = std::chrono::steady_clock::now();
         for (;;) {
             CMSampleBufferRef frame;
             uint64_t stream = 0;
             {
                 std::unique_lock lock(_mutex);
+                // A frame, then the end of the rest: frames arriving meanwhile replace the waiting one.
                 _wake.wait(lock, [this] { return _quit || _pending; });
+                _wake.wait_until(lock, notBefore, [this] { return _quit; });
                 if (_quit) {
                     return;
+                }
+                if (!_pending) {
+                    continue; // the stream stopped during the rest
                 }
                 frame = std::move(_pending);
                 _pending.reset();
                 stream = _pendingStream;
             }
-            analyse(frame, stream);
+            const auto start = std::chrono::steady_clock::now();
+            const double cpuStart = threadCpuSeconds();
+            analyse(std::move(frame), stream);
+            const double busy = threadCpuSeconds() - cpuStart;
+            notBefore = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(
+                                    std::max(1.0 / kMaxAnalysesPerSecond, busy / kMaxCoreShare)));
         }
     }
 
@@ -115,9 +178,13 @@ private:
         std::weak_ptr<AVCaptureOutput> weak = _owner.weak_from_this();
         queue->async([weak, stream, objects = std::move(objects)] {
             auto self = std::static_pointer_cast<AVCaptureMetadataOutput>(weak.lock());
-            if (!self || !self->_worker->isCurrent(stream)) {
+            if (!self || !self->_worker->beginDelivery(stream)) {
                 return;
             }
+            struct End {
+                Worker& worker;
+                ~End() { worker.endDelivery(); }
+            } end{*self->_worker};
             if (auto delegate = self->metadataObjectsDelegate()) {
                 delegate->captureOutput(self, objects, self->connection());
             }
@@ -132,6 +199,10 @@ private:
     bool _quit = false;
     std::thread _thread;
     std::atomic<uint64_t> _stream{1};
+    // The threads delivering a batch right now (a serial delegate queue has at most one).
+    std::mutex _deliveryMutex;
+    std::condition_variable _delivered;
+    std::vector<std::thread::id> _delivering;
 
     std::unique_ptr<MetadataDetector> _detector;
     uint64_t _lastStream = 0;

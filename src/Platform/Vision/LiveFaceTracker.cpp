@@ -15,8 +15,8 @@ namespace kp {
 
 namespace {
 
-// The detector's window finds faces from about this many pixels up.
-constexpr double kSmallestDetectableFace = 90.0;
+// The detector's 80-pixel window finds faces from about that size up: the smallest faces are scaled to it.
+constexpr double kSmallestDetectableFace = 80.0;
 // Detections must score this much above the HOG model's threshold: video shows codes, text and patterns that
 // pass for faces at the still-image detector's margin.
 constexpr double kDetectionMargin = 0.5;
@@ -27,19 +27,22 @@ constexpr double kPyramidStep = 5.0 / 6.0;
 constexpr double kDetectorWindow = 80.0;
 // Tracked faces are looked for at a scale that makes them about this many pixels wide, through this many pyramid
 // levels: the face may grow or shrink by about a third between analysed frames and still be found.
-constexpr double kTrackedFaceSize = 100.0;
+constexpr double kTrackedFaceSize = 90.0;
 constexpr unsigned long kTrackedLevels = 4;
 // In video, new faces are looked for in steps: each step searches one tile of the frame at the fine scale through
 // the first kFineLevels levels (the small faces), and every kCoarseEvery-th step also the whole frame from the
 // level after those on (the large faces). Tiles are about this many frame pixels wide and high.
 constexpr unsigned long kFineLevels = 5;
-constexpr uint64_t kCoarseEvery = 1;
+constexpr uint64_t kCoarseEvery = 2;
 constexpr int kTileColumnsDivisor = 330;
 constexpr int kTileRowsDivisor = 250;
-// While faces are tracked, a step of the search for new ones runs in one frame of this many.
-constexpr uint64_t kSearchEveryWhileTracking = 4;
+// A step of the search for new faces runs in one frame of this many while faces are tracked, and in one of
+// kSearchEveryWithoutFaces otherwise: with the coarse pass in every kCoarseEvery-th step, a large new face shows
+// within four frames and the smallest within one round of the tiles.
+constexpr uint64_t kSearchEveryWhileTracking = 8;
+constexpr uint64_t kSearchEveryWithoutFaces = 2;
 // A lost track is looked for again in a square this many times its box, turned by these roll steps.
-constexpr double kSearchAreaFactor = 2.5;
+constexpr double kSearchAreaFactor = 2.0;
 constexpr double kRecoveryRolls[] = {15.0, -15.0, 30.0, -30.0};
 // Landmarks of a head tilted by more than this (degrees) are fitted again on a crop turned upright.
 constexpr double kRefineRollDegrees = 5.0;
@@ -112,8 +115,8 @@ bool isKnown(const std::vector<Found>& known, CGRect box) {
 
 struct LiveFaceTracker::Impl {
     Mode mode = Mode::Video;
-    uint64_t frameIndex = 0;
     uint64_t tileIndex = 0;
+    uint64_t framesSinceSearch = kSearchEveryWhileTracking; // the first frame searches
     dlib::frontal_face_detector detector = dlib::get_frontal_face_detector();
     // The same detector limited to the first few pyramid levels: faces of a known size range.
     dlib::frontal_face_detector trackedDetector = limited(detector, kTrackedLevels);
@@ -301,10 +304,11 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             addNew(_impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop, &found));
         }
         const double fine = detectionScale(frame.height);
-        ++_impl->frameIndex;
         if (_impl->mode == Mode::Picture) {
             addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, fine), fine, nullptr, &found));
-        } else if (_impl->tracks.empty() || _impl->frameIndex % kSearchEveryWhileTracking == 0) {
+        } else if (++_impl->framesSinceSearch >=
+                   (_impl->tracks.empty() ? kSearchEveryWithoutFaces : kSearchEveryWhileTracking)) {
+            _impl->framesSinceSearch = 0;
             // New faces: small ones at the fine scale in one tile, the tiles taking turns (they overlap by more
             // than the largest face of the fine levels), large ones over the whole frame at the scale of the level
             // after the fine ones, in every few steps. While faces are tracked, steps run in every few frames only.
