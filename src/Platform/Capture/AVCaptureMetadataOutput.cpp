@@ -135,8 +135,9 @@ private:
             const double cpuStart = threadCpuSeconds();
             analyse(std::move(frame), stream);
             const double busy = threadCpuSeconds() - cpuStart;
-            notBefore = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(
-                                    std::max(1.0 / kMaxAnalysesPerSecond, busy / kMaxCoreShare)));
+            notBefore =
+                start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                            std::chrono::duration<double>(std::max(1.0 / kMaxAnalysesPerSecond, busy / kMaxCoreShare)));
         }
     }
 

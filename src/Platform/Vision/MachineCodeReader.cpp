@@ -70,10 +70,39 @@ constexpr double kSkewRetryOffsets[] = {0.0, 3.0, -3.0};
 // The skew is sharpened within this many degrees of the edge-direction estimate, in these steps.
 constexpr double kSkewSearchDegrees = 7.0;
 constexpr double kSkewSearchStep = 1.0;
-// A code read at an angle this far (degrees) from its own is read again at its own.
-constexpr double kSkewRefineThreshold = 1.0;
+// A code read at an angle this far (degrees) from its own is read again at its own: the library's corners drift
+// with the crop's remaining skew (by about 3 pixels at 2.5 degrees, too little to pay a second read for).
+constexpr double kSkewRefineThreshold = 3.0;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
+// A region where no angle read is left alone for this many pictures (text and patterns stay where they are from
+// frame to frame; a code that appears there is read at most this many pictures late).
+constexpr int kFailedRegionRest = 3;
+// A failed region and a candidate are the same place when their boxes overlap by this much (intersection over
+// union: a small region next to or inside a code's is another place).
+constexpr double kSameRegionOverlap = 0.5;
+
+double intersectionOverUnion(CGRect a, CGRect b) {
+    const double w = std::min(a.origin.x + a.size.width, b.origin.x + b.size.width) - std::max(a.origin.x, b.origin.x);
+    const double h =
+        std::min(a.origin.y + a.size.height, b.origin.y + b.size.height) - std::max(a.origin.y, b.origin.y);
+    if (!(w > 0 && h > 0)) {
+        return 0.0;
+    }
+    const double inter = w * h;
+    return inter / (a.size.width * a.size.height + b.size.width * b.size.height - inter);
+}
+
+// Whether four corners (bottom-left, bottom-right, top-right, top-left) make opposite sides of about the same
+// length and direction, as a code seen roughly face-on does.
+bool isNearRectangle(const std::array<CGPoint, 4>& c) {
+    const auto sideGap = [](CGPoint a0, CGPoint a1, CGPoint b0, CGPoint b1) {
+        const double ax = a1.x - a0.x, ay = a1.y - a0.y, bx = b1.x - b0.x, by = b1.y - b0.y;
+        return std::hypot(ax - bx, ay - by) / std::max(1.0, std::max(std::hypot(ax, ay), std::hypot(bx, by)));
+    };
+    constexpr double kTolerance = 0.15;
+    return sideGap(c[0], c[1], c[3], c[2]) <= kTolerance && sideGap(c[0], c[3], c[1], c[2]) <= kTolerance;
+}
 
 bool rectsOverlap(CGRect a, CGRect b) {
     return a.origin.x < b.origin.x + b.size.width && b.origin.x < a.origin.x + a.size.width &&
@@ -404,6 +433,12 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
         const uint32_t secondLook = _formats & kSecondLookFormats;
         int readsLeft = kMaxSecondLookReads;
         std::vector<Hint> hints;
+        std::vector<Rest> resting;
+        for (Rest r : _resting) {
+            if (--r.pictures > 0) {
+                resting.push_back(r);
+            }
+        }
         if (secondLook != 0) {
             // Codes the first look read need no second one.
             std::vector<CGRect> known;
@@ -411,6 +446,14 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 known.push_back(boundingRectOfPoints(c.corners));
             }
             for (const Candidate& cand : findCandidates(image, kMaxCandidates, known)) {
+                // A region that no angle read in the last pictures rests, unless a code was read there last time.
+                const bool hinted = std::any_of(_hints.begin(), _hints.end(),
+                                                [&](const Hint& hint) { return rectsOverlap(hint.box, cand.box); });
+                if (!hinted && std::any_of(_resting.begin(), _resting.end(), [&](const Rest& r) {
+                        return r.pictures > 1 && intersectionOverUnion(r.box, cand.box) >= kSameRegionOverlap;
+                    })) {
+                    continue;
+                }
                 const double margin = 0.1 * std::max(cand.uprightWidth, cand.uprightHeight) + kCell;
                 const double w = cand.uprightWidth + 2 * margin;
                 const double h = cand.uprightHeight + 2 * margin;
@@ -428,20 +471,30 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                     if (!secondLookAt(image, cand, tried, w, h, secondLook, found)) {
                         return false;
                     }
-                    // The library's corners drift when the crop is still a little skewed; a crop turned by the
-                    // code's own measured angle gives exact ones.
-                    const MachineCode& first = found.front();
-                    double measured =
-                        std::atan2(first.corners[1].y - first.corners[0].y, first.corners[1].x - first.corners[0].x) *
-                        180.0 / std::numbers::pi;
-                    measured -= 90.0 * std::round((measured - tried) / 90.0);
-                    if (std::abs(measured - tried) > kSkewRefineThreshold) {
+                    // The library's corners drift when the crop is still skewed, and now and then it reports a
+                    // skewed code's far corners at the wrong end; a crop turned by the code's own measured angle
+                    // gives exact ones. The next picture starts from the code's own angle.
+                    // The angle of the code's bottom edge, or of its left edge when the far corners are off.
+                    const auto angleOf = [](const MachineCode& code, double near) {
+                        const auto& c = code.corners;
+                        const bool square = isNearRectangle(c);
+                        const CGPoint from = c[0];
+                        const CGPoint to = square ? c[1] : c[3];
+                        double a = std::atan2(to.y - from.y, to.x - from.x) * 180.0 / std::numbers::pi;
+                        a += square ? 0.0 : 90.0;
+                        return a - 90.0 * std::round((a - near) / 90.0);
+                    };
+                    const double measured = angleOf(found.front(), tried);
+                    if (std::abs(measured - tried) > kSkewRefineThreshold || !isNearRectangle(found.front().corners)) {
                         std::vector<MachineCode> refined;
-                        if (secondLookAt(image, cand, measured, w, h, secondLook, refined)) {
+                        if (secondLookAt(image, cand, measured, w, h, secondLook, refined) &&
+                            isNearRectangle(refined.front().corners)) {
                             found = std::move(refined);
                         }
                     }
-                    hints.push_back({cand.box, std::abs(measured - tried) > kSkewRefineThreshold ? measured : tried});
+                    // A crop that only shows again a code read already (a neighbour within the margin) reads
+                    // nothing new: the region's own code is looked for further.
+                    size_t added = 0;
                     for (MachineCode& c : found) {
                         const CGRect b = boundingRectOfPoints(c.corners);
                         const bool duplicate = std::any_of(codes.begin(), codes.end(), [&](const MachineCode& k) {
@@ -450,9 +503,13 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                         });
                         if (!duplicate) {
                             codes.push_back(std::move(c));
+                            ++added;
                         }
                     }
-                    return true;
+                    if (added > 0) {
+                        hints.push_back({cand.box, measured});
+                    }
+                    return added > 0;
                 };
                 // The skew is sharpened only when the previous frame's angles do not read.
                 bool read = false;
@@ -464,19 +521,29 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 if (!read && readsLeft > 0) {
                     const double skew =
                         sharpestSkew(image, cand.centre, cand.uprightWidth, cand.uprightHeight, cand.skewDegrees);
+                    bool tried = false;
                     for (double offset : kSkewRetryOffsets) {
-                        if (readsLeft-- <= 0 || attempt(skew + offset)) {
+                        if (readsLeft-- <= 0) {
                             break;
                         }
+                        tried = true;
+                        if ((read = attempt(skew + offset))) {
+                            break;
+                        }
+                    }
+                    if (tried && !read) {
+                        resting.push_back({cand.box, kFailedRegionRest});
                     }
                 }
             }
         }
         _hints = std::move(hints);
+        _resting = std::move(resting);
     } catch (...) {
         // The library reports allocation failures by exception; the frame then yields no codes.
         codes.clear();
         _hints.clear();
+        _resting.clear();
     }
     std::sort(codes.begin(), codes.end(), [](const MachineCode& a, const MachineCode& b) {
         const CGRect ra = boundingRectOfPoints(a.corners);

@@ -28,7 +28,8 @@ struct MachineCode {
 /// frame, are read from code-like regions: textured regions with aligned edges are located, their skew is measured,
 /// and an upright, enlarged crop of each is read (the library loses PDF417 codes tilted by more than a few degrees
 /// or printed with fewer than three pixels per module); the corners are mapped back to the frame.
-/// An instance is used by one thread at a time (it remembers where the previous picture's codes were).
+/// An instance is used by one thread at a time (it remembers where the previous pictures' codes were, and where
+/// code-like regions held none: those are left alone for a few pictures).
 class MachineCodeReader {
 public:
     /// The code types the reader can find, in the order the metadata output offers them.
@@ -70,6 +71,12 @@ private:
         double skewDegrees;
     };
     mutable std::vector<Hint> _hints;
+    // Where no angle read a code, and for how many more pictures that region is left alone.
+    struct Rest {
+        CGRect box;
+        int pictures;
+    };
+    mutable std::vector<Rest> _resting;
     uint32_t _formats = 0; // ZXing::BarcodeFormat bits
     std::vector<AVMetadataObjectType> _types;
 };

@@ -269,8 +269,8 @@ TEST(CaptureMetadataOutput, StopFromAnotherThreadEndsDeliveryBeforeItReturns) {
         NSThread::sleepForTimeInterval(0.05);
         main.drain();
         if (!asking) {
-            EXPECT_EQ(slow->lateCalls, lateBefore) << "a batch was delivered after stopRunning returned, round "
-                                                   << round;
+            EXPECT_EQ(slow->lateCalls, lateBefore)
+                << "a batch was delivered after stopRunning returned, round " << round;
         }
     }
     EXPECT_GE(slow->calls, kRounds);

@@ -140,3 +140,41 @@ TEST(MachineCodeReader, FindsNothingWithoutCodes) {
     EXPECT_TRUE(reader.read(stripes).empty());
     EXPECT_TRUE(reader.read(LumaImage{}).empty());
 }
+
+TEST(MachineCodeReader, FollowsACodeFromPictureToPicture) {
+    // Each picture starts from the angle the previous one read at: a code turning on still reads, with its
+    // corners where they are, not where a still skewed crop puts them.
+    for (double module : {1.5, 2.0}) {
+        for (double tilt = -25; tilt <= 20; tilt += 5) {
+            SCOPED_TRACE(testing::Message() << "module " << module << ", tilt " << tilt);
+            const MachineCodeReader reader(kCardTypes);
+            const auto first = kptest::renderCode(CodeKind::PDF417, kptest::licenceText(), 1280, 720,
+                                                  {640, 360, tilt, module, 0.3, 4.0, 3});
+            EXPECT_TRUE(readsOne(reader, first, AVMetadataObjectTypePDF417Code, kptest::licenceText()));
+            const auto next = kptest::renderCode(CodeKind::PDF417, kptest::licenceText(), 1280, 720,
+                                                 {650, 365, tilt + 2.5, module, 0.3, 4.0, 4});
+            EXPECT_TRUE(readsOne(reader, next, AVMetadataObjectTypePDF417Code, kptest::licenceText()));
+        }
+    }
+}
+
+TEST(MachineCodeReader, ReadsACodeThatAppearsWhereNoneWasWithinAFewPictures) {
+    // Stripes look like a code but hold none: the region is left alone for a few pictures; a code printed there
+    // meanwhile is read all the same once its rest is over.
+    const MachineCodeReader reader(kCardTypes);
+    LumaImage stripes;
+    ASSERT_TRUE(stripes.resize(1280, 720));
+    for (int y = 0; y < stripes.height; ++y) {
+        for (int x = 0; x < stripes.width; ++x) {
+            const bool inside = x > 440 && x < 840 && y > 260 && y < 460;
+            stripes.row(y)[x] = inside && ((x / 3) % 2 == 0) != ((y / 9) % 2 == 0) ? 30 : 220;
+        }
+    }
+    EXPECT_TRUE(reader.read(stripes).empty());
+    const auto code = kptest::renderCode(CodeKind::PDF417, kptest::licenceText(), 1280, 720, {640, 360, 10, 2.0});
+    bool read = false;
+    for (int picture = 0; picture < 3 && !read; ++picture) {
+        read = readsOne(reader, code, AVMetadataObjectTypePDF417Code, kptest::licenceText());
+    }
+    EXPECT_TRUE(read);
+}
