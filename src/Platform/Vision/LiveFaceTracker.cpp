@@ -26,9 +26,10 @@ constexpr double kMaxDetectionScale = 1.25;
 constexpr double kPyramidStep = 5.0 / 6.0;
 constexpr double kDetectorWindow = 80.0;
 // Tracked faces are looked for at a scale that makes them about this many pixels wide, through this many pyramid
-// levels: the face may grow or shrink by about a third between analysed frames and still be found.
+// levels (windows of 80 to 115 pixels): the face may shrink by a tenth or grow by a quarter between analysed frames
+// (a fifteenth of a second apart at the worker's full rate) and still be found.
 constexpr double kTrackedFaceSize = 90.0;
-constexpr unsigned long kTrackedLevels = 4;
+constexpr unsigned long kTrackedLevels = 3;
 // In video, new faces are looked for in steps: each step searches one tile of the frame at the fine scale through
 // the first kFineLevels levels (the small faces), and every kCoarseEvery-th step also the whole frame from the
 // level after those on (the large faces). Tiles are about this many frame pixels wide and high.
@@ -37,11 +38,13 @@ constexpr uint64_t kCoarseEvery = 2;
 constexpr int kTileColumnsDivisor = 330;
 constexpr int kTileRowsDivisor = 250;
 // A step of the search for new faces runs in one frame of this many while faces are tracked, and in one of
-// kSearchEveryWithoutFaces otherwise: with the coarse pass in every kCoarseEvery-th step, a large new face shows
-// within four frames and the smallest within one round of the tiles.
-constexpr uint64_t kSearchEveryWhileTracking = 8;
+// kSearchEveryWithoutFaces otherwise: with the coarse pass in every kCoarseEvery-th step, a new face of more than
+// about a quarter of the frame's height shows within four frames of an empty scene (a quarter of a second at 15
+// analysed frames a second), the smallest within one round of the tiles (24 frames).
+constexpr uint64_t kSearchEveryWhileTracking = 12;
 constexpr uint64_t kSearchEveryWithoutFaces = 2;
-// A lost track is looked for again in a square this many times its box, turned by these roll steps.
+// Tracked faces are looked for, and a lost track again (turned by these roll steps), in a square this many times
+// their box.
 constexpr double kSearchAreaFactor = 2.0;
 constexpr double kRecoveryRolls[] = {15.0, -15.0, 30.0, -30.0};
 // Landmarks of a head tilted by more than this (degrees) are fitted again on a crop turned upright.

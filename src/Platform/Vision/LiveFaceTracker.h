@@ -26,8 +26,10 @@ struct TrackedFace {
 
 /// Finds frontal faces with dlib's HOG detector, measures them with the shared 68-point landmark model and follows
 /// them from frame to frame by overlap. In video, each frame costs a fraction of a full search: tracked faces are
-/// looked for in their neighbourhood, large new faces over the whole frame at a coarse scale, and small new faces
-/// (down to kMinimumFaceFraction of the frame height) in one tile of the frame per frame, the tiles taking turns.
+/// looked for in their neighbourhood in every frame; new faces in search steps, one in every second frame while
+/// no face is tracked and one in every twelfth while faces are: large new faces over the whole frame at a coarse
+/// scale in every second step, and small new faces (down to kMinimumFaceFraction of the frame height, scaled so
+/// that they fill the detector's 80-pixel window) in one tile of the frame per step, the tiles taking turns.
 /// A tracked face that the upright detector loses (a head tilted beyond its reach) is looked for again in its
 /// neighbourhood, turned by the roll steps. An instance is used by one thread at a time.
 class LiveFaceTracker {
