@@ -19,11 +19,15 @@ namespace kp {
 namespace {
 
 // The worker starts an analysis at most kMaxAnalysesPerSecond times a second, and after each one rests until the
-// analysis has used at most kMaxCoreShare of one core's time since it started: analyses of up to 16.7 ms of
-// processor time keep the full rate (every second frame of a 30 fps camera), dearer ones lower it (40 ms: six a
-// second), so detection never takes more than a quarter of a core whatever the machine and the picture.
+// analysis has used at most kMaxCoreShare of one core's time since it started: analyses of up to 13.3 ms of
+// processor time keep the full rate (every second frame of a 30 fps camera), dearer ones lower it (17 ms, a
+// 1280 x 720 frame with faces and codes: about 12 a second; 40 ms: five a second), so detection takes at most a
+// fifth of a core whatever the machine and the picture. The rest never exceeds kMaxRest (one slow analysis, say
+// while the machine swaps, does not silence the output for long); making the detectors (loading the landmark
+// model) is not counted.
 constexpr double kMaxAnalysesPerSecond = 15.0;
-constexpr double kMaxCoreShare = 0.25;
+constexpr double kMaxCoreShare = 0.2;
+constexpr double kMaxRest = 1.0;
 // A stop from another thread waits this long at most for a delegate call in progress: a delegate that waits for
 // the stopping session itself is not waited for (it was called before the stop and has not returned).
 constexpr auto kDeliveryWait = std::chrono::milliseconds(500);
@@ -132,16 +136,15 @@ private:
                 stream = _pendingStream;
             }
             const auto start = std::chrono::steady_clock::now();
-            const double cpuStart = threadCpuSeconds();
-            analyse(std::move(frame), stream);
-            const double busy = threadCpuSeconds() - cpuStart;
+            const double busy = analyse(std::move(frame), stream);
             notBefore =
-                start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                            std::chrono::duration<double>(std::max(1.0 / kMaxAnalysesPerSecond, busy / kMaxCoreShare)));
+                start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(
+                            std::clamp(busy / kMaxCoreShare, 1.0 / kMaxAnalysesPerSecond, kMaxRest)));
         }
     }
 
-    void analyse(CMSampleBufferRef frame, uint64_t stream) {
+    // Analyses one frame and delivers its batch; the processor time it took, making the detectors left out.
+    double analyse(CMSampleBufferRef frame, uint64_t stream) {
         const auto types = _owner.metadataObjectTypes();
         if (!_detector || _detector->types() != types) {
             _detector = std::make_unique<MetadataDetector>(types, CIDetectorFaceLandmarksModelPath(),
@@ -154,26 +157,27 @@ private:
             _lastStream = stream;
             _reportedObjects = false;
         }
+        const double cpuStart = threadCpuSeconds();
         const CMTime time = CMSampleBufferGetPresentationTimeStamp(frame);
         const CMTime duration = CMSampleBufferGetDuration(frame);
-        LumaImage picture;
-        const bool readable = LumaImageFromPixelBuffer(CMSampleBufferGetImageBuffer(frame), picture);
+        const bool readable = LumaImageFromPixelBuffer(CMSampleBufferGetImageBuffer(frame), _picture);
         frame.reset(); // the camera may reuse its buffer while the detectors run
         if (!readable) {
-            return;
+            return threadCpuSeconds() - cpuStart;
         }
-        auto objects = _detector->detect(picture, time, duration);
+        auto objects = _detector->detect(_picture, time, duration);
+        const double busy = threadCpuSeconds() - cpuStart;
         analysed.fetch_add(1, std::memory_order_relaxed);
         if (!isCurrent(stream)) {
-            return;
+            return busy;
         }
         if (objects.empty() && !_reportedObjects) {
-            return;
+            return busy;
         }
         _reportedObjects = !objects.empty();
         const dispatch_queue_t queue = _owner.metadataObjectsCallbackQueue();
         if (!queue) {
-            return;
+            return busy;
         }
         batches.fetch_add(1, std::memory_order_relaxed);
         std::weak_ptr<AVCaptureOutput> weak = _owner.weak_from_this();
@@ -190,6 +194,7 @@ private:
                 delegate->captureOutput(self, objects, self->connection());
             }
         });
+        return busy;
     }
 
     AVCaptureMetadataOutput& _owner;
@@ -206,6 +211,7 @@ private:
     std::vector<std::thread::id> _delivering;
 
     std::unique_ptr<MetadataDetector> _detector;
+    LumaImage _picture; // the analysed frame's luminance, its buffer reused from frame to frame
     uint64_t _lastStream = 0;
     bool _reportedObjects = false;
 };

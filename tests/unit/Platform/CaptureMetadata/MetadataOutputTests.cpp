@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <thread>
 
@@ -205,6 +206,26 @@ TEST(CaptureMetadataOutput, AnalysesTheNewestFrameAndNeverQueuesOldOnes) {
     EXPECT_GE(counts.analysed, 1u);
     EXPECT_EQ(rig.recorder->count(), counts.batches);
     EXPECT_EQ(counts.batches, counts.analysed);
+}
+
+TEST(CaptureMetadataOutput, AnalysesAtMostFifteenFramesASecond) {
+    // A camera far faster than the worker's rate: the worker rests between analyses, whatever arrives meanwhile.
+    kptest::ManualMainQueue main;
+    FakeRig rig;
+    const CVPixelBufferRef withCode =
+        frameOf(kptest::renderCode(kptest::CodeKind::QR, kText, 640, 480, {320, 240, 0, 5}).image);
+    rig.session->startRunning();
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 100; ++i) {
+        rig.camera->pushFrame(withCode);
+        NSThread::sleepForTimeInterval(0.005);
+    }
+    const uint64_t analysed = rig.output->detectionCounts().analysed;
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    rig.session->stopRunning();
+    main.drain();
+    EXPECT_GE(analysed, 1u);
+    EXPECT_LE(static_cast<double>(analysed), 15.0 * seconds + 1.0) << "in " << seconds << " s";
 }
 
 TEST(CaptureMetadataOutput, StopsPromptlyAndDeliversNothingAfterStopRunning) {
