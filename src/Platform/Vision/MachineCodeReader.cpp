@@ -73,6 +73,11 @@ constexpr double kSkewSearchStep = 1.0;
 // A code read at an angle this far (degrees) from its own is read again at its own: the library's corners drift
 // with the crop's remaining skew (by about 3 pixels at 2.5 degrees, too little to pay a second read for).
 constexpr double kSkewRefineThreshold = 3.0;
+// Codes read by the first look are looked for again in the next pictures in their box grown by this fraction of
+// its size on every side (a code moves little between analysed frames); the whole picture is read again in every
+// kWholeLookEvery-th picture (new codes elsewhere show within that many pictures).
+constexpr double kLookAroundFactor = 0.5;
+constexpr int kWholeLookEvery = 4;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
 // A region where no angle read is left alone for this many pictures (text and patterns stay where they are from
@@ -214,15 +219,25 @@ bool MachineCodeReader::accept(uint32_t format, const std::string& text, AVMetad
 
 std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, uint32_t formats,
                                                             bool tryRotate) const {
+    return readWithLibrary(image, CGRectMake(0, 0, image.width, image.height), formats, tryRotate);
+}
+
+std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, CGRect area, uint32_t formats,
+                                                            bool tryRotate) const {
     std::vector<MachineCode> codes;
-    if (image.empty() || formats == 0) {
+    // The whole pixels of the area within the picture; the library reads them in place.
+    const int x0 = std::clamp(static_cast<int>(std::floor(area.origin.x)), 0, image.width);
+    const int y0 = std::clamp(static_cast<int>(std::floor(area.origin.y)), 0, image.height);
+    const int x1 = std::clamp(static_cast<int>(std::ceil(area.origin.x + area.size.width)), x0, image.width);
+    const int y1 = std::clamp(static_cast<int>(std::ceil(area.origin.y + area.size.height)), y0, image.height);
+    if (image.empty() || formats == 0 || x1 <= x0 || y1 <= y0) {
         return codes;
     }
     ZXing::DecodeHints hints;
     hints.setFormats(static_cast<BarcodeFormat>(formats));
     hints.setTryRotate(tryRotate);
     hints.setTryHarder(false);
-    const ZXing::ImageView view(image.pixels.data(), image.width, image.height, ZXing::ImageFormat::Lum);
+    const ZXing::ImageView view(image.row(y0) + x0, x1 - x0, y1 - y0, ZXing::ImageFormat::Lum, image.width);
     for (const ZXing::Result& r : ZXing::ReadBarcodes(view, hints)) {
         if (!r.isValid()) {
             continue;
@@ -246,8 +261,8 @@ std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& ima
         }
         // The library's position runs top-left, top-right, bottom-right, bottom-left of the symbol.
         const auto& q = r.position();
-        const auto pt = [](const ZXing::PointI& p) {
-            return CGPointMake(static_cast<double>(p.x), static_cast<double>(p.y));
+        const auto pt = [x0, y0](const ZXing::PointI& p) {
+            return CGPointMake(static_cast<double>(p.x + x0), static_cast<double>(p.y + y0));
         };
         code.corners = {pt(q.bottomLeft()), pt(q.bottomRight()), pt(q.topRight()), pt(q.topLeft())};
         codes.push_back(std::move(code));
@@ -429,7 +444,38 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
         // PDF417 over the whole frame is slow and misses tilted or fine codes anyway: PDF417 codes are read from
         // the candidate regions only. Linear codes are read in both directions.
         const uint32_t pdf417 = bits(BarcodeFormat::PDF417);
-        codes = readWithLibrary(image, _formats & ~pdf417, (_formats & bits(BarcodeFormat::LinearCodes)) != 0);
+        const uint32_t firstLook = _formats & ~pdf417;
+        const bool linear = (_formats & bits(BarcodeFormat::LinearCodes)) != 0;
+        // Codes the first look read in the previous picture are looked for around where they were; the whole
+        // picture is read in every kWholeLookEvery-th picture, and whenever one of them is not found again.
+        bool whole = _looked.empty() || ++_picturesSinceWholeLook >= kWholeLookEvery;
+        if (!whole) {
+            for (const CGRect& box : _looked) {
+                const double grow = kLookAroundFactor * std::max(box.size.width, box.size.height) + kCell;
+                auto found = readWithLibrary(image, CGRectInset(box, -grow, -grow), firstLook, linear);
+                if (found.empty()) {
+                    whole = true;
+                    break;
+                }
+                for (MachineCode& c : found) {
+                    const CGRect b = boundingRectOfPoints(c.corners);
+                    const bool duplicate = std::any_of(codes.begin(), codes.end(), [&](const MachineCode& k) {
+                        return k.type == c.type && k.text == c.text && rectsOverlap(boundingRectOfPoints(k.corners), b);
+                    });
+                    if (!duplicate) {
+                        codes.push_back(std::move(c));
+                    }
+                }
+            }
+        }
+        if (whole) {
+            codes = readWithLibrary(image, firstLook, linear);
+            _picturesSinceWholeLook = 0;
+        }
+        _looked.clear();
+        for (const MachineCode& c : codes) {
+            _looked.push_back(boundingRectOfPoints(c.corners));
+        }
         const uint32_t secondLook = _formats & kSecondLookFormats;
         int readsLeft = kMaxSecondLookReads;
         std::vector<Hint> hints;
@@ -544,6 +590,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
         codes.clear();
         _hints.clear();
         _resting.clear();
+        _looked.clear();
     }
     std::sort(codes.begin(), codes.end(), [](const MachineCode& a, const MachineCode& b) {
         const CGRect ra = boundingRectOfPoints(a.corners);

@@ -28,8 +28,10 @@ struct MachineCode {
 /// frame, are read from code-like regions: textured regions with aligned edges are located, their skew is measured,
 /// and an upright, enlarged crop of each is read (the library loses PDF417 codes tilted by more than a few degrees
 /// or printed with fewer than three pixels per module); the corners are mapped back to the frame.
-/// An instance is used by one thread at a time (it remembers where the previous pictures' codes were, and where
-/// code-like regions held none: those are left alone for a few pictures).
+/// An instance is used by one thread at a time. It remembers where the previous pictures' codes were (codes the
+/// library read over the whole picture are looked for around their place in the next pictures, the whole picture
+/// being read again in every fourth one or when a code is not found again) and where code-like regions held none
+/// (those are left alone for a few pictures).
 class MachineCodeReader {
 public:
     /// The code types the reader can find, in the order the metadata output offers them.
@@ -59,6 +61,9 @@ public:
 
 private:
     std::vector<MachineCode> readWithLibrary(const LumaImage& image, uint32_t formats, bool tryRotate) const;
+    // The same for an area of the picture (clipped to it), read in place; corners in picture pixels.
+    std::vector<MachineCode> readWithLibrary(const LumaImage& image, CGRect area, uint32_t formats,
+                                             bool tryRotate) const;
     // Reads an upright, enlarged crop of the candidate turned by skewDegrees into codes (source pixel corners);
     // true if any was read.
     bool secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w, double h,
@@ -77,6 +82,10 @@ private:
         int pictures;
     };
     mutable std::vector<Rest> _resting;
+    // Where the first look (the library over the picture) read codes in the previous picture, and how many pictures
+    // ago it last read the whole picture.
+    mutable std::vector<CGRect> _looked;
+    mutable int _picturesSinceWholeLook = 0;
     uint32_t _formats = 0; // ZXing::BarcodeFormat bits
     std::vector<AVMetadataObjectType> _types;
 };
