@@ -178,3 +178,29 @@ TEST(MachineCodeReader, ReadsACodeThatAppearsWhereNoneWasWithinAFewPictures) {
     }
     EXPECT_TRUE(read);
 }
+
+TEST(MachineCodeReader, LooksForKnownCodesAroundTheirPlaceAndForNewOnesEveryFewPictures) {
+    const MachineCodeReader reader({AVMetadataObjectTypeQRCode, AVMetadataObjectTypeCode128Code});
+    const auto left = kptest::renderCode(CodeKind::QR, kQrText, 1280, 720, {300, 360, 0, 4});
+    ASSERT_TRUE(readsOne(reader, left, AVMetadataObjectTypeQRCode, kQrText));
+    // Moved far away: not found around its old place, so the whole picture is read at once.
+    const auto right = kptest::renderCode(CodeKind::QR, kQrText, 1280, 720, {980, 360, 0, 4});
+    EXPECT_TRUE(readsOne(reader, right, AVMetadataObjectTypeQRCode, kQrText));
+    // A second code (a linear one, which only the look over the whole picture reads) appears while the first
+    // stays: it shows within a few pictures, and stays.
+    LumaImage both = right.image;
+    kptest::printCode(both, CodeKind::Code128, "KP-0042", {300, 360, 0, 3});
+    int first = -1;
+    for (int picture = 0; picture < 8; ++picture) {
+        const auto codes = reader.read(both);
+        ASSERT_GE(codes.size(), 1u);
+        if (codes.size() == 2 && first < 0) {
+            first = picture;
+        }
+        if (first >= 0) {
+            EXPECT_EQ(codes.size(), 2u) << "picture " << picture;
+        }
+    }
+    EXPECT_GE(first, 0);
+    EXPECT_LT(first, 4);
+}
