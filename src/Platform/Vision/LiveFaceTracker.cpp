@@ -308,7 +308,18 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
         }
         const double fine = detectionScale(frame.height);
         if (_impl->mode == Mode::Picture) {
-            addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, fine), fine, nullptr, &found));
+            // A picture too small for the smallest faces to fill the detector's window is enlarged (the area
+            // average only shrinks).
+            if (fine > 1.0) {
+                RotatedCrop whole;
+                whole.centre = {frame.width / 2.0, frame.height / 2.0};
+                whole.scale = fine;
+                whole.width = static_cast<int>(frame.width * fine);
+                whole.height = static_cast<int>(frame.height * fine);
+                addNew(_impl->detect(_impl->detector, whole.sample(frame), fine, &whole, &found));
+            } else {
+                addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, fine), fine, nullptr, &found));
+            }
         } else if (++_impl->framesSinceSearch >=
                    (_impl->tracks.empty() ? kSearchEveryWithoutFaces : kSearchEveryWhileTracking)) {
             _impl->framesSinceSearch = 0;

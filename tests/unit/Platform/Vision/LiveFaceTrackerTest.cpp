@@ -184,11 +184,16 @@ TEST(LiveFaceTracker, FindsFacesAndFollowsThemWithStableIds) {
 
 TEST(LiveFaceTracker, FindsSmallFacesAndTheSampleScenesFace) {
     LiveFaceTracker tracker(CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Picture);
-    // The astronaut's face in a 720p frame is about a tenth of the frame's height.
-    const LumaImage astronaut = lumaOf(kptest::dataPath("astronaut.png"));
+    // The astronaut's face shrunk to about a tenth of a 720p frame's height (the photo's face box is 95 pixels).
+    const LumaImage astronaut = LumaImageScaled(lumaOf(kptest::dataPath("astronaut.png")), 0.8);
     const auto small = tracker.track(placed(astronaut, 1280, 720, 700, 200));
     ASSERT_EQ(small.size(), 1u);
-    EXPECT_LT(small[0].bounds.size.height, 0.11 * 720);
+    EXPECT_LT(small[0].bounds.size.height, 0.12 * 720);
+    EXPECT_GT(small[0].bounds.size.height, 0.09 * 720);
+    // The face lies in the upper middle of the photo, which starts at (700, 200).
+    EXPECT_GT(small[0].bounds.origin.x, 700 + 0.25 * astronaut.width);
+    EXPECT_LT(small[0].bounds.origin.x + small[0].bounds.size.width, 700 + 0.75 * astronaut.width);
+    EXPECT_GT(small[0].bounds.origin.y, 200);
     tracker.reset();
     EXPECT_EQ(tracker.track(sampleSceneAt(0.0, 1280, 720)).size(), 1u);
 
