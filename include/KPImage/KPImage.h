@@ -70,3 +70,5 @@
 
 // Views.
 #include "KPImage/KPProgressCircleView.h"
+#include "KPImage/KPVideoHelper.h"
+#include "KPImage/Platform/NSObjCRuntime.h"
