@@ -606,6 +606,25 @@ TEST_F(CaptureEngine, TheWidestFaceIsCentredUprightAndOfAcceptableSize) {
     EXPECT_EQ(engine->rollAngle(), 30);
 }
 
+TEST_F(CaptureEngine, QueuedTasksRunInTheirOrderAfterTheHandler) {
+    auto engine = engineWithPreview();
+    // A face outside the box and a code, in one batch: outline added, centre box red, face box added, its frame.
+    engine->centerLayer()->setBorderColor(kGreen);
+    engine->captureOutput(nullptr, {face(CGRectMake(0.0, 0.0, 0.5, 0.5), 4),
+                                    code("ID", uprightCorners(0.5, 0.5, 0.25, 0.1))}, nullptr);
+    EXPECT_EQ(_main.pending(), 4U);
+    EXPECT_FALSE(engine->barcodeLineLayer()->superlayer());
+    EXPECT_FALSE(engine->primaryLayer()->superlayer());
+    EXPECT_EQ(engine->primaryLayer()->frame(), CGRectZero);
+    _main.drainOnce();
+    EXPECT_EQ(engine->previewLayer()->sublayers(),
+              (std::vector<std::shared_ptr<CALayer>>{engine->centerLayer(), engine->barcodeLineLayer(),
+                                                     engine->primaryLayer()}));
+    EXPECT_EQ(engine->centerLayer()->borderColor(), kRed);
+    EXPECT_EQ(engine->primaryLayer()->frame(), CGRectMake(0, 0, 200, 200));
+    EXPECT_FALSE(engine->isHeadCentered());
+}
+
 TEST_F(CaptureEngine, AFaceBoxIsNeverReusedFromTheDictionaryAndATinyPreviewIsAlwaysRed) {
     auto engine = engineWithPreview();
     engine->captureOutput(nullptr, {face(CGRectMake(0.25, 0.25, 0.5, 0.5), 3)}, nullptr);
