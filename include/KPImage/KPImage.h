@@ -72,3 +72,4 @@
 #include "KPImage/KPProgressCircleView.h"
 #include "KPImage/KPVideoHelper.h"
 #include "KPImage/Platform/NSObjCRuntime.h"
+#include "KPImage/SimpleCaptureView.h"
