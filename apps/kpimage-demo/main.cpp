@@ -37,8 +37,8 @@ struct Options {
     int width = 960, height = 540;
 };
 
-int usage(const char* message) {
-    std::fprintf(stderr,
+int usage(const char* message, FILE* out = stderr) {
+    std::fprintf(out,
                  "kpimage-demo: %s\n"
                  "usage: kpimage-demo [--sample | --file VIDEO | --camera /dev/videoN] [--position front|back]\n"
                  "                    [--size W,H] [--seconds S]\n"
@@ -48,7 +48,7 @@ int usage(const char* message) {
                  "  --position P      the camera to start with (default front: the centre box shows for it)\n"
                  "keys: Space capture, S switch camera, T torch, V video on/off, Ctrl+Q quit\n",
                  message);
-    return 1;
+    return out == stderr ? 1 : 0;
 }
 
 std::optional<Options> parse(int argc, char** argv, int& status) {
@@ -56,12 +56,16 @@ std::optional<Options> parse(int argc, char** argv, int& status) {
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
-            status = usage("a window around the capture view");
+            status = usage("a window around the capture view", stdout);
             return std::nullopt;
         }
         if (a == "--sample") {
             o.cameras = Options::Cameras::sample;
             continue;
+        }
+        if (a != "--file" && a != "--camera" && a != "--position" && a != "--seconds" && a != "--size") {
+            status = usage(("unknown option " + a).c_str());
+            return std::nullopt;
         }
         if (i + 1 >= argc) {
             status = usage(("option " + a + " needs a value").c_str());
@@ -87,15 +91,12 @@ std::optional<Options> parse(int argc, char** argv, int& status) {
                 status = usage("--seconds must be a number from 0 to 86400");
                 return std::nullopt;
             }
-        } else if (a == "--size") {
+        } else { // --size
             if (std::sscanf(v.c_str(), "%d,%d", &o.width, &o.height) != 2 || o.width < 480 || o.height < 240 ||
                 o.width > 8192 || o.height > 8192) {
                 status = usage("--size must be W,H (480,240 to 8192,8192)");
                 return std::nullopt;
             }
-        } else {
-            status = usage(("unknown option " + a).c_str());
-            return std::nullopt;
         }
     }
     return o;

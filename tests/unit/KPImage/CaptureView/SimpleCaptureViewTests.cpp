@@ -84,9 +84,12 @@ protected:
     std::shared_ptr<SimpleCaptureView> view = SimpleCaptureView::initWithFrame(CGRectMake(0, 0, 160, 120));
 
     void TearDown() override {
-        // The focus timer holds the view: stop before it goes.
+        // The focus timer holds the view: stop before it goes. A still picture on its way holds the engine until
+        // it has been delivered: wait for that, so that nothing runs after the test.
         view->stopVideo();
-        main.drain();
+        std::weak_ptr<KPVideoHelper> engine = view->videoHelper();
+        view.reset();
+        EXPECT_TRUE(main.drainUntil([&] { return engine.expired(); }, 30.0));
     }
 
     // Pushes frames until the condition holds (a still picture takes the first frame after its request).
