@@ -393,6 +393,14 @@ private:
             _capture->toggleCameraWithAnimation(false);
         }
         matchOrientation(_capture->backCameraActive());
+        // Without a back camera (a lone webcam, a video file) the engine was made without input, so no camera
+        // offered face detection then: ask again now that the front camera is in, before video starts (the
+        // detection types can change only while stopped).
+        const auto& engine = _capture->videoHelper();
+        if (!engine->faceFindSupport()) {
+            engine->setFaceFindSupport(true);
+            engine->setPdf417Support(true);
+        }
         _capture->startVideo();
         _poll = kp::NSTimer::scheduledTimerWithTimeInterval(kPollSeconds, true, [this](kp::NSTimer&) { poll(); });
         say(cameraName());
