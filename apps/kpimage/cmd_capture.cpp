@@ -316,7 +316,6 @@ public:
     double centredSeconds() const { return _centredSeconds; }
     /// The card's data when read, else the last code's text, else "".
     const std::string& barcodeData() const { return _cardData.empty() ? _lastCode : _cardData; }
-    const std::set<std::string>& codes() const { return _codes; }
 
     void say(const std::string& line, bool always = false) {
         if (!_guidance || (!always && line == _lastGuidance)) {
