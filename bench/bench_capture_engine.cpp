@@ -30,7 +30,9 @@ constexpr int kRuns = 3;
 double processCpuSeconds() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
-    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6; };
+    auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6;
+    };
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
@@ -60,8 +62,9 @@ double medianOf(std::vector<double> values) {
 /// meanwhile as its time: the figure is the number of cores the running session keeps busy.
 /// The worker takes the newest frame whenever it is free, so it analyses as many frames as the CPU it gets
 /// allows: the CPU figure depends on the machine's load, the CPU per analysed frame much less.
-void measureCores(benchmark::State& state, const std::string& name, const std::function<uint64_t()>& frames,
-                  const std::function<uint64_t()>& analysed = [] { return uint64_t{0}; }) {
+void measureCores(
+    benchmark::State& state, const std::string& name, const std::function<uint64_t()>& frames,
+    const std::function<uint64_t()>& analysed = [] { return uint64_t{0}; }) {
     NSRunLoop::mainRunLoop().runFor(kWarmUpSeconds);
     const uint64_t framesBefore = frames();
     const uint64_t analysedBefore = analysed();
@@ -93,9 +96,8 @@ public:
 // The engine as a host runs it: preview view with the centre box, delegate, detection as chosen.
 void BM_Engine(benchmark::State& state, bool detection) {
     const auto camera = sampleCamera();
-    auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(kPreset1280x720, AVCaptureDevicePositionFront,
-                                                                AVLayerVideoGravityResizeAspect,
-                                                                kCVPixelFormatType_32BGRA);
+    auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(
+        kPreset1280x720, AVCaptureDevicePositionFront, AVLayerVideoGravityResizeAspect, kCVPixelFormatType_32BGRA);
     if (!camera || !engine || engine->device() != camera) {
         state.SkipWithError("no sample camera");
         return;
@@ -109,7 +111,8 @@ void BM_Engine(benchmark::State& state, bool detection) {
     const auto view = engine->getPreviewView(CGRectMake(0, 0, 1280, 720), true);
     engine->startVideoCapture();
     measureCores(
-        state, detection ? "EngineWithDetection" : "EngineWithoutDetection", [&] { return delegate->frames.load(std::memory_order_relaxed); },
+        state, detection ? "EngineWithDetection" : "EngineWithoutDetection",
+        [&] { return delegate->frames.load(std::memory_order_relaxed); },
         [&] { return engine->metaOutput() ? engine->metaOutput()->detectionCounts().analysed : 0; });
     engine->stopVideoCapture();
     dispatch_sync(engine->videoDataOutputQueue(), [] {});
@@ -161,8 +164,7 @@ void compare(const kpbench::Times& median) {
     for (const char* engine : {"EngineWithDetection", "EngineWithoutDetection"}) {
         if (const double ours = kpbench::timeOf(median, engine); ours > 0) {
             std::printf("  %-28s ratio %5.2f to the plain session, adds %5.3f cores%s\n", engine, ours / plain,
-                        ours - plain,
-                        std::string(engine) == "EngineWithDetection" ? " (target: at most 0.35)" : "");
+                        ours - plain, std::string(engine) == "EngineWithDetection" ? " (target: at most 0.35)" : "");
             if (const double rate = medianOf(gAnalysedPerSecond[engine]); rate > 0) {
                 std::printf("  %-28s %.1f frames analysed per second, %.1f ms of CPU added per analysed frame\n", "",
                             rate, (ours - plain) / rate * 1e3);

@@ -238,8 +238,9 @@ public:
         say(guidanceFor(state));
         if (state.barcodeData && !state.barcodeData->empty() && _codes.insert(*state.barcodeData).second) {
             const bool card = state.barcodeData->rfind(kCardDataHeader, 0) == 0;
-            std::cout << JsonObject().raw("time", formatSeconds(time)).add(card ? "card" : "code", *state.barcodeData).str()
-                      << std::endl;
+            std::cout
+                << JsonObject().raw("time", formatSeconds(time)).add(card ? "card" : "code", *state.barcodeData).str()
+                << std::endl;
             if (card && _cardData.empty()) {
                 _cardData = *state.barcodeData;
             }
@@ -260,7 +261,8 @@ public:
         if (view) {
             preview = kp::UIViewRenderToImage(view, view->bounds().size, 1);
         }
-        const std::string base = (std::filesystem::path(_outDir) / ("still-" + std::to_string(++_stillNumber))).string();
+        const std::string base =
+            (std::filesystem::path(_outDir) / ("still-" + std::to_string(++_stillNumber))).string();
         kp::dispatch_async(stillQueue, [this, time, still = *image, preview, base] {
             std::string file;
             const std::string json = scoreAndSave(still, preview, base, file);
@@ -338,8 +340,8 @@ private:
         std::cerr << "\r\033[K[" << std::string(static_cast<size_t>(done), '#')
                   << std::string(static_cast<size_t>(width - done), '.') << "] " << static_cast<int>(now) << "/"
                   << static_cast<int>(std::ceil(_seconds)) << " s  frames " << (delegate ? delegate->frames() : 0)
-                  << "  head " << (_centred ? "centred" : "not centred") << "  stills " << _stills.size()
-                  << "  card " << (_cardData.empty() ? "not read" : "read") << std::flush;
+                  << "  head " << (_centred ? "centred" : "not centred") << "  stills " << _stills.size() << "  card "
+                  << (_cardData.empty() ? "not read" : "read") << std::flush;
     }
 
     const bool _guidance;
@@ -467,8 +469,8 @@ int capture(const std::vector<std::string>& args) {
               << std::endl;
     const uint32_t moviesBefore = kp::KPCameraRollHelper::getInstance()->cameraDataCounter();
     engine->startVideoCapture();
-    auto timer = kp::NSTimer::scheduledTimerWithTimeInterval(kTickSeconds, true,
-                                                             [&](kp::NSTimer&) { run.tick(elapsed()); });
+    auto timer =
+        kp::NSTimer::scheduledTimerWithTimeInterval(kTickSeconds, true, [&](kp::NSTimer&) { run.tick(elapsed()); });
     run.say("move your head into the box");
     kp::NSRunLoop::mainRunLoop().runFor(*seconds);
     const double ranFor = elapsed();
@@ -481,14 +483,20 @@ int capture(const std::vector<std::string>& args) {
     if (!runtimeError.empty()) {
         return fail(runtimeError);
     }
-    runUntil([&] { run.expireStill(elapsed()); return !run.stillsPending(); }, kFinishTimeoutSeconds);
+    runUntil(
+        [&] {
+            run.expireStill(elapsed());
+            return !run.stillsPending();
+        },
+        kFinishTimeoutSeconds);
     kp::dispatch_sync(run.stillQueue, [] {}); // a still being saved refers to run
     std::string movie;
     if (a.flag("record")) {
         auto recorder = kp::KPCameraRollHelper::getInstance();
         if (runUntil([&] { return recorder->cameraDataCounter() != moviesBefore; }, kFinishTimeoutSeconds) &&
             recorder->outputWriter() && recorder->outputWriter()->status() == kp::AVAssetWriterStatusCompleted) {
-            movie = (std::filesystem::path(outDir) / recorder->outputWriter()->outputURL()->lastPathComponent()).string();
+            movie =
+                (std::filesystem::path(outDir) / recorder->outputWriter()->outputURL()->lastPathComponent()).string();
         } else {
             run.say("the recording did not complete", true);
         }
@@ -519,16 +527,18 @@ const Registration kCapture(
      "                  [--view W,H] [--out DIR] [--record] [--no-guidance]\n"
      "      the main job: runs the capture engine on the default camera (a webcam, else or with --sample the\n"
      "      built-in sample camera; --media plays a video file as the camera) for S seconds (default 12) with\n"
-     "      face, PDF417 and QR detection and the centre box on a preview of W,H points (default: the picture's\n"
-     "      size). Prints a JSON line whenever the detection state changes: {\"time\",\"faceRect\":{\"x\",\"y\",\n"
-     "      \"width\",\"height\"} (preview points; null without a face),\"yawAngle\",\"rollAngle\",\"isHeadCentered\",\n"
-     "      \"barcodeData\"}; {\"time\",\"card\"} or {\"time\",\"code\"} for each new code text; once the head has\n"
-     "      stayed centred for 0.5 s it takes a still and prints {\"time\",\"still\":{\"file\",\"preview\",\"width\",\n"
-     "      \"height\",\"focus\",\"focusScore\",\"brightness\",\"face\"}} (the still and the rendered preview with its\n"
-     "      overlays are written as PNG into DIR, default ./kpimage-capture); ends with {\"summary\":{\"camera\",\n"
-     "      \"seconds\",\"frames\",\"stills\",\"barcodeData\",\"headCenteredSeconds\"}}. Guidance goes to standard\n"
-     "      error (--no-guidance: none), with a progress line when it is a terminal. --record records the camera\n"
-     "      with the camera-data recorder into DIR (H.264 when available) and adds \"movie\" to the summary",
+     "      face, PDF417 and QR detection and the centre box on a preview of W,H points (default: the\n"
+     "      picture's size). Prints a JSON line whenever the detection state changes: {\"time\",\"faceRect\":\n"
+     "      {\"x\",\"y\",\"width\",\"height\"} (preview points; null without a face),\"yawAngle\",\"rollAngle\",\n"
+     "      \"isHeadCentered\",\"barcodeData\"}; {\"time\",\"card\"} or {\"time\",\"code\"} for each new code text;\n"
+     "      once the head has stayed centred for 0.5 s it takes a still and prints {\"time\",\"still\":{\"file\",\n"
+     "      \"preview\",\"width\",\"height\",\"focus\",\"focusScore\",\"brightness\",\"face\"}} (the still and the\n"
+     "      rendered preview with its overlays are written as PNG into DIR, default ./kpimage-capture);\n"
+     "      ends with "
+     "{\"summary\":{\"camera\",\"seconds\",\"frames\",\"stills\",\"barcodeData\",\"headCenteredSeconds\"}}.\n"
+     "      Guidance goes to standard error (--no-guidance: none), with a progress line when it is a terminal.\n"
+     "      --record records the camera with the camera-data recorder into DIR (H.264 when available) and adds\n"
+     "      \"movie\" to the summary; --preset picks the session preset (default 5, 1280x720)",
      capture});
 
 } // namespace

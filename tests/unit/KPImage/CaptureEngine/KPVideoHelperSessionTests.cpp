@@ -129,8 +129,8 @@ TEST(CaptureEngineSession, FramesAndAStillReachTheDelegateOnTheFrameQueue) {
     ASSERT_NE(run.engine->device(), nullptr);
     EXPECT_EQ(run.engine->device()->position(), AVCaptureDevicePositionFront);
     const auto& delegate = run.delegate;
-    ASSERT_TRUE(main.drainUntil([&] { return delegate->read([](const RecordingDelegate& d) { return d.frames >= 10; }); },
-                                20.0))
+    ASSERT_TRUE(main.drainUntil(
+        [&] { return delegate->read([](const RecordingDelegate& d) { return d.frames >= 10; }); }, 20.0))
         << run.summary();
     run.engine->takeStillPicture();
     const bool still =
