@@ -70,3 +70,6 @@
 
 // Views.
 #include "KPImage/KPProgressCircleView.h"
+#include "KPImage/KPVideoHelper.h"
+#include "KPImage/Platform/NSObjCRuntime.h"
+#include "KPImage/SimpleCaptureView.h"

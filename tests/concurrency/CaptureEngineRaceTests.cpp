@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: MIT
+// The capture engine with everything at once: frames flowing from a camera thread, metadata batches and their
+// main-queue tasks, camera switches, stills and start/stop, so the sanitizers see the fields the frame queue and
+// the main thread share.
+#include "KPImage/KPVideoHelper.h"
+#include "support/FakeCaptureDevice.h"
+#include "support/ManualMainQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+namespace {
+
+using namespace kp;
+using kptest::FakeCaptureDevice;
+
+class CountingDelegate : public libVideoDelegate {
+public:
+    void getLastSampleBuffer(const CMSampleBufferRef& buffer, CGRect faceRect, CGFloat yaw, CGFloat roll,
+                             const std::optional<std::string>& barcode) override {
+        // Read what was handed over, as a host would.
+        if (buffer && faceRect.size.width >= 0 && yaw >= 0 && roll >= 0 && barcode.value_or("").size() < 100) {
+            frames.fetch_add(1, std::memory_order_relaxed);
+        }
+    }
+    void getNewStillImage(const std::optional<UIImage>& image) override {
+        stills.fetch_add(image ? 1 : 0, std::memory_order_relaxed);
+    }
+    std::atomic<int> frames{0};
+    std::atomic<int> stills{0};
+};
+
+std::vector<std::shared_ptr<AVMetadataObject>> batch(int i) {
+    std::vector<std::shared_ptr<AVMetadataObject>> objects;
+    if (i % 3 != 0) {
+        AVMetadataFaceObject::Fields f;
+        f.bounds = CGRectMake(0.3, 0.3, 0.3 + 0.001 * (i % 10), 0.4);
+        f.faceID = 1 + i / 40;
+        f.hasYawAngle = true;
+        f.hasRollAngle = true;
+        f.rollAngle = i % 4 == 0 ? 30 : 0;
+        objects.push_back(AVMetadataFaceObject::create(f));
+    }
+    if (i % 2 == 0) {
+        AVMetadataMachineReadableCodeObject::Fields c;
+        c.stringValue = "CARD " + std::to_string(i);
+        for (CGPoint p : {CGPoint{0.1, 0.9}, CGPoint{0.9, 0.9}, CGPoint{0.9, 0.7}, CGPoint{0.1, 0.7}}) {
+            c.corners.push_back(CGPointCreateDictionaryRepresentation(p));
+        }
+        objects.push_back(AVMetadataMachineReadableCodeObject::create(c));
+    }
+    return objects;
+}
+
+TEST(CaptureEngineRace, FramesBatchesSwitchesStillsAndRestartsTogether) {
+    AVCaptureDevice::setDiscovery({false, "/dev", false});
+    kptest::ManualMainQueue main;
+    auto front = std::make_shared<FakeCaptureDevice>("front");
+    auto back = std::make_shared<FakeCaptureDevice>("back");
+    const auto frontDevice = AVCaptureDevice::addDevice(front, AVCaptureDevicePositionFront);
+    const auto backDevice = AVCaptureDevice::addDevice(back, AVCaptureDevicePositionBack);
+    {
+        auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionFront,
+                                                                    AVLayerVideoGravityResizeAspectFill,
+                                                                    kCVPixelFormatType_32BGRA);
+        auto delegate = std::make_shared<CountingDelegate>();
+        engine->setDelegate(delegate);
+        auto view = engine->getPreviewView(CGRectMake(0, 0, 320, 480), true);
+        engine->startVideoCapture();
+
+        std::atomic<bool> done{false};
+        std::thread camera([&] {
+            uint8_t fill = 0;
+            while (!done.load()) {
+                front->pushFrame(fill);
+                back->pushFrame(fill);
+                fill = static_cast<uint8_t>(fill + 7);
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+        // A host thread reading the state the engine shares.
+        std::thread reader([&] {
+            while (!done.load()) {
+                (void)engine->faceRect();
+                (void)engine->parsedData();
+                (void)engine->isHeadCentered();
+                (void)engine->device();
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        });
+
+        for (int i = 0; i < 240; ++i) {
+            engine->captureOutput(nullptr, batch(i), nullptr);
+            if (i % 30 == 29) {
+                engine->toggleCameraWithAnimation(i % 60 == 29);
+            }
+            if (i % 25 == 0) {
+                engine->takeStillPicture();
+            }
+            if (i % 80 == 79) {
+                engine->stopVideoCapture();
+                engine->startVideoCapture();
+            }
+            if (i % 7 == 0) {
+                engine->setShowFaceBoundingBox(i % 14 != 0);
+            }
+            main.drainOnce();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        ASSERT_TRUE(main.drainUntil([&] { return delegate->frames.load() > 20; }));
+        done.store(true);
+        camera.join();
+        reader.join();
+        engine->stopVideoCapture();
+        // Stills still in flight end with the stop; their tasks may still be queued.
+        dispatch_sync(engine->videoDataOutputQueue(), [] {});
+        main.drain();
+        EXPECT_GT(delegate->frames.load(), 20);
+    }
+    AVCaptureDevice::removeDevice(frontDevice);
+    AVCaptureDevice::removeDevice(backDevice);
+    AVCaptureDevice::setDiscovery({});
+}
+
+} // namespace
