@@ -31,8 +31,8 @@ public:
 ///
 /// Rate: the worker analyses at most 15 frames a second (every second frame of a 30 fps camera), and rests after
 /// each analysis so that it uses at most a fifth of one core: an analysis of a 1280 x 720 frame with faces and codes
-/// takes about 15 to 17 ms of processor time, so the worker analyses about 12 frames a second there and stays
-/// within 0.2 of a core; larger frames or a slower machine lower the rate, not the frame path's share.
+/// takes about 14 to 17 ms of processor time, so the worker analyses 12 to 14 frames a second there within 0.2 of
+/// a core; larger frames or a slower machine lower the rate, not the frame path's share.
 ///
 /// Stopping: after stopRunning (or removing the output) returns, from whichever thread, no batch is delivered. A
 /// delegate call already in progress on another thread is waited for first, up to half a second: a delegate that
