@@ -6,6 +6,7 @@
 #include <dlib/image_processing/frontal_face_detector.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <limits>
@@ -84,11 +85,15 @@ void toDlib(const LumaImage& img, dlib::array2d<unsigned char>& out) {
 struct Track {
     TrackedFace face;
     int missed = 0;
+    // The roll step that found the face when the upright detector lost it (0: upright); a tilted head stays
+    // tilted for a while, so that step is tried first next time.
+    double recoveryRoll = 0.0;
 };
 
 // One detection in frame pixels, with its landmarks when the model is loaded.
 struct Found {
     CGRect box{};
+    double recoveryRoll = 0.0;
     bool hasLandmarks = false;
     DlibFaceDetector::Landmarks pts{};
 };
@@ -359,7 +364,13 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             }
             const CGRect b = t.face.bounds;
             const double side = kSearchAreaFactor * std::max(b.size.width, b.size.height);
-            for (double roll : kRecoveryRolls) {
+            std::array<double, std::size(kRecoveryRolls)> rolls;
+            std::copy(std::begin(kRecoveryRolls), std::end(kRecoveryRolls), rolls.begin());
+            const auto last = std::find(rolls.begin(), rolls.end(), t.recoveryRoll);
+            if (last != rolls.end()) {
+                std::rotate(rolls.begin(), last, last + 1);
+            }
+            for (double roll : rolls) {
                 RotatedCrop crop;
                 crop.centre = {b.origin.x + b.size.width / 2, b.origin.y + b.size.height / 2};
                 crop.angle = roll * std::numbers::pi / 180.0;
@@ -368,6 +379,7 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
                 const auto again = _impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop);
                 if (!again.empty()) {
                     found.push_back(again.front());
+                    found.back().recoveryRoll = roll;
                     break;
                 }
             }
@@ -422,7 +434,7 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
                 }
             }
             out.push_back(face);
-            next.push_back({face, 0});
+            next.push_back({face, 0, f.recoveryRoll});
         }
         _impl->tracks = std::move(next);
     } catch (...) {
