@@ -247,6 +247,8 @@ public:
     const dispatch_queue_t& videoDataOutputQueue() const { return _videoDataOutputQueue; }
 
 private:
+    /// Sets the focus mode when the device supports it and the lock succeeds.
+    void focusWithMode(AVCaptureFocusMode mode);
     /// Queues a task on the main queue that holds the engine until it has run.
     void queueToMain(std::function<void(KPVideoHelper&)> task);
 

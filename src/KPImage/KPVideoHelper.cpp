@@ -569,23 +569,16 @@ void KPVideoHelper::takeStillPicture() {
         });
 }
 
-void KPVideoHelper::autoFocusCamera() {
-    const AVCaptureDevice::Ref device = _device.load();
-    if (device && device->isFocusModeSupported(AVCaptureFocusModeAutoFocus)) {
-        NSErrorRef error;
-        if (device->lockForConfiguration(&error)) {
-            device->setFocusMode(AVCaptureFocusModeAutoFocus);
-            device->unlockForConfiguration();
-        }
-    }
-}
+void KPVideoHelper::autoFocusCamera() { focusWithMode(AVCaptureFocusModeAutoFocus); }
 
-void KPVideoHelper::autoFocusContinuousCamera() {
+void KPVideoHelper::autoFocusContinuousCamera() { focusWithMode(AVCaptureFocusModeContinuousAutoFocus); }
+
+void KPVideoHelper::focusWithMode(AVCaptureFocusMode mode) {
     const AVCaptureDevice::Ref device = _device.load();
-    if (device && device->isFocusModeSupported(AVCaptureFocusModeContinuousAutoFocus)) {
+    if (device && device->isFocusModeSupported(mode)) {
         NSErrorRef error;
         if (device->lockForConfiguration(&error)) {
-            device->setFocusMode(AVCaptureFocusModeContinuousAutoFocus);
+            device->setFocusMode(mode);
             device->unlockForConfiguration();
         }
     }
