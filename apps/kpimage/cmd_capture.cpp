@@ -6,6 +6,7 @@
 #include "Camera.h"
 #include "Command.h"
 #include "Json.h"
+#include "Scores.h"
 
 #include <KPImage/KPImage.h>
 
@@ -163,10 +164,7 @@ private:
 /// A still's scores and files, as printed.
 std::string scoreAndSave(const kp::UIImage& still, const std::optional<kp::UIImage>& preview, const std::string& base,
                          std::string& stillFile) {
-    const int32_t focus = still.calculateFocus();
-    const int32_t focusScore = still.calculateFocusScore(1, 1, 10);
-    const int32_t brightness = still.calculateBrightness(4, 10);
-    const kp::FaceFeatures face = still.getFaceFeaturesWithAccuracy(1);
+    const auto [focus, focusScore, brightness, face] = scorePicture(still);
     auto save = [](const kp::UIImage& image, const std::string& path) {
         const auto png = kp::UIImagePNGRepresentation(image);
         return png && kp::writeToFile(*png, path, true);

@@ -5,6 +5,7 @@
 #include "Camera.h"
 #include "Command.h"
 #include "Json.h"
+#include "Scores.h"
 
 #include <KPImage/KPImage.h>
 
@@ -39,10 +40,7 @@ struct Analysis {
 };
 
 Analysis analyse(const kp::UIImage& image) {
-    const int32_t focus = image.calculateFocus();
-    const int32_t focusScore = image.calculateFocusScore(1, 1, 10);
-    const int32_t brightness = image.calculateBrightness(4, 10);
-    const kp::FaceFeatures face = image.getFaceFeaturesWithAccuracy(1);
+    const auto [focus, focusScore, brightness, face] = scorePicture(image);
     const bool found = !kp::CGRectIsEmpty(face.faceBounds);
     JsonObject faceJson;
     faceJson.add("found", found)
