@@ -43,9 +43,12 @@ public:
     CALayer& operator=(const CALayer&) = delete;
 
     // Geometry.
-    /// The bounding box of the transformed bounds in the superlayer's coordinates.
+    /// The bounding box of the transformed bounds in the superlayer's coordinates; CGRectNull while the last
+    /// geometry change was setFrame with the null rectangle.
     CGRect frame() const;
-    /// Sets bounds size and position so that the untransformed layer covers rect.
+    /// Sets bounds size and position so that the untransformed layer covers rect. The null rectangle is kept
+    /// (frame reports it, the bounds become empty) until the next frame, bounds or position change; other
+    /// rectangles with an infinite or NaN value are ignored.
     void setFrame(CGRect rect);
     CGRect bounds() const { return _bounds; }
     void setBounds(CGRect bounds);
@@ -164,6 +167,7 @@ private:
     void detach();
 
     CGRect _bounds = CGRectZero;
+    bool _frameIsNull = false;
     CGPoint _position = CGPointZero;
     CGPoint _anchorPoint{0.5, 0.5};
     CATransform3D _transform = CATransform3DIdentity;

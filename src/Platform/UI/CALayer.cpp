@@ -85,6 +85,9 @@ void CALayer::didChange() const { requestRender(); }
 
 CGRect CALayer::frame() const {
     checkMainThread("frame");
+    if (_frameIsNull) {
+        return CGRectNull;
+    }
     // The bounds around the anchor point, transformed, then placed at the position.
     const CGRect local = CGRectMake(-_anchorPoint.x * _bounds.size.width, -_anchorPoint.y * _bounds.size.height,
                                     _bounds.size.width, _bounds.size.height);
@@ -95,9 +98,18 @@ CGRect CALayer::frame() const {
 
 void CALayer::setFrame(CGRect rect) {
     checkMainThread("setFrame:");
+    if (CGRectIsNull(rect)) {
+        // The null rectangle (what an inset larger than the rectangle gives) is kept and reported as it is; the
+        // layer has no area meanwhile, so nothing of it is drawn.
+        _frameIsNull = true;
+        _bounds.size = CGSizeZero;
+        didChange();
+        return;
+    }
     if (!finiteRect(rect)) {
         return;
     }
+    _frameIsNull = false;
     rect = CGRectStandardize(rect);
     _bounds.size = rect.size;
     _position = CGPointMake(rect.origin.x + _anchorPoint.x * rect.size.width,
@@ -108,6 +120,7 @@ void CALayer::setFrame(CGRect rect) {
 void CALayer::setBounds(CGRect bounds) {
     checkMainThread("setBounds:");
     if (finiteRect(bounds)) {
+        _frameIsNull = false;
         _bounds = CGRectStandardize(bounds);
         didChange();
     }
@@ -116,6 +129,7 @@ void CALayer::setBounds(CGRect bounds) {
 void CALayer::setPosition(CGPoint position) {
     checkMainThread("setPosition:");
     if (finitePoint(position)) {
+        _frameIsNull = false;
         _position = position;
         didChange();
     }
