@@ -40,6 +40,8 @@ public:
     AVCaptureVideoPreviewLayer();
     ~AVCaptureVideoPreviewLayer() override;
 
+    /// The session, held strongly: a host that keeps only the layer (or a view holding it) keeps the camera
+    /// running. No cycle arises: the session reaches the layer only weakly, through the layer's feed.
     std::shared_ptr<AVCaptureSession> session() const;
     /// Moves the layer to another session (or none); the picture stays until the next frame arrives.
     void setSession(const std::shared_ptr<AVCaptureSession>& session);
@@ -70,7 +72,8 @@ public:
     std::optional<CGRect> videoRect() const;
     /// A copy of the object with bounds and corners in layer points, placed as the picture is (gravity, crop,
     /// mirroring; mirrored corners keep their order); nil for nil or before the frame size is known. Faces and
-    /// codes are mapped; other subclasses are copied as they are.
+    /// codes are mapped; other subclasses are copied as they are. A mirrored face's roll and yaw a become
+    /// (360 - a) mod 360.
     std::shared_ptr<AVMetadataObject> transformedMetadataObjectForMetadataObject(
         const std::shared_ptr<AVMetadataObject>& object) const;
     /// The normalised frame point (0..1, top-left origin) shown at a layer point; (0.5, 0.5) before any frame.
@@ -84,20 +87,20 @@ public:
 
 private:
     class FrameOutput;
-    friend class FrameOutput;
-    void receive(const CMSampleBufferRef& frame);
+    class FrameSlot;
     void attach(const std::shared_ptr<AVCaptureSession>& session);
     void detach();
     CGPoint mapToLayer(CGPoint normalised, const CGRect& video, bool mirrored) const;
 
+    std::shared_ptr<AVCaptureSession> _session;
     std::shared_ptr<FrameOutput> _output;
     AVLayerVideoGravity _gravity = AVLayerVideoGravityResizeAspect;
     bool _autoMirroring = true;
     bool _mirrored = false;
 
-    mutable std::mutex _frameMutex;
-    CMSampleBufferRef _frame; // the newest frame, written on the camera's thread
-    std::atomic<bool> _redrawQueued{false};
+    // The newest frame, written on the camera's thread. The feed reaches the layer only through this slot, so the
+    // camera's thread never holds the layer (whose end may end its session).
+    std::shared_ptr<FrameSlot> _slot;
 
     // Main thread: the newest frame converted to BGRA when it came in another format.
     CMSampleBufferRef _convertedFrom;

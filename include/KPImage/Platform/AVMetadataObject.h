@@ -88,6 +88,14 @@ public:
         f.bounds = bounds;
         return create(f);
     }
+    /// A copy with other bounds and angles (what a mirroring preview layer's transform makes).
+    std::shared_ptr<AVMetadataFaceObject> withGeometry(CGRect bounds, double rollAngle, double yawAngle) const {
+        Fields f = _fields;
+        f.bounds = bounds;
+        f.rollAngle = rollAngle;
+        f.yawAngle = yawAngle;
+        return create(f);
+    }
     std::shared_ptr<AVMetadataObject> copy() const override { return std::make_shared<AVMetadataFaceObject>(*this); }
 
 private:

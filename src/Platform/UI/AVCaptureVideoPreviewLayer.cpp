@@ -15,23 +15,49 @@
 
 namespace kp {
 
-// The layer's feed from the session: hands frames to the layer (held weakly) on the camera's thread.
+// The newest frame of a layer, and its redraw requests: one per burst of frames, on the main queue.
+class AVCaptureVideoPreviewLayer::FrameSlot : public std::enable_shared_from_this<FrameSlot> {
+public:
+    void receive(const CMSampleBufferRef& frame) {
+        if (!frame || !frame->imageBuffer()) {
+            return;
+        }
+        {
+            std::lock_guard lock(_mutex);
+            _frame = frame;
+        }
+        // Frames arriving before the main queue runs share one request.
+        if (!_redrawQueued.exchange(true, std::memory_order_acq_rel)) {
+            dispatch_async(dispatch_get_main_queue(), [self = shared_from_this()] {
+                self->_redrawQueued.store(false, std::memory_order_release);
+                CALayer::requestRender();
+            });
+        }
+    }
+
+    CMSampleBufferRef newest() const {
+        std::lock_guard lock(_mutex);
+        return _frame;
+    }
+
+private:
+    mutable std::mutex _mutex;
+    CMSampleBufferRef _frame;
+    std::atomic<bool> _redrawQueued{false};
+};
+
+// The layer's feed from the session: hands frames to the layer's slot on the camera's thread.
 class AVCaptureVideoPreviewLayer::FrameOutput final : public AVCaptureOutput {
 public:
-    explicit FrameOutput(std::weak_ptr<AVCaptureVideoPreviewLayer> layer)
-        : AVCaptureOutput(AVMediaTypeVideo), _layer(std::move(layer)) {}
+    explicit FrameOutput(std::shared_ptr<FrameSlot> slot) : AVCaptureOutput(AVMediaTypeVideo), _slot(std::move(slot)) {}
     Kind kind() const override { return Kind::PreviewLayer; }
     std::shared_ptr<AVCaptureConnection> liveConnection() const { return connectionWithMediaType(AVMediaTypeVideo); }
 
 protected:
-    void sessionDidCaptureFrame(const CMSampleBufferRef& frame) override {
-        if (auto layer = _layer.lock()) {
-            layer->receive(frame);
-        }
-    }
+    void sessionDidCaptureFrame(const CMSampleBufferRef& frame) override { _slot->receive(frame); }
 
 private:
-    std::weak_ptr<AVCaptureVideoPreviewLayer> _layer;
+    const std::shared_ptr<FrameSlot> _slot;
 };
 
 std::shared_ptr<AVCaptureVideoPreviewLayer>
@@ -41,13 +67,11 @@ AVCaptureVideoPreviewLayer::layerWithSession(const std::shared_ptr<AVCaptureSess
     return layer;
 }
 
-AVCaptureVideoPreviewLayer::AVCaptureVideoPreviewLayer() = default;
+AVCaptureVideoPreviewLayer::AVCaptureVideoPreviewLayer() : _slot(std::make_shared<FrameSlot>()) {}
 
 AVCaptureVideoPreviewLayer::~AVCaptureVideoPreviewLayer() { detach(); }
 
-std::shared_ptr<AVCaptureSession> AVCaptureVideoPreviewLayer::session() const {
-    return _output ? _output->session() : nullptr;
-}
+std::shared_ptr<AVCaptureSession> AVCaptureVideoPreviewLayer::session() const { return _session; }
 
 void AVCaptureVideoPreviewLayer::setSession(const std::shared_ptr<AVCaptureSession>& session) {
     checkMainThread("setSession:");
@@ -61,21 +85,22 @@ void AVCaptureVideoPreviewLayer::setSession(const std::shared_ptr<AVCaptureSessi
 }
 
 void AVCaptureVideoPreviewLayer::attach(const std::shared_ptr<AVCaptureSession>& session) {
-    auto output = std::make_shared<FrameOutput>(std::static_pointer_cast<AVCaptureVideoPreviewLayer>(shared_from_this()));
+    auto output = std::make_shared<FrameOutput>(_slot);
     session->addOutput(output);
     if (output->session() == session) {
         _output = std::move(output);
+        _session = session;
     }
 }
 
 void AVCaptureVideoPreviewLayer::detach() {
-    if (!_output) {
-        return;
+    if (_output) {
+        if (auto session = _output->session()) {
+            session->removeOutput(_output);
+        }
+        _output.reset();
     }
-    if (auto session = _output->session()) {
-        session->removeOutput(_output);
-    }
-    _output.reset();
+    _session.reset();
 }
 
 std::shared_ptr<AVCaptureConnection> AVCaptureVideoPreviewLayer::connection() const {
@@ -116,30 +141,10 @@ void AVCaptureVideoPreviewLayer::setVideoMirrored(bool mirrored) {
     didChange();
 }
 
-void AVCaptureVideoPreviewLayer::enqueueSampleBuffer(const CMSampleBufferRef& frame) { receive(frame); }
-
-void AVCaptureVideoPreviewLayer::receive(const CMSampleBufferRef& frame) {
-    if (!frame || !frame->imageBuffer()) {
-        return;
-    }
-    {
-        std::lock_guard lock(_frameMutex);
-        _frame = frame;
-    }
-    // One redraw request per burst: frames arriving before the main queue runs share it.
-    if (!_redrawQueued.exchange(true, std::memory_order_acq_rel)) {
-        dispatch_async(dispatch_get_main_queue(), [weak = weak_from_this()] {
-            if (auto self = weak.lock()) {
-                static_cast<AVCaptureVideoPreviewLayer&>(*self)._redrawQueued.store(false, std::memory_order_release);
-                requestRender();
-            }
-        });
-    }
-}
+void AVCaptureVideoPreviewLayer::enqueueSampleBuffer(const CMSampleBufferRef& frame) { _slot->receive(frame); }
 
 CMSampleBufferRef AVCaptureVideoPreviewLayer::newestSampleBuffer() const {
-    std::lock_guard lock(_frameMutex);
-    return _frame;
+    return _slot->newest();
 }
 
 std::optional<CGSize> AVCaptureVideoPreviewLayer::frameSize() const {
@@ -188,7 +193,12 @@ std::shared_ptr<AVMetadataObject> AVCaptureVideoPreviewLayer::transformedMetadat
     const CGPoint p1 = map(CGPointMake(CGRectGetMaxX(b), CGRectGetMaxY(b)));
     const CGRect bounds = CGRectStandardize(CGRectMake(p0.x, p0.y, p1.x - p0.x, p1.y - p0.y));
     if (const auto* face = dynamic_cast<const AVMetadataFaceObject*>(object.get())) {
-        return face->withBounds(bounds);
+        if (!mirrored) {
+            return face->withBounds(bounds);
+        }
+        // Seen in a mirror, a head tilted or turned one way is tilted or turned the other way.
+        const auto mirrorAngle = [](double a) { return std::fmod(360.0 - std::fmod(a, 360.0), 360.0); };
+        return face->withGeometry(bounds, mirrorAngle(face->rollAngle()), mirrorAngle(face->yawAngle()));
     }
     if (const auto* code = dynamic_cast<const AVMetadataMachineReadableCodeObject*>(object.get())) {
         std::vector<CGPointDictionary> corners;
