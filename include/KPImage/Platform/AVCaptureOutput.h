@@ -24,6 +24,7 @@ public:
     AVCaptureOutput& operator=(const AVCaptureOutput&) = delete;
 
     /// The connection for the media type, while the output is in a session that has a camera input; else nil.
+    /// Each camera input added to the session brings a new connection with default settings.
     std::shared_ptr<AVCaptureConnection> connectionWithMediaType(const AVMediaType& mediaType) const;
     /// The live connections (zero or one).
     std::vector<std::shared_ptr<AVCaptureConnection>> connections() const;
@@ -37,7 +38,7 @@ public:
 
 protected:
     explicit AVCaptureOutput(AVMediaType connectionMediaType) : _connectionMediaType(std::move(connectionMediaType)) {}
-    /// The output's one connection object (created on first use, kept for the output's life).
+    /// The output's connection object (created on first use, kept until the session gets a new input).
     std::shared_ptr<AVCaptureConnection> connection() const;
 
     // Called by the session.

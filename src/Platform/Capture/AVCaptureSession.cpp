@@ -168,6 +168,11 @@ void AVCaptureSession::addInput(const std::shared_ptr<AVCaptureDeviceInput>& inp
     }
     input->_session = weak_from_this();
     _inputs.push_back(input);
+    // A new camera gets new connections with default settings: nothing set up for the old one carries over.
+    for (const auto& output : _outputs) {
+        std::lock_guard outputLock(output->_mutex);
+        output->_connection.reset();
+    }
     // A preset the new camera cannot stream falls back to the highest it can.
     if (!input->device()->supportsAVCaptureSessionPreset(_preset)) {
         _preset = AVCaptureSessionPresetHigh;
