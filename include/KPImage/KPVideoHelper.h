@@ -59,7 +59,8 @@ public:
 /// metadata handler belong to the main thread; frames and still pictures reach the delegate on the serial queue
 /// "VideoDataOutputQueue". The detection state is shared between the two without the caller taking locks: each
 /// field is a relaxed atomic (or a whole-value field), so a frame may see the fields of different batches.
-/// Destroying the engine does not stop its session.
+/// Destroying the engine does not stop its session, and a preview view still showing the preview layer keeps the
+/// session (and the camera) going.
 ///
 /// Example:
 ///     auto engine = kp::KPVideoHelper::init();                 // front camera, high preset, '420f' frames
@@ -73,7 +74,8 @@ class KPVideoHelper : public AVCaptureVideoDataOutputSampleBufferDelegate,
                       public std::enable_shared_from_this<KPVideoHelper> {
 public:
     /// The designated initialiser: preset index (see avPreset), camera position (1 back, 2 front), preview gravity
-    /// and frame pixel format (a four-character code). Builds the session (setupAVCapture), then switches on face
+    /// and frame pixel format (a four-character code: BGRA, '420f' or '420v'; another format is refused with a
+    /// log line and frames come as '420f'). Builds the session (setupAVCapture), then switches on face
     /// and PDF417 detection. Nil only when the engine cannot be allocated.
     static std::shared_ptr<KPVideoHelper> initWithAVCaptureSessionPreset(NSInteger preset,
                                                                          AVCaptureDevicePosition position,
@@ -82,7 +84,15 @@ public:
     /// Preset 0 (high), the front camera, AVLayerVideoGravityResizeAspect and '420f' frames.
     static std::shared_ptr<KPVideoHelper> init();
 
-    KPVideoHelper();
+private:
+    /// Only the initialisers can name it, so only they can make an engine.
+    struct ConstructionToken {
+        explicit ConstructionToken() = default;
+    };
+
+public:
+    /// For the initialisers (std::make_shared); the token cannot be made outside the class.
+    explicit KPVideoHelper(ConstructionToken token);
     ~KPVideoHelper() override;
     KPVideoHelper(const KPVideoHelper&) = delete;
     KPVideoHelper& operator=(const KPVideoHelper&) = delete;

@@ -51,7 +51,7 @@ void libVideoDelegate::getNewStillImage(const std::optional<UIImage>& /*image*/)
 // ---------------------------------------------------------------------------------------------------------------
 // Creation and set-up.
 
-KPVideoHelper::KPVideoHelper() = default;
+KPVideoHelper::KPVideoHelper(ConstructionToken /*token*/) {}
 KPVideoHelper::~KPVideoHelper() = default;
 
 std::shared_ptr<KPVideoHelper> KPVideoHelper::initWithAVCaptureSessionPreset(NSInteger preset,
@@ -60,7 +60,7 @@ std::shared_ptr<KPVideoHelper> KPVideoHelper::initWithAVCaptureSessionPreset(NSI
                                                                              OSType pixelFormat) {
     std::shared_ptr<KPVideoHelper> self;
     try {
-        self = std::make_shared<KPVideoHelper>();
+        self = std::make_shared<KPVideoHelper>(ConstructionToken{});
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
