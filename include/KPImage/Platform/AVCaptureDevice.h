@@ -25,9 +25,12 @@ struct CaptureDeviceDiscovery {
     bool alwaysOfferSampleCameras = false;
 };
 
+/// The log line's text (after "<setter>: ") when a control setter is called without the configuration lock.
+inline constexpr const char* kNotLockedForConfiguration = "The camera is not locked for configuration; nothing changed.";
+
 /// A camera. Device objects are shared and keep their identity: devices() returns the same object for the same
 /// camera for as long as it stays connected. Control setters apply only while the caller holds the
-/// configuration lock; otherwise they change nothing.
+/// configuration lock; otherwise they change nothing and log "<setter>: " + kNotLockedForConfiguration.
 class AVCaptureDevice : public std::enable_shared_from_this<AVCaptureDevice> {
 public:
     using Ref = std::shared_ptr<AVCaptureDevice>;
@@ -111,7 +114,8 @@ public:
 
 private:
     friend class CaptureDeviceRegistry;
-    bool canChange() const;
+    /// True while locked; otherwise logs "<setter>: " + kNotLockedForConfiguration and returns false.
+    bool canChange(const char* setter) const;
     void apply(const CaptureControls& controls);
 
     const std::shared_ptr<CaptureDeviceBackend> _backend;

@@ -2,6 +2,8 @@
 // Capture devices: control state, the configuration lock and enumeration through the registry.
 #include "KPImage/Platform/AVCaptureDevice.h"
 
+#include "KPImage/Platform/SystemLog.h"
+
 #include "Platform/Capture/CaptureDeviceRegistry.h"
 #include "Platform/Capture/MediaFileCamera.h"
 
@@ -158,7 +160,14 @@ bool AVCaptureDevice::isLockedForConfiguration() const {
     return _lockCount > 0;
 }
 
-bool AVCaptureDevice::canChange() const { return _lockCount > 0; }
+bool AVCaptureDevice::canChange(const char* setter) const {
+    if (_lockCount > 0) {
+        return true;
+    }
+    // The platform raises an exception here; the library never throws, so the call is logged and ignored.
+    NSLog("%s: %s", setter, kNotLockedForConfiguration);
+    return false;
+}
 
 void AVCaptureDevice::apply(const CaptureControls& controls) { _backend->applyControls(controls); }
 
@@ -171,7 +180,7 @@ AVCaptureFocusMode AVCaptureDevice::focusMode() const {
 }
 void AVCaptureDevice::setFocusMode(AVCaptureFocusMode mode) {
     std::lock_guard lock(_mutex);
-    if (canChange() && isFocusModeSupported(mode)) {
+    if (canChange("setFocusMode:") && isFocusModeSupported(mode)) {
         _controls.focusMode = mode;
         if (mode == AVCaptureFocusModeAutoFocus) {
             ++_controls.autoFocusRequests;
@@ -187,7 +196,7 @@ AVCaptureAutoFocusRangeRestriction AVCaptureDevice::autoFocusRangeRestriction() 
 }
 void AVCaptureDevice::setAutoFocusRangeRestriction(AVCaptureAutoFocusRangeRestriction restriction) {
     std::lock_guard lock(_mutex);
-    if (canChange() && _capabilities.autoFocusRangeRestriction && restriction >= AVCaptureAutoFocusRangeRestrictionNone &&
+    if (canChange("setAutoFocusRangeRestriction:") && _capabilities.autoFocusRangeRestriction && restriction >= AVCaptureAutoFocusRangeRestrictionNone &&
         restriction <= AVCaptureAutoFocusRangeRestrictionFar) {
         _controls.autoFocusRangeRestriction = restriction;
         apply(_controls);
@@ -203,7 +212,7 @@ AVCaptureExposureMode AVCaptureDevice::exposureMode() const {
 }
 void AVCaptureDevice::setExposureMode(AVCaptureExposureMode mode) {
     std::lock_guard lock(_mutex);
-    if (canChange() && isExposureModeSupported(mode)) {
+    if (canChange("setExposureMode:") && isExposureModeSupported(mode)) {
         _controls.exposureMode = mode;
         apply(_controls);
     }
@@ -218,7 +227,7 @@ AVCaptureWhiteBalanceMode AVCaptureDevice::whiteBalanceMode() const {
 }
 void AVCaptureDevice::setWhiteBalanceMode(AVCaptureWhiteBalanceMode mode) {
     std::lock_guard lock(_mutex);
-    if (canChange() && isWhiteBalanceModeSupported(mode)) {
+    if (canChange("setWhiteBalanceMode:") && isWhiteBalanceModeSupported(mode)) {
         _controls.whiteBalanceMode = mode;
         apply(_controls);
     }
@@ -235,7 +244,7 @@ AVCaptureFlashMode AVCaptureDevice::flashMode() const {
 }
 void AVCaptureDevice::setFlashMode(AVCaptureFlashMode mode) {
     std::lock_guard lock(_mutex);
-    if (canChange() && isFlashModeSupported(mode)) {
+    if (canChange("setFlashMode:") && isFlashModeSupported(mode)) {
         _controls.flashMode = mode;
         apply(_controls);
     }
@@ -256,7 +265,7 @@ float AVCaptureDevice::torchLevel() const {
 }
 void AVCaptureDevice::setTorchMode(AVCaptureTorchMode mode) {
     std::lock_guard lock(_mutex);
-    if (canChange() && isTorchModeSupported(mode)) {
+    if (canChange("setTorchMode:") && isTorchModeSupported(mode)) {
         _controls.torchMode = mode;
         _controls.torchLevel = mode == AVCaptureTorchModeOff ? 0.0F : AVCaptureMaxAvailableTorchLevel;
         apply(_controls);
@@ -273,8 +282,8 @@ bool AVCaptureDevice::setTorchModeOnWithLevel(float level, NSErrorRef* error) {
         problem = "The torch level is outside (0, 1].";
     } else if (!contains(_capabilities.torchModes, AVCaptureTorchModeOn)) {
         problem = "The camera has no torch.";
-    } else if (!canChange()) {
-        problem = "The camera is not locked for configuration.";
+    } else if (!canChange("setTorchModeOnWithLevel:error:")) {
+        problem = kNotLockedForConfiguration;
     }
     if (problem != nullptr) {
         if (error != nullptr) {
