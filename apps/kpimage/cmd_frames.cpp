@@ -39,16 +39,17 @@ int frames(const std::vector<std::string>& args) {
     if (!presetIndex || !seconds || *seconds < 1 || *seconds > 3600 || !delegateMs || *delegateMs < 0) {
         return fail("--preset takes an integer, --seconds 1..3600, --delegate-ms a non-negative number");
     }
-    if (formatName != "BGRA" && formatName != "420f") {
-        return fail("--pixel-format must be BGRA or 420f");
+    if (formatName != "BGRA" && formatName != "420f" && formatName != "420v") {
+        return fail("--pixel-format must be BGRA, 420f or 420v");
     }
     std::string error;
     auto device = cameraFromArgs(a, error);
     if (!device) {
         return fail(error);
     }
-    const kp::OSType format =
-        formatName == "BGRA" ? kp::kCVPixelFormatType_32BGRA : kp::kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    const kp::OSType format = formatName == "BGRA"   ? kp::kCVPixelFormatType_32BGRA
+                              : formatName == "420f" ? kp::kCVPixelFormatType_420YpCbCr8BiPlanarFullRange
+                                                     : kp::kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange;
 
     auto session = makeCameraSession(device, *presetIndex, error);
     if (!session) {
@@ -115,7 +116,7 @@ int frames(const std::vector<std::string>& args) {
 
 const Registration kFrames({"frames",
                             "  kpimage frames [--position front|back] [--preset N] [--seconds S]\n"
-                            "                 [--pixel-format BGRA|420f] [--delegate-ms MS] [--media FILE] [--sample]\n"
+                            "                 [--pixel-format BGRA|420f|420v] [--delegate-ms MS] [--media FILE] [--sample]\n"
                             "      runs a capture session for S seconds (default 5) and prints\n"
                             "      {\"second\",\"frames\",\"dropped\",\"produced\"} each second, then a summary;\n"
                             "      N: 0 High, 1 Low, 2 Medium, 3 Photo, 4 640x480, 5 1280x720, 6 1920x1080;\n"

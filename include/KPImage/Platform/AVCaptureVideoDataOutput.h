@@ -18,6 +18,8 @@ namespace kp {
 using AVVideoSettings = std::map<std::string, int64_t>;
 /// The pixel format key of video and still output settings.
 inline const std::string kCVPixelBufferPixelFormatTypeKey = "PixelFormatType";
+/// The start of the log line of setVideoSettings when it refuses a pixel format.
+inline constexpr const char* kUnsupportedPixelFormatLog = "AVCaptureVideoDataOutput: unsupported pixel format";
 
 /// Receives frames on the output's delegate queue.
 class AVCaptureVideoDataOutputSampleBufferDelegate {
@@ -35,9 +37,11 @@ public:
 
     /// { kCVPixelBufferPixelFormatTypeKey: the pixel format } (default '420f').
     AVVideoSettings videoSettings() const;
-    /// Takes the pixel format from the settings; settings without one, or with a format not in
-    /// availableVideoCVPixelFormatTypes, are ignored.
+    /// Takes the pixel format from the settings. Settings without one are ignored; a format not in
+    /// availableVideoCVPixelFormatTypes is refused: the output keeps its format and logs kUnsupportedPixelFormatLog,
+    /// the format, and the format kept.
     void setVideoSettings(const AVVideoSettings& settings);
+    /// The formats frames can be delivered in: '420v', '420f' and BGRA.
     std::vector<OSType> availableVideoCVPixelFormatTypes() const;
     OSType pixelFormat() const { return _pixelFormat.load(std::memory_order_acquire); }
 

@@ -24,6 +24,14 @@ inline constexpr CVReturn kCVReturnInvalidSize = -6681;
 inline constexpr OSType kCVPixelFormatType_32BGRA = 0x42475241; // 'BGRA'
 /// Bi-planar 4:2:0 full-range YCbCr: plane 0 Y (width x height), plane 1 interleaved Cb, Cr at half size.
 inline constexpr OSType kCVPixelFormatType_420YpCbCr8BiPlanarFullRange = 0x34323066; // '420f'
+/// The same layout in video range: Y in 16..235, Cb and Cr in 16..240 (what most webcams deliver).
+inline constexpr OSType kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange = 0x34323076; // '420v'
+
+/// True for the two bi-planar 4:2:0 formats ('420f', '420v').
+inline constexpr bool isBiPlanar420(OSType format) {
+    return format == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange ||
+           format == kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange;
+}
 
 /// Lock flag: the caller only reads.
 inline constexpr CVOptionFlags kCVPixelBufferLock_ReadOnly = 1;

@@ -14,7 +14,8 @@ namespace {
 constexpr int64_t kStillTimeoutNanoseconds = 5 * NSEC_PER_SEC;
 
 bool isOffered(int64_t format) {
-    return format == kCVPixelFormatType_32BGRA || format == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    return format == kCVPixelFormatType_32BGRA ||
+           (format >= 0 && format <= UINT32_MAX && isBiPlanar420(static_cast<OSType>(format)));
 }
 
 NSErrorRef stillError(AVError code, const char* text) {
@@ -38,7 +39,8 @@ void AVCaptureStillImageOutput::setOutputSettings(const AVVideoSettings& setting
 }
 
 std::vector<OSType> AVCaptureStillImageOutput::availableImageDataCVPixelFormatTypes() const {
-    return {kCVPixelFormatType_32BGRA, kCVPixelFormatType_420YpCbCr8BiPlanarFullRange};
+    return {kCVPixelFormatType_32BGRA, kCVPixelFormatType_420YpCbCr8BiPlanarFullRange,
+            kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange};
 }
 
 void AVCaptureStillImageOutput::complete(CompletionHandler handler, CMSampleBufferRef picture, NSErrorRef error) {

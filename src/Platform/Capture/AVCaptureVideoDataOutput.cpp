@@ -3,6 +3,10 @@
 #include "KPImage/Platform/AVCaptureVideoDataOutput.h"
 
 #include "KPImage/Platform/AVCaptureSession.h"
+#include "KPImage/Platform/SystemLog.h"
+
+#include <cstdint>
+#include <string>
 
 namespace kp {
 
@@ -11,7 +15,21 @@ namespace {
 constexpr int32_t kMaxQueuedFrames = 8;
 
 bool isOffered(int64_t format) {
-    return format == kCVPixelFormatType_32BGRA || format == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    return format == kCVPixelFormatType_32BGRA ||
+           (format >= 0 && format <= UINT32_MAX && isBiPlanar420(static_cast<OSType>(format)));
+}
+
+// A format as its four characters where they are printable, else as a number.
+std::string formatName(int64_t format) {
+    std::string name;
+    for (int shift = 24; shift >= 0 && format >= 0 && format <= UINT32_MAX; shift -= 8) {
+        const char c = static_cast<char>((format >> shift) & 0xFF);
+        if (c < 0x20 || c > 0x7E) {
+            return std::to_string(format);
+        }
+        name += c;
+    }
+    return name.size() == 4 ? "'" + name + "'" : std::to_string(format);
 }
 } // namespace
 
@@ -27,7 +45,12 @@ AVVideoSettings AVCaptureVideoDataOutput::videoSettings() const {
 
 void AVCaptureVideoDataOutput::setVideoSettings(const AVVideoSettings& settings) {
     const auto it = settings.find(kCVPixelBufferPixelFormatTypeKey);
-    if (it == settings.end() || !isOffered(it->second)) {
+    if (it == settings.end()) {
+        return;
+    }
+    if (!isOffered(it->second)) {
+        NSLog("%s %s; the output keeps %s", kUnsupportedPixelFormatLog, formatName(it->second).c_str(),
+              formatName(pixelFormat()).c_str());
         return;
     }
     _pixelFormat.store(static_cast<OSType>(it->second), std::memory_order_release);
@@ -39,7 +62,8 @@ void AVCaptureVideoDataOutput::setVideoSettings(const AVVideoSettings& settings)
 }
 
 std::vector<OSType> AVCaptureVideoDataOutput::availableVideoCVPixelFormatTypes() const {
-    return {kCVPixelFormatType_420YpCbCr8BiPlanarFullRange, kCVPixelFormatType_32BGRA};
+    return {kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange, kCVPixelFormatType_420YpCbCr8BiPlanarFullRange,
+            kCVPixelFormatType_32BGRA};
 }
 
 void AVCaptureVideoDataOutput::setSampleBufferDelegate(

@@ -108,13 +108,13 @@ void SampleCamera::run(CaptureStreamRequest request, std::shared_ptr<CaptureFram
     const SampleScene& scene = SampleScene::shared();
     const int width = request.format.width;
     const int height = request.format.height;
-    const bool planar = request.pixelFormat == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    const bool planar = isBiPlanar420(request.pixelFormat);
     const auto outOfMemory = [&] {
         sink->didFailWithError(NSError::errorWithDescription(AVFoundationErrorDomain, AVErrorOutOfMemory,
                                                              "No memory for the sample camera's frames."));
     };
     PixelConverter converter;
-    CVPixelBufferRef scratch;   // BGRA drawing target when the stream is '420f'
+    CVPixelBufferRef scratch;   // BGRA drawing target when the stream is '420f' or '420v'
     CVPixelBufferPoolRef frames; // BGRA frames drawn in place
     if (planar ? CVPixelBufferCreate(width, height, kCVPixelFormatType_32BGRA, &scratch) != kCVReturnSuccess
                : CVPixelBufferPoolCreate(width, height, kCVPixelFormatType_32BGRA, kFreeFrames, &frames) !=

@@ -41,7 +41,7 @@ CVReturn layoutFor(size_t width, size_t height, OSType pixelFormatType, Layout& 
     if (pixelFormatType == kCVPixelFormatType_32BGRA) {
         layout.planes[0] = {0, width, height, static_cast<size_t>(alignRow(w * 4))};
         layout.total = alignRow(w * 4) * h;
-    } else if (pixelFormatType == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange) {
+    } else if (isBiPlanar420(pixelFormatType)) {
         const uint64_t lumaRow = alignRow(w);
         const uint64_t chromaW = (w + 1) / 2;
         const uint64_t chromaH = (h + 1) / 2;

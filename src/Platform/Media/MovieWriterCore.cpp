@@ -225,14 +225,15 @@ std::optional<WriteFailure> MovieFile::open(const CVPixelBufferRef& first, CMTim
     }
     _stream->time_base = _timeBase;
 
-    const bool nv12 = _sourceFormat == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    const bool nv12 = isBiPlanar420(_sourceFormat);
+    const bool fullRange = _sourceFormat != kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange;
     if (!_settings) {
         AVCodecParameters* par = _stream->codecpar;
         par->codec_type = AVMEDIA_TYPE_VIDEO;
         par->codec_id = AV_CODEC_ID_RAWVIDEO;
         par->format = nv12 ? AV_PIX_FMT_NV12 : AV_PIX_FMT_BGRA;
         par->codec_tag = nv12 ? MKTAG('N', 'V', '1', '2') : MKTAG('B', 'G', 'R', 'A');
-        par->color_range = nv12 ? AVCOL_RANGE_JPEG : AVCOL_RANGE_UNSPECIFIED;
+        par->color_range = !nv12 ? AVCOL_RANGE_UNSPECIFIED : fullRange ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
         par->width = width;
         par->height = height;
     } else {
@@ -262,7 +263,7 @@ std::optional<WriteFailure> MovieFile::open(const CVPixelBufferRef& first, CMTim
             _encoder->height &= ~1;
         }
         _encoder->pix_fmt = ffv1 && !nv12 ? AV_PIX_FMT_BGRA : AV_PIX_FMT_YUV420P;
-        _encoder->color_range = nv12 ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+        _encoder->color_range = nv12 && fullRange ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
         _encoder->time_base = _timeBase;
         _encoder->framerate = AVRational{30, 1};
         _encoder->gop_size =
@@ -359,7 +360,7 @@ std::optional<WriteFailure> MovieFile::write(const CMSampleBufferRef& sample, CM
 
 std::optional<WriteFailure> MovieFile::writeRaw(const CMSampleBufferRef& sample, int64_t pts, int64_t duration) {
     const CVPixelBufferRef pixels = CMSampleBufferGetImageBuffer(sample);
-    const bool nv12 = _sourceFormat == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    const bool nv12 = isBiPlanar420(_sourceFormat);
     const uint64_t width = pixels->width();
     const uint64_t height = pixels->height();
     // Rows are stored tightly, as readers of raw QuickTime video expect.
@@ -423,7 +424,7 @@ std::optional<WriteFailure> MovieFile::encode(const CMSampleBufferRef& sample, i
     if (av_frame_make_writable(_frame) < 0) {
         return WriteFailure{AVErrorOutOfMemory, "Out of memory", ENOMEM};
     }
-    const bool nv12 = _sourceFormat == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    const bool nv12 = isBiPlanar420(_sourceFormat);
     CVPixelBufferLockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
     const uint8_t* planes[4] = {};
     int strides[4] = {};
@@ -640,8 +641,7 @@ bool MovieWriterCore::append(const CMSampleBufferRef& sample) {
     const CVPixelBufferRef pixels = CMSampleBufferGetImageBuffer(sample);
     const CMTime time = CMSampleBufferGetPresentationTimeStamp(sample);
     if (!pixels || CMTIME_IS_INVALID(time) || time.timescale <= 0 ||
-        (pixels->pixelFormat() != kCVPixelFormatType_32BGRA &&
-         pixels->pixelFormat() != kCVPixelFormatType_420YpCbCr8BiPlanarFullRange)) {
+        (pixels->pixelFormat() != kCVPixelFormatType_32BGRA && !isBiPlanar420(pixels->pixelFormat()))) {
         return false;
     }
     std::lock_guard lock(_mutex);

@@ -17,30 +17,35 @@ extern "C" {
 namespace kp {
 
 namespace {
-// NV12 into a '420f' buffer of the same size, limited range widened to full range. libswscale's unscaled
-// NV12-to-NV12 path leaves the chroma plane unwritten (FFmpeg 5.1), so the copy is done here.
-void copyNV12(const uint8_t* const srcData[4], const int srcStride[4], bool srcFullRange, CVPixelBuffer& out) {
+// NV12 into a '420f' or '420v' buffer of the same size, the range widened or narrowed as needed. libswscale's
+// unscaled NV12-to-NV12 path leaves the chroma plane unwritten (FFmpeg 5.1), so the copy is done here.
+void copyNV12(const uint8_t* const srcData[4], const int srcStride[4], bool srcFullRange, bool dstFullRange,
+              CVPixelBuffer& out) {
     using Table = std::array<uint8_t, 256>;
-    const auto table = [](double offset, double scale, double centre) {
+    // v -> (v - from) * scale + to, rounded and clamped.
+    const auto table = [](double from, double scale, double to) {
         Table t{};
         for (int v = 0; v < 256; ++v) {
             t[static_cast<size_t>(v)] =
-                static_cast<uint8_t>(std::clamp(std::lround((v - offset) * scale + centre), 0L, 255L));
+                static_cast<uint8_t>(std::clamp(std::lround((v - from) * scale + to), 0L, 255L));
         }
         return t;
     };
-    static const Table luma = table(16.0, 255.0 / 219.0, 0.0);
-    static const Table chroma = table(128.0, 255.0 / 224.0, 128.0);
+    static const Table widenLuma = table(16.0, 255.0 / 219.0, 0.0);
+    static const Table widenChroma = table(128.0, 255.0 / 224.0, 128.0);
+    static const Table narrowLuma = table(0.0, 219.0 / 255.0, 16.0);
+    static const Table narrowChroma = table(128.0, 224.0 / 255.0, 128.0);
+    const bool widen = !srcFullRange && dstFullRange;
     const size_t width = out.width();
     const size_t rows[2] = {out.height(), (out.height() + 1) / 2};
     const size_t bytes[2] = {width, (width + 1) & ~size_t{1}};
     for (size_t p = 0; p < 2; ++p) {
-        const Table& map = p == 0 ? luma : chroma;
+        const Table& map = widen ? (p == 0 ? widenLuma : widenChroma) : (p == 0 ? narrowLuma : narrowChroma);
         const auto& plane = out.plane(p);
         for (size_t y = 0; y < rows[p]; ++y) {
             const uint8_t* from = srcData[p] + y * static_cast<size_t>(srcStride[p]);
             uint8_t* to = out.bytes() + plane.offset + y * plane.bytesPerRow;
-            if (srcFullRange) {
+            if (srcFullRange == dstFullRange) {
                 std::memcpy(to, from, bytes[p]);
             } else {
                 std::transform(from, from + bytes[p], to, [&](uint8_t v) { return map[v]; });
@@ -72,10 +77,11 @@ CVPixelBufferRef PixelConverter::run(int srcFormat, bool srcFullRange, const uin
     if (CVPixelBufferPoolCreatePixelBuffer(_pool, &out) != kCVReturnSuccess) {
         return nullptr;
     }
-    const bool dstNV12 = dstFormat == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    const bool dstNV12 = isBiPlanar420(dstFormat);
+    const bool dstFullRange = dstFormat != kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange;
     if (dstNV12 && srcFormat == AV_PIX_FMT_NV12 && dstWidth == static_cast<size_t>(srcWidth) &&
         dstHeight == static_cast<size_t>(srcHeight)) {
-        copyNV12(srcData, srcStride, srcFullRange, *out);
+        copyNV12(srcData, srcStride, srcFullRange, dstFullRange, *out);
         return out;
     }
     const AVPixelFormat dst = dstNV12 ? AV_PIX_FMT_NV12 : AV_PIX_FMT_BGRA;
@@ -85,9 +91,9 @@ CVPixelBufferRef PixelConverter::run(int srcFormat, bool srcFullRange, const uin
     if (_context == nullptr) {
         return nullptr;
     }
-    // The '420f' format is full range; camera YUV is usually limited range.
+    // '420f' is full range and '420v' video range; camera YUV is usually video range.
     const int* coefficients = sws_getCoefficients(SWS_CS_ITU601);
-    sws_setColorspaceDetails(_context, coefficients, srcFullRange ? 1 : 0, coefficients, dstNV12 ? 1 : 0, 0,
+    sws_setColorspaceDetails(_context, coefficients, srcFullRange ? 1 : 0, coefficients, dstFullRange ? 1 : 0, 0,
                              1 << 16, 1 << 16);
     uint8_t* dstData[4] = {out->bytes() + out->plane(0).offset, nullptr, nullptr, nullptr};
     int dstStride[4] = {static_cast<int>(out->plane(0).bytesPerRow), 0, 0, 0};
@@ -125,7 +131,7 @@ CVPixelBufferRef PixelConverter::convert(const CVPixelBufferRef& source, OSType 
         srcData[0] = base + p.offset + y * p.bytesPerRow + x * 4;
         srcStride[0] = static_cast<int>(p.bytesPerRow);
         format = AV_PIX_FMT_BGRA;
-    } else if (source->pixelFormat() == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange) {
+    } else if (isBiPlanar420(source->pixelFormat())) {
         // Chroma is subsampled: keep the crop on even coordinates.
         x &= ~size_t{1};
         y &= ~size_t{1};
@@ -136,7 +142,7 @@ CVPixelBufferRef PixelConverter::convert(const CVPixelBufferRef& source, OSType 
         srcStride[0] = static_cast<int>(luma.bytesPerRow);
         srcStride[1] = static_cast<int>(chroma.bytesPerRow);
         format = AV_PIX_FMT_NV12;
-        full = true;
+        full = source->pixelFormat() == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
     } else {
         return nullptr;
     }

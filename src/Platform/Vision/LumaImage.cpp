@@ -3,6 +3,7 @@
 #include "Platform/Vision/LumaImage.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +15,17 @@ namespace {
 inline uint8_t luma(unsigned r, unsigned g, unsigned b) {
     return static_cast<uint8_t>((77u * r + 150u * g + 29u * b + 128u) >> 8);
 }
+
+// Video-range luma (16..235) to full range (0..255), rounded, clamped outside the range.
+constexpr std::array<uint8_t, 256> makeVideoToFullLuma() {
+    std::array<uint8_t, 256> table{};
+    for (int v = 0; v < 256; ++v) {
+        const int full = ((v - 16) * 255 * 2 + 219) / (219 * 2);
+        table[static_cast<size_t>(v)] = static_cast<uint8_t>(v <= 16 ? 0 : v >= 235 ? 255 : full);
+    }
+    return table;
+}
+constexpr std::array<uint8_t, 256> kVideoToFullLuma = makeVideoToFullLuma();
 } // namespace
 
 bool LumaImage::resize(int w, int h) {
@@ -91,14 +103,16 @@ bool LumaImageFromPixelBuffer(const CVPixelBufferRef& buffer, LumaImage& out) {
         return false;
     }
     const OSType format = CVPixelBufferGetPixelFormatType(buffer);
-    if (format != kCVPixelFormatType_32BGRA && format != kCVPixelFormatType_420YpCbCr8BiPlanarFullRange) {
+    if (format != kCVPixelFormatType_32BGRA && !isBiPlanar420(format)) {
         return false;
     }
     if (CVPixelBufferLockBaseAddress(buffer, kCVPixelBufferLock_ReadOnly) != kCVReturnSuccess) {
         return false;
     }
     bool ok = false;
-    const bool planar = format == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    const bool planar = isBiPlanar420(format);
+    // Video-range luma is widened to full range, so that detection sees the same grey as from a '420f' frame.
+    const bool videoRange = format == kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange;
     const auto* base = static_cast<const uint8_t*>(planar ? CVPixelBufferGetBaseAddressOfPlane(buffer, 0)
                                                           : CVPixelBufferGetBaseAddress(buffer));
     const size_t width = planar ? CVPixelBufferGetWidthOfPlane(buffer, 0) : CVPixelBufferGetWidth(buffer);
@@ -112,7 +126,9 @@ bool LumaImageFromPixelBuffer(const CVPixelBufferRef& buffer, LumaImage& out) {
         for (size_t y = 0; y < height; ++y) {
             const uint8_t* row = base + y * rowBytes;
             uint8_t* dst = out.row(static_cast<int>(y));
-            if (planar) {
+            if (videoRange) {
+                std::transform(row, row + width, dst, [](uint8_t v) { return kVideoToFullLuma[v]; });
+            } else if (planar) {
                 std::copy(row, row + width, dst);
             } else {
                 for (size_t x = 0; x < width; ++x) {

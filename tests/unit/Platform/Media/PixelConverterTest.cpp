@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: MIT
-// Camera pixel layouts through the converter: sizes checked against the bytes given, odd sizes, '420f' kept intact.
+// Camera pixel layouts through the converter: sizes checked against the bytes given, odd sizes, '420f' kept intact,
+// and the video range of '420v' frames.
 #include "Platform/Media/PixelConverter.h"
+#include "Platform/Vision/LumaImage.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -55,4 +59,71 @@ TEST(PixelConverter, CameraLayoutsNeedTheirBytesAndKeepOddSizes) {
     const auto copy = converter.convert(out, k420f, 3, 3);
     ASSERT_TRUE(copy);
     EXPECT_EQ(yuvAt(copy, 2, 2), yuvAt(out, 2, 2));
+}
+
+namespace {
+
+// A bi-planar buffer of the format with every pixel (y, cb, cr).
+CVPixelBufferRef filled420(OSType format, size_t width, size_t height, uint8_t y, uint8_t cb, uint8_t cr) {
+    CVPixelBufferRef pixels;
+    if (CVPixelBufferCreate(width, height, format, &pixels) != kCVReturnSuccess) {
+        return nullptr;
+    }
+    const auto& chroma = pixels->plane(1);
+    std::fill_n(pixels->bytes(), chroma.offset, y);
+    for (size_t i = chroma.offset; i + 1 < pixels->dataSize(); i += 2) {
+        pixels->bytes()[i] = cb;
+        pixels->bytes()[i + 1] = cr;
+    }
+    return pixels;
+}
+
+} // namespace
+
+TEST(PixelConverter, VideoRangeFramesConvertWithTheirOwnRange) {
+    constexpr OSType k420v = kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange;
+    constexpr OSType k420f = kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    // Same size (the converter's own copy) and scaled (libswscale), between the two ranges and to BGRA.
+    struct Case {
+        OSType from;
+        std::array<int, 3> yuv;
+        OSType to;
+        std::array<int, 3> expected; // Y, Cb, Cr, or B, G, R for BGRA
+    };
+    const Case cases[] = {
+        {k420v, {16, 128, 128}, k420f, {0, 128, 128}},      {k420v, {235, 240, 16}, k420f, {255, 255, 0}},
+        {k420f, {0, 128, 128}, k420v, {16, 128, 128}},      {k420f, {255, 255, 0}, k420v, {235, 240, 16}},
+        {k420v, {81, 90, 240}, k420v, {81, 90, 240}},       {k420v, {16, 128, 128}, kCVPixelFormatType_32BGRA, {0, 0, 0}},
+        {k420v, {235, 128, 128}, kCVPixelFormatType_32BGRA, {255, 255, 255}},
+        {k420f, {255, 128, 128}, kCVPixelFormatType_32BGRA, {255, 255, 255}},
+    };
+    PixelConverter converter;
+    for (const Case& c : cases) {
+        const auto source = filled420(c.from, 8, 6, static_cast<uint8_t>(c.yuv[0]), static_cast<uint8_t>(c.yuv[1]),
+                                      static_cast<uint8_t>(c.yuv[2]));
+        ASSERT_TRUE(source);
+        for (const size_t width : {8, 4}) {
+            const auto out = converter.convert(source, c.to, width, width * 3 / 4);
+            ASSERT_TRUE(out) << c.yuv[0] << " to " << width;
+            EXPECT_EQ(out->pixelFormat(), c.to);
+            std::array<int, 3> got{};
+            if (c.to == kCVPixelFormatType_32BGRA) {
+                const uint8_t* p = out->bytes() + out->plane(0).bytesPerRow + 4;
+                got = {p[0], p[1], p[2]};
+            } else {
+                got = yuvAt(out, 1, 1);
+            }
+            for (size_t i = 0; i < 3; ++i) {
+                EXPECT_NEAR(got[i], c.expected[i], 1) << "case Y " << c.yuv[0] << ", width " << width << ", part " << i;
+            }
+        }
+    }
+
+    // The detectors' grey: video-range luma widened, so both ranges give the same picture.
+    for (const auto& [format, y, grey] : {std::tuple{k420v, 16, 0}, std::tuple{k420v, 235, 255},
+                                          std::tuple{k420v, 126, 128}, std::tuple{k420f, 126, 126}}) {
+        LumaImage luma;
+        ASSERT_TRUE(LumaImageFromPixelBuffer(filled420(format, 4, 4, static_cast<uint8_t>(y), 128, 128), luma));
+        EXPECT_EQ(luma.pixels.at(5), grey) << y;
+    }
 }
