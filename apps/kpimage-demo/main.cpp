@@ -171,13 +171,15 @@ public:
     /// Runs once, at the first layout (the capture view shows its preview only once it has a size).
     std::function<void()> onFirstLayout;
 
+protected:
+    bool drawsContent() const override { return false; } // only a background and subviews
+
+public:
+
     void setBounds(kp::CGRect b) override {
         UIView::setBounds(b);
         const kp::CGRect local = kp::CGRectMake(0, 0, b.size.width, b.size.height);
         const auto previous = _capture->vwPreview();
-        // setBounds first: it is the size change there that makes the preview subview (setFrame would change the
-        // size without it).
-        _capture->setBounds(local);
         _capture->setFrame(local);
         // A new size gives the capture view a new, empty preview subview; while video runs, the demo moves the
         // picture into it itself rather than restarting the camera.

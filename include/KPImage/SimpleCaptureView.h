@@ -26,13 +26,12 @@ namespace kp {
 /// initWithCoder (a view unarchived from an interface file), has no counterpart on Linux, where there are no
 /// archived interfaces: a view is always made from a frame, with the same defaults.
 ///
-/// The preview appears once the view has been given a size (setBounds with a new size, which a host window does)
-/// and video has been started. A view whose video was started holds itself through its focus timer until
+/// The preview appears once the view has a size (from initWithFrame, or a later setFrame or setBounds with a new
+/// size) and video has been started. A view whose video was started holds itself through its focus timer until
 /// stopVideo; it neither stops the timer nor the engine when it goes away.
 ///
 /// Example:
 ///     auto view = kp::SimpleCaptureView::initWithFrame(kp::CGRectMake(0, 0, 640, 480));
-///     view->setBounds(kp::CGRectMake(0, 0, 640, 480));   // a host window does this when it lays out the view
 ///     view->startVideo();
 ///     view->captureImage([](const std::optional<kp::UIImage>& picture, const kp::NSErrorRef& error) {
 ///         // on "VideoDataOutputQueue" (or at once, with the error, when video is not running)
@@ -49,7 +48,8 @@ public:
     /// The code of that error.
     static constexpr int64_t kVideoNotStartedErrorCode = 101;
 
-    /// A new view of the frame: the view's initialiser, then initDefaults. vwPreview is not made yet.
+    /// A new view of the frame: the view's initialiser, then initDefaults, then initPreview when the frame is not
+    /// empty.
     static std::shared_ptr<SimpleCaptureView> initWithFrame(CGRect frame);
 
     /// The view's initialiser alone; initWithFrame runs initDefaults after it (the engine needs the view as a
@@ -66,8 +66,16 @@ public:
 
     /// Passes the bounds on, then runs initPreview when the width or the height changed.
     void setBounds(CGRect bounds) override;
+    /// Passes the frame on, then runs initPreview when the width or the height changed.
+    void setFrame(CGRect frame) override;
     /// Draws nothing.
     void drawRect(CGRect rect) override;
+
+protected:
+    /// False: the view draws nothing, so it needs no bitmap.
+    bool drawsContent() const override { return false; }
+
+public:
 
     bool videoRunning() const { return _videoRunning.load(std::memory_order_relaxed); }
     /// Nothing when unchanged. YES: starts the engine, then puts the preview layer (black behind the picture,
@@ -107,7 +115,7 @@ public:
 
     // Accessors.
 
-    /// The subview whose layer holds the preview layer while video runs; nil until the first size change.
+    /// The subview whose layer holds the preview layer while video runs; nil while the view has had no size.
     const std::shared_ptr<UIView>& vwPreview() const { return _vwPreview; }
     /// The engine.
     const std::shared_ptr<KPVideoHelper>& videoHelper() const { return _videoHelper; }
@@ -119,6 +127,9 @@ public:
     bool backCameraActive() const { return _backCameraActive.load(std::memory_order_relaxed); }
 
 private:
+    /// initPreview when the bounds' size differs from old.
+    void remakePreviewIfResized(CGSize old);
+
     std::shared_ptr<UIView> _vwPreview;
     std::shared_ptr<KPVideoHelper> _videoHelper;
     std::shared_ptr<NSTimer> _focusTimer;

@@ -61,6 +61,8 @@ public:
 
     void setFillColor(const CGColor& color);
     void setStrokeColor(const CGColor& color);
+    /// In user-space units; negative and non-finite widths are ignored. Width 0 strokes the thinnest line the
+    /// device shows (one device pixel wide).
     void setLineWidth(CGFloat width);
     void setLineCap(CGLineCap cap);
     void setAlpha(CGFloat alpha);

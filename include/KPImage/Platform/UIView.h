@@ -16,7 +16,8 @@ namespace kp {
 /// A view. Views are shared objects (make them with initWithFrame or std::make_shared of a subclass); a view
 /// owns its layer and holds its subviews strongly and its superview weakly. Main thread only, as on the
 /// platform. drawRect runs on the main queue after setNeedsDisplay (several requests coalesce into one
-/// drawing), with UIGraphicsGetCurrentContext giving a context in the view's bounds coordinates; what it
+/// drawing), when a subclass's view first gets a non-empty size, and after each size change once it has drawn,
+/// with UIGraphicsGetCurrentContext giving a context in the view's bounds coordinates; what it
 /// draws becomes the layer's contents.
 class UIView : public std::enable_shared_from_this<UIView>, public CALayerDelegate {
 public:
@@ -60,6 +61,11 @@ public:
     virtual void drawRect(CGRect rect);
 
     void drawLayerInContext(CALayer& layer, const CGContextRef& context) override;
+
+protected:
+    /// Whether drawRect draws anything: such a view is drawn when it first gets a non-empty size. True for
+    /// subclasses, false for the base view; a subclass whose drawRect draws nothing answers false and gets no bitmap.
+    virtual bool drawsContent() const;
 
 private:
     void redrawIfResized(CGSize old);

@@ -20,6 +20,10 @@ constexpr double kFocusInterval = 3.0;
 std::shared_ptr<SimpleCaptureView> SimpleCaptureView::initWithFrame(CGRect frame) {
     auto view = std::make_shared<SimpleCaptureView>(frame);
     view->initDefaults();
+    // A view made with a size shows the preview as one sized later does.
+    if (!CGRectIsEmpty(view->bounds())) {
+        view->initPreview();
+    }
     return view;
 }
 
@@ -53,6 +57,16 @@ void SimpleCaptureView::initPreview() {
 void SimpleCaptureView::setBounds(CGRect newBounds) {
     const CGSize old = bounds().size;
     UIView::setBounds(newBounds);
+    remakePreviewIfResized(old);
+}
+
+void SimpleCaptureView::setFrame(CGRect newFrame) {
+    const CGSize old = bounds().size;
+    UIView::setFrame(newFrame);
+    remakePreviewIfResized(old);
+}
+
+void SimpleCaptureView::remakePreviewIfResized(CGSize old) {
     const CGSize now = bounds().size;
     if (old.width != now.width || old.height != now.height) {
         initPreview();

@@ -367,7 +367,19 @@ void CGContext::fillPath() {
 }
 void CGContext::strokePath() {
     applyColor(_stroke);
+    const double width = cairo_get_line_width(_cr);
+    if (width > 0) {
+        cairo_stroke(_cr);
+        return;
+    }
+    // Width 0 is the thinnest line the device shows: one device pixel, whatever the transform.
+    double xx = 1, xy = 0, yx = 0, yy = 1;
+    cairo_device_to_user_distance(_cr, &xx, &xy);
+    cairo_device_to_user_distance(_cr, &yx, &yy);
+    const double hairline = std::min(std::hypot(xx, xy), std::hypot(yx, yy));
+    cairo_set_line_width(_cr, std::isfinite(hairline) && hairline > 0 ? hairline : 1.0);
     cairo_stroke(_cr);
+    cairo_set_line_width(_cr, 0);
 }
 void CGContext::clipToRect(CGRect rect) {
     if (rectPath(_cr, rect)) {

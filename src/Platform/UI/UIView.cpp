@@ -6,6 +6,7 @@
 #include "KPImage/Platform/UIGraphics.h"
 
 #include <algorithm>
+#include <typeinfo>
 
 namespace kp {
 
@@ -42,8 +43,15 @@ void UIView::setBounds(CGRect bounds) {
 
 void UIView::redrawIfResized(CGSize old) {
     const CGSize now = _layer->bounds().size;
-    if ((old.width != now.width || old.height != now.height) && _layer->contents()) {
-        setNeedsDisplay(); // a view that draws is drawn again at its new size
+    if (old.width == now.width && old.height == now.height) {
+        return;
+    }
+    const bool wasEmpty = old.width <= 0 || old.height <= 0;
+    const bool isEmpty = now.width <= 0 || now.height <= 0;
+    // A view that draws is drawn again at its new size, and drawn for the first time when it first gets an area
+    // (a drawing made at size zero is no picture).
+    if (_layer->contents() || (drawsContent() && wasEmpty && !isEmpty)) {
+        setNeedsDisplay();
     }
 }
 
@@ -91,6 +99,8 @@ void UIView::setAlpha(CGFloat alpha) { _layer->setOpacity(static_cast<float>(alp
 void UIView::setNeedsDisplay() { _layer->setNeedsDisplay(); }
 
 void UIView::drawRect(CGRect /*rect*/) {}
+
+bool UIView::drawsContent() const { return typeid(*this) != typeid(UIView); }
 
 void UIView::drawLayerInContext(CALayer& /*layer*/, const CGContextRef& context) {
     // drawRect finds its context as the current one.

@@ -123,3 +123,36 @@ TEST(UIView, TheLayerOutlivesItsViewWithoutCallingBack) {
     main.drain(); // the queued display finds no view to draw
     EXPECT_FALSE(layer->contents());
 }
+
+TEST(UIView, LineWidthZeroStrokesOneDevicePixel) {
+    kptest::ManualMainQueue main;
+    // A horizontal line of width 0 through the middle of one device pixel row, at several scales.
+    class HairlineView : public UIView {
+    public:
+        using UIView::UIView;
+        CGFloat y = 0;
+        void drawRect(CGRect) override {
+            CGContextRef context = UIGraphicsGetCurrentContext();
+            UIColor::blackColor().setStroke();
+            CGContextSetLineWidth(context, 0);
+            const CGPoint points[2] = {{0, y}, {40, y}};
+            CGContextAddLines(context, points, 2);
+            CGContextStrokePath(context);
+        }
+    };
+    struct Case {
+        CGFloat scale;
+        CGFloat y;  // points
+        size_t row; // device pixels
+    };
+    for (const Case c : {Case{1, 10.5, 10}, Case{2, 10.25, 20}, Case{3, 10.5, 31}}) {
+        auto view = std::make_shared<HairlineView>(CGRectMake(0, 0, 40, 20));
+        view->y = c.y;
+        view->setNeedsDisplay();
+        const auto image = UIViewRenderToImage(view, CGSizeMake(40, 20), c.scale);
+        ASSERT_TRUE(image) << c.scale;
+        EXPECT_EQ(pixelAt(*image, 15, c.row), (Rgba{0, 0, 0, 255})) << c.scale;
+        EXPECT_EQ(pixelAt(*image, 15, c.row - 1), (Rgba{0, 0, 0, 0})) << c.scale;
+        EXPECT_EQ(pixelAt(*image, 15, c.row + 1), (Rgba{0, 0, 0, 0})) << c.scale;
+    }
+}
