@@ -30,8 +30,11 @@ public:
         view->baseInit();
         return view;
     }
-    std::atomic<double> clock{0};
+    std::atomic<double> lastPause{0};
     std::atomic<int> steps{0};
+    // Endless mode: how often the worker turned the ring over, and the counter at the step of the last turn.
+    std::atomic<int> turns{0};
+    std::atomic<CGFloat> counterAtTurn{-1};
     void hold() {
         std::lock_guard lock(_mutex);
         _held = true;
@@ -54,8 +57,13 @@ public:
 
 protected:
     void sleepBetweenSteps(double seconds) override {
-        clock.store(clock.load(std::memory_order_relaxed) + seconds, std::memory_order_relaxed);
+        lastPause.store(seconds, std::memory_order_relaxed);
         steps.fetch_add(1, std::memory_order_relaxed);
+        if (invert() != _invertSeen) {
+            _invertSeen = invert();
+            turns.fetch_add(1, std::memory_order_relaxed);
+            counterAtTurn.store(counterValue(), std::memory_order_relaxed);
+        }
         std::unique_lock lock(_mutex);
         _threads.insert(std::this_thread::get_id());
         _waiting = _held;
@@ -69,6 +77,7 @@ private:
     std::condition_variable _cv;
     bool _held = false;
     bool _waiting = false;
+    bool _invertSeen = false; // the worker's own
     std::set<std::thread::id> _threads;
 };
 
@@ -223,14 +232,13 @@ TEST(ProgressCircleView, ValueZeroDrawsAVerticalLineAndDrawingLowersTheInnerMarg
     EXPECT_EQ(view->interierOffsetMargin(), 49);
 }
 
-TEST(ProgressCircleView, AFullSweepTakesThreeHundredSixtyStepsOfTwoMilliseconds) {
+TEST(ProgressCircleView, AFullSweepTakesThreeHundredSixtyStepsWithTwoMillisecondPauses) {
     kptest::ManualMainQueue main;
     for (CGFloat maximum : {100.0, 7.0}) {
         auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
         view->setMaximumValue(maximum);
         ASSERT_TRUE(settle(main, view));
         const int before = view->steps.load();
-        const double start = view->clock.load();
         view->setValue(maximum);
         ASSERT_TRUE(settle(main, view));
         // One step per degree; the float sum of 360 steps may fall a hair short of the maximum, and then one
@@ -238,8 +246,7 @@ TEST(ProgressCircleView, AFullSweepTakesThreeHundredSixtyStepsOfTwoMilliseconds)
         const int sweep = view->steps.load() - before;
         EXPECT_GE(sweep, 360) << maximum;
         EXPECT_LE(sweep, 361) << maximum;
-        EXPECT_NEAR(view->clock.load() - start, 0.002 * sweep, 1e-9) << maximum;
-        EXPECT_NEAR(view->clock.load() - start, 0.72, 0.0021) << maximum;
+        EXPECT_EQ(view->lastPause.load(), 0.002) << maximum;
         EXPECT_EQ(view->counterValue(), view->value());
         // Half-way back down: 180 steps.
         view->setValue(maximum / 2);
@@ -279,7 +286,10 @@ TEST(ProgressCircleView, EndlessModeTogglesTheRingAndStoppingFreezesIt) {
     view->setMaximumValue(10);
     EXPECT_EQ(view->value(), 100);
     EXPECT_EQ(view->maximumValue(), 100);
-    ASSERT_TRUE(main.drainUntil([&] { return view->steps.load() > 400; }));
+    // Each time the ring is full it starts again from empty, drawing the other part: 360 steps a turn, the first
+    // from 30 taking 252.
+    ASSERT_TRUE(main.drainUntil([&] { return view->turns.load() >= 2; }));
+    EXPECT_NEAR(view->counterAtTurn.load(), 100.0 / 360.0, 1e-9) << "a turn restarts from 0, one step taken";
     view->setHideWhenAnimationStops(1);
     view->stopAnimating();
     EXPECT_TRUE(view->isHidden());
@@ -293,4 +303,32 @@ TEST(ProgressCircleView, EndlessModeTogglesTheRingAndStoppingFreezesIt) {
     main.drain();
     EXPECT_EQ(view->counterValue(), frozen);
     EXPECT_EQ(view->steps.load(), steps);
+}
+
+TEST(ProgressCircleView, StoppingWhileIdleSwallowsTheNextMoveOnly) {
+    kptest::ManualMainQueue main;
+    auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
+    ASSERT_TRUE(settle(main, view));
+    view->stopAnimating(); // no worker to stop: the request waits for the next one
+    EXPECT_TRUE(view->stopAnimationCalled());
+    view->setValue(40);
+    ASSERT_TRUE(settle(main, view));
+    EXPECT_EQ(view->value(), 40);
+    EXPECT_EQ(view->counterValue(), 0) << "the worker ended at once";
+    EXPECT_FALSE(view->stopAnimationCalled());
+    view->setValue(40);
+    ASSERT_TRUE(settle(main, view));
+    EXPECT_EQ(view->counterValue(), 40);
+}
+
+TEST(ProgressCircleView, AViewMadeWithoutASizeDrawsOnceItGetsOne) {
+    kptest::ManualMainQueue main;
+    auto view = SteppedCircle::make(CGRectZero);
+    view->setValue(25);
+    ASSERT_TRUE(settle(main, view));
+    ASSERT_FALSE(view->layer()->contents());
+    view->setFrame(CGRectMake(0, 0, 100, 100));
+    main.drain();
+    ASSERT_TRUE(view->layer()->contents()) << "drawn without any setter asking";
+    EXPECT_EQ(at(view, 35, 45), kTrack);
 }

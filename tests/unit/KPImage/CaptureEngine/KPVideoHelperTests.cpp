@@ -10,16 +10,20 @@
 #include "support/FakeCaptureDevice.h"
 #include "support/ManualMainQueue.h"
 #include "support/MovieFrames.h"
+#include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <functional>
 #include <condition_variable>
 #include <limits>
 #include <mutex>
 #include <numbers>
 #include <thread>
 #include <filesystem>
+#include <type_traits>
 
 namespace {
 
@@ -38,16 +42,19 @@ public:
         CGFloat roll;
         std::optional<std::string> barcode;
         bool onFrameQueue;
+        OSType pixelFormat;
     };
     RecordingDelegate(bool frames, bool stills) : _frames(frames), _stills(stills) {}
     void setQueue(dispatch_queue_t queue) { _queue = std::move(queue); }
     bool respondsToSelector(Selector selector) const override {
         return selector == Selector::getLastSampleBuffer ? _frames : _stills;
     }
-    void getLastSampleBuffer(const CMSampleBufferRef& /*buffer*/, CGRect faceRect, CGFloat yaw, CGFloat roll,
+    void getLastSampleBuffer(const CMSampleBufferRef& buffer, CGRect faceRect, CGFloat yaw, CGFloat roll,
                              const std::optional<std::string>& barcode) override {
+        const auto pixels = buffer ? CMSampleBufferGetImageBuffer(buffer) : nullptr;
         std::lock_guard lock(_mutex);
-        _frameCalls.push_back({faceRect, yaw, roll, barcode, _queue && _queue->isCurrent()});
+        _frameCalls.push_back({faceRect, yaw, roll, barcode, _queue && _queue->isCurrent(),
+                               pixels ? CVPixelBufferGetPixelFormatType(pixels) : 0});
         _changed.notify_all();
     }
     void getNewStillImage(const std::optional<UIImage>& image) override {
@@ -112,6 +119,11 @@ std::shared_ptr<AVMetadataObject> code(std::optional<std::string> text, const st
 std::vector<CGPoint> uprightCorners(double x, double y, double w, double h) {
     return {{x, y + h}, {x + w, y + h}, {x + w, y}, {x, y}};
 }
+
+// Only the initialisers make an engine: a default-made one would have no session, preview or centre box.
+template <typename T> constexpr bool kBraceConstructible = requires { T({}); };
+static_assert(!std::is_default_constructible_v<KPVideoHelper>);
+static_assert(!kBraceConstructible<KPVideoHelper>);
 
 class CaptureEngine : public ::testing::Test {
 protected:
@@ -257,7 +269,6 @@ TEST_F(CaptureEngine, FailedLocksSkipTheSetUpStepsAndAMissingCameraLeavesNoInput
     lonely->autoFocusCamera();
     lonely->enableTorchWithLevel(1.0F);
     lonely->disableTorch();
-    EXPECT_EQ(camera->stillRequests(), 0);
 }
 
 TEST_F(CaptureEngine, MetadataTypesChangeOnlyWhileStoppedAndOnlyToWhatTheCameraOffers) {
@@ -312,14 +323,31 @@ TEST_F(CaptureEngine, FlashFocusRangeAndHeadSizes) {
     EXPECT_EQ(engine->flashMode(), 2);
     engine->setAutoFocusRange(2);
     EXPECT_EQ(engine->autoFocusRange(), 2);
-    // The range setter honours a failed lock; nothing is left locked either way.
-    camera->failNextLocks(1);
-    engine->setAutoFocusRange(0);
-    EXPECT_EQ(engine->autoFocusRange(), 2);
-    camera->failNextLocks(1);
-    engine->setFlashMode(0);
-    EXPECT_EQ(engine->flashMode(), 2);
-    EXPECT_FALSE(engine->device()->isLockedForConfiguration());
+    // After a failed lock the range setter stops; the flash setter calls the device anyway, which refuses the
+    // change without the lock and says so. Nothing is left locked either way.
+    struct LockCase {
+        const char* setter;
+        std::function<void()> call;
+        std::function<NSInteger()> read;
+        bool deviceCalled;
+    };
+    const LockCase cases[] = {
+        {"setAutoFocusRangeRestriction:", [&] { engine->setAutoFocusRange(0); }, [&] { return engine->autoFocusRange(); },
+         false},
+        {"setFlashMode:", [&] { engine->setFlashMode(0); }, [&] { return engine->flashMode(); }, true},
+    };
+    for (const LockCase& c : cases) {
+        kptest::LogCapture log;
+        camera->failNextLocks(1);
+        c.call();
+        EXPECT_EQ(c.read(), 2) << c.setter;
+        const auto lines = log.lines();
+        const bool refused = std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+            return line == std::string(c.setter) + ": " + kNotLockedForConfiguration;
+        });
+        EXPECT_EQ(refused, c.deviceCalled) << c.setter;
+        EXPECT_FALSE(engine->device()->isLockedForConfiguration()) << c.setter;
+    }
     engine->setFlashMode(0);
     EXPECT_EQ(engine->flashMode(), 0);
 
@@ -433,6 +461,73 @@ TEST_F(CaptureEngine, FramesOfARunningSessionReachTheDelegateOnTheFrameQueueAndA
     _main.drain();
     setDocumentsDirectory("");
     setSavedPhotosAlbumDirectory("");
+}
+
+TEST_F(CaptureEngine, APreviewViewKeepsTheCameraRunningAfterTheEngineGoes) {
+    auto camera = addCamera("front", AVCaptureDevicePositionFront);
+    auto engine = KPVideoHelper::init();
+    engine->setFaceFindSupport(false);
+    engine->setPdf417Support(false);
+    auto view = engine->getPreviewView(CGRectMake(0, 0, 64, 48), false);
+    engine->startVideoCapture();
+    _main.drain();
+    std::weak_ptr<KPVideoHelper> weakEngine = engine;
+    std::weak_ptr<AVCaptureSession> session = engine->session();
+    auto layer = std::static_pointer_cast<AVCaptureVideoPreviewLayer>(view->layer()->sublayers().at(0));
+    engine.reset();
+    _main.drain();
+    ASSERT_TRUE(weakEngine.expired());
+
+    // The host kept only the view: the picture stays live.
+    ASSERT_FALSE(session.expired());
+    EXPECT_TRUE(session.lock()->isRunning());
+    EXPECT_TRUE(camera->isStreaming());
+    ASSERT_TRUE(camera->pushFrame(0x42));
+    const auto frame = layer->newestSampleBuffer();
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(CMSampleBufferGetImageBuffer(frame)->bytes()[0], 0x42);
+
+    // With the view gone too, nothing holds the session: no cycle through the layer's feed.
+    session.lock()->stopRunning();
+    layer.reset();
+    view.reset();
+    EXPECT_TRUE(session.expired());
+    _main.drain();
+}
+
+TEST_F(CaptureEngine, FramesComeInTheFormatAskedForAndUnknownFormatsAreRefusedWithALogLine) {
+    auto camera = addCamera("front", AVCaptureDevicePositionFront);
+    struct Case {
+        OSType asked;
+        OSType delivered;
+    };
+    constexpr OSType k420v = kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange;
+    constexpr OSType k420f = kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    for (const Case c : {Case{k420v, k420v}, Case{k420f, k420f}, Case{kCVPixelFormatType_32BGRA, kCVPixelFormatType_32BGRA},
+                         Case{0x79757673 /* 'yuvs' */, k420f}, Case{0, k420f}}) {
+        kptest::LogCapture log;
+        auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionFront,
+                                                                    AVLayerVideoGravityResizeAspect, c.asked);
+        const auto lines = log.lines();
+        const bool refused = std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+            return line.starts_with(kUnsupportedPixelFormatLog);
+        });
+        EXPECT_EQ(refused, c.asked != c.delivered) << c.asked;
+        EXPECT_EQ(engine->videoDataOutput()->pixelFormat(), c.delivered) << c.asked;
+
+        engine->setFaceFindSupport(false);
+        engine->setPdf417Support(false);
+        auto delegate = std::make_shared<RecordingDelegate>(true, false);
+        engine->setDelegate(delegate);
+        engine->startVideoCapture();
+        EXPECT_EQ(camera->streamRequest().pixelFormat, c.delivered) << c.asked;
+        camera->pushFrame(0x80);
+        dispatch_sync(engine->videoDataOutputQueue(), [] {});
+        ASSERT_EQ(delegate->frames().size(), 1U) << c.asked;
+        EXPECT_EQ(delegate->frames()[0].pixelFormat, c.delivered) << c.asked;
+        engine->stopVideoCapture();
+        _main.drain();
+    }
 }
 
 // ----------------------------------------------------------------------------------------------------------------
@@ -643,12 +738,44 @@ TEST_F(CaptureEngine, AFaceBoxIsNeverReusedFromTheDictionaryAndATinyPreviewIsAlw
     EXPECT_EQ(engine->avfFaceLayers().at(3), engine->primaryLayer());
     _main.drain();
 
-    // A preview less than 60 points wide: the inset box is empty and nothing is ever inside it.
-    engine->previewLayer()->setFrame(CGRectMake(0, 0, 50, 400));
-    engine->captureOutput(nullptr, {face(CGRectMake(0.4, 0.4, 0.01, 0.01), 3)}, nullptr);
-    EXPECT_FALSE(engine->isHeadCentered());
+    // A preview less than 60 points wide or 100 high: the inset box is the null rectangle and nothing is inside
+    // it, not even a face that lies inside the box of the earlier, larger preview (30, 50, 340, 300).
+    for (const CGRect tiny : {CGRectMake(0, 0, 59, 400), CGRectMake(0, 0, 400, 99)}) {
+        engine->previewLayer()->setFrame(CGRectMake(0, 0, 400, 400));
+        engine->captureOutput(nullptr, {face(CGRectMake(0.25, 0.25, 0.5, 0.5), 3)}, nullptr);
+        _main.drain();
+        ASSERT_EQ(engine->centerLayer()->borderColor(), kGreen);
+        engine->previewLayer()->setFrame(tiny);
+        // The 400 x 400 frame shown in 59 x 59 (or 99 x 99) points, centred: this face lies inside the old box.
+        engine->captureOutput(nullptr, {face(CGRectMake(0.6, 0.6, 0.3, 0.2), 3)}, nullptr);
+        ASSERT_TRUE(CGRectContainsRect(CGRectMake(30, 50, 340, 300), engine->faceRect()));
+        EXPECT_TRUE(CGRectIsNull(engine->centerLayer()->frame()));
+        EXPECT_FALSE(engine->isHeadCentered());
+        _main.drain();
+        EXPECT_EQ(engine->centerLayer()->borderColor(), kRed);
+    }
+}
+
+TEST_F(CaptureEngine, TheFrontCameraMirrorsTheFaceBoxAndItsAngles) {
+    addCamera("front", AVCaptureDevicePositionFront);
+    auto engine = KPVideoHelper::init();
+    _view = engine->getPreviewView(CGRectMake(0, 0, 400, 400), true);
+    engine->previewLayer()->enqueueSampleBuffer(
+        kptest::patternFrame(kCVPixelFormatType_32BGRA, 400, 400, 0, CMTimeMake(0, 30)));
+    ASSERT_TRUE(engine->previewLayer()->isVideoMirrored());
+    struct Case {
+        double roll, yaw, mirroredRoll, mirroredYaw;
+    };
+    for (const Case c : {Case{0, 0, 0, 0}, Case{30, 45, 330, 315}, Case{330, 315, 30, 45}, Case{90, 270, 270, 90},
+                         Case{180, 0, 180, 0}}) {
+        engine->captureOutput(nullptr, {face(CGRectMake(0.1, 0.25, 0.3, 0.5), 1, true, c.yaw, true, c.roll)},
+                              nullptr);
+        EXPECT_EQ(engine->faceRect(), CGRectMake(240, 100, 120, 200)) << "the box as seen in the mirror";
+        EXPECT_EQ(engine->rollAngle(), c.mirroredRoll) << c.roll;
+        EXPECT_EQ(engine->yawAngle(), c.mirroredYaw) << c.yaw;
+        EXPECT_EQ(engine->isHeadCentered(), c.roll == 0 && c.yaw == 0);
+    }
     _main.drain();
-    EXPECT_EQ(engine->centerLayer()->borderColor(), kRed);
 }
 
 // ----------------------------------------------------------------------------------------------------------------
@@ -659,9 +786,23 @@ TEST_F(CaptureEngine, CameraSwitchExchangesTheInputAndFlipsThePreview) {
     addCamera("back", AVCaptureDevicePositionBack);
     auto engine = KPVideoHelper::init();
     auto outputs = engine->session()->outputs();
+    const auto oldFrames = engine->videoDataOutput()->connectionWithMediaType(AVMediaTypeVideo);
+    const auto oldStills = engine->stillImageOutput()->connectionWithMediaType(AVMediaTypeVideo);
+    ASSERT_EQ(oldFrames->preferredVideoStabilizationMode(), AVCaptureVideoStabilizationModeAuto);
+    oldStills->setVideoScaleAndCropFactor(2.0);
+    oldFrames->setEnabled(false);
 
     engine->toggleCameraWithAnimation(false);
     EXPECT_EQ(engine->device()->uniqueID(), "back");
+    // The new camera has new connections with default settings: nothing set up for the old one carries over.
+    const auto frames = engine->videoDataOutput()->connectionWithMediaType(AVMediaTypeVideo);
+    const auto stills = engine->stillImageOutput()->connectionWithMediaType(AVMediaTypeVideo);
+    ASSERT_TRUE(frames && stills);
+    EXPECT_NE(frames, oldFrames);
+    EXPECT_NE(stills, oldStills);
+    EXPECT_EQ(frames->preferredVideoStabilizationMode(), AVCaptureVideoStabilizationModeOff);
+    EXPECT_TRUE(frames->isEnabled());
+    EXPECT_EQ(stills->videoScaleAndCropFactor(), 1.0);
     ASSERT_EQ(engine->session()->inputs().size(), 1U);
     EXPECT_EQ(engine->session()->inputs()[0]->device()->uniqueID(), "back");
     EXPECT_EQ(engine->session()->outputs(), outputs);

@@ -73,12 +73,9 @@ TEST(CaptureViewCallbackRace, CallbacksStoredOnTheMainThreadRunAtMostOnceWhilePi
 
     EXPECT_TRUE(newestRan) << "the newest callback is never replaced, so it runs";
     EXPECT_TRUE(stillsDone);
-    int total = 0;
     for (size_t i = 0; i < kCallbacks; ++i) {
         EXPECT_LE(calls[i].load(), 1) << "callback " << i;
-        total += calls[i].load();
     }
-    EXPECT_GE(total, 1);
 
     AVCaptureDevice::removeDevice(device);
     AVCaptureDevice::setDiscovery({});

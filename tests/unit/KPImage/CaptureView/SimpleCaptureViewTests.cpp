@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -64,6 +65,8 @@ struct Received {
     std::mutex mutex;
     std::optional<UIImage> picture;
     NSErrorRef error;
+    dispatch_queue_t expectedQueue; // set by the test before the callback can run
+    bool onExpectedQueue = false;
 
     SimpleCaptureView::CaptureCallback callback() {
         return [this](const std::optional<UIImage>& image, const NSErrorRef& err) {
@@ -71,6 +74,7 @@ struct Received {
                 std::lock_guard lock(mutex);
                 picture = image;
                 error = err;
+                onExpectedQueue = expectedQueue && expectedQueue->isCurrent();
             }
             calls.fetch_add(1);
         };
@@ -119,8 +123,6 @@ TEST_F(SimpleCaptureViewTest, DefaultsTheBackCameraWithBoxesOffAndAStillPictureD
     EXPECT_FALSE(engine->showCenterBox());
     EXPECT_TRUE(engine->faceFindSupport()) << "the engine's own defaults stay";
     EXPECT_EQ(engine->previewLayer()->videoGravity(), AVLayerVideoGravityResizeAspectFill);
-    EXPECT_TRUE(view->respondsToSelector(libVideoDelegate::Selector::getNewStillImage));
-    EXPECT_FALSE(view->respondsToSelector(libVideoDelegate::Selector::getLastSampleBuffer));
     EXPECT_FALSE(view->videoRunning());
     EXPECT_FALSE(view->focusTimer());
     EXPECT_FALSE(view->callbackBlock());
@@ -131,45 +133,56 @@ TEST_F(SimpleCaptureViewTest, DefaultsTheBackCameraWithBoxesOffAndAStillPictureD
     EXPECT_EQ(cameras.back->streamRequest().pixelFormat, kCVPixelFormatType_32BGRA);
 }
 
-TEST_F(SimpleCaptureViewTest, PreviewSubviewComesWithTheFirstSizeChange) {
-    EXPECT_FALSE(view->vwPreview()) << "initialisation alone makes no preview subview";
-    view->setBounds(CGRectMake(0, 0, 160, 120));
-    EXPECT_FALSE(view->vwPreview()) << "same size";
-    view->setBounds(CGRectMake(10, 20, 160, 120));
-    EXPECT_FALSE(view->vwPreview()) << "a new origin alone";
+TEST_F(SimpleCaptureViewTest, AViewGivenASizeAnyWayShowsThePreview) {
+    struct Case {
+        const char* how;
+        std::function<void(SimpleCaptureView&)> size; // after initWithFrame with `frame`
+        CGRect frame;
+    };
+    const Case cases[] = {
+        {"initWithFrame", [](SimpleCaptureView&) {}, CGRectMake(7, 9, 400, 300)},
+        {"setFrame", [](SimpleCaptureView& v) { v.setFrame(CGRectMake(7, 9, 400, 300)); }, CGRectZero},
+        {"setBounds", [](SimpleCaptureView& v) { v.setBounds(CGRectMake(0, 0, 400, 300)); }, CGRectZero},
+    };
+    for (const Case& c : cases) {
+        auto sized = SimpleCaptureView::initWithFrame(c.frame);
+        EXPECT_EQ(static_cast<bool>(sized->vwPreview()), !CGRectIsEmpty(c.frame)) << c.how;
+        c.size(*sized);
+        const auto preview = sized->vwPreview();
+        ASSERT_TRUE(preview) << c.how;
+        EXPECT_EQ(preview->superview(), sized);
+        EXPECT_TRUE(CGRectEqualToRect(preview->frame(), CGRectMake(0, 0, 400, 300))) << c.how;
+        // A new origin alone keeps the subview.
+        sized->setFrame(CGRectMake(1, 2, 400, 300));
+        EXPECT_EQ(sized->vwPreview(), preview) << c.how;
 
-    // Started before any size change: the camera runs but nothing shows the picture.
-    view->startVideo();
+        // Video on: the preview layer goes beneath everything in vwPreview, framed to its bounds, black, unclipped.
+        auto overlay = CALayer::layer();
+        preview->layer()->addSublayer(overlay);
+        preview->layer()->setMasksToBounds(true);
+        sized->startVideo();
+        const auto& layer = sized->videoHelper()->previewLayer();
+        EXPECT_EQ(layer->superlayer(), preview->layer()) << c.how;
+        EXPECT_EQ(indexOfSublayer(*preview->layer(), layer), 0U);
+        EXPECT_EQ(indexOfSublayer(*preview->layer(), overlay), 1U);
+        EXPECT_TRUE(CGRectEqualToRect(layer->frame(), CGRectMake(0, 0, 400, 300))) << c.how;
+        EXPECT_EQ(layer->backgroundColor(), UIColor::blackColor().CGColor());
+        EXPECT_FALSE(preview->layer()->masksToBounds());
+
+        // Video off: the layer leaves, then the camera stops.
+        sized->stopVideo();
+        EXPECT_FALSE(layer->superlayer());
+        EXPECT_FALSE(cameras.back->isStreaming());
+        EXPECT_EQ(sized->vwPreview(), preview) << "stopping keeps the subview";
+    }
+
+    // Started while the view has no size: the camera runs but nothing shows the picture.
+    auto unsized = SimpleCaptureView::initWithFrame(CGRectZero);
+    unsized->startVideo();
     EXPECT_TRUE(cameras.back->isStreaming());
-    EXPECT_FALSE(view->videoHelper()->previewLayer()->superlayer());
-    view->stopVideo();
-    EXPECT_FALSE(cameras.back->isStreaming());
-
-    view->setBounds(CGRectMake(0, 0, 400, 300));
-    const auto preview = view->vwPreview();
-    ASSERT_TRUE(preview);
-    EXPECT_EQ(preview->superview(), view);
-    EXPECT_TRUE(CGRectEqualToRect(preview->frame(), view->bounds()));
-    EXPECT_FALSE(preview->layer()->contents() || preview->backgroundColor()) << "an empty view";
-
-    // Video on: the preview layer goes beneath everything in vwPreview, framed to its bounds, black, unclipped.
-    auto overlay = CALayer::layer();
-    preview->layer()->addSublayer(overlay);
-    preview->layer()->setMasksToBounds(true);
-    view->startVideo();
-    const auto& layer = view->videoHelper()->previewLayer();
-    EXPECT_EQ(layer->superlayer(), preview->layer());
-    EXPECT_EQ(indexOfSublayer(*preview->layer(), layer), 0U);
-    EXPECT_EQ(indexOfSublayer(*preview->layer(), overlay), 1U);
-    EXPECT_TRUE(CGRectEqualToRect(layer->frame(), CGRectMake(0, 0, 400, 300)));
-    EXPECT_EQ(layer->backgroundColor(), UIColor::blackColor().CGColor());
-    EXPECT_FALSE(preview->layer()->masksToBounds());
-
-    // Video off: the layer leaves, then the camera stops.
-    view->stopVideo();
-    EXPECT_FALSE(layer->superlayer());
-    EXPECT_FALSE(cameras.back->isStreaming());
-    EXPECT_EQ(view->vwPreview(), preview) << "stopping keeps the subview";
+    EXPECT_FALSE(unsized->vwPreview());
+    EXPECT_FALSE(unsized->videoHelper()->previewLayer()->superlayer());
+    unsized->stopVideo();
 }
 
 TEST_F(SimpleCaptureViewTest, ResizingWhileRunningLeavesThePictureBehindUntilARestart) {
@@ -292,6 +305,7 @@ TEST_F(SimpleCaptureViewTest, ANewerCallbackReplacesThePendingOneAndRunsOnceWith
     view->setBounds(CGRectMake(0, 0, 320, 240));
     view->startVideo();
     Received first, second;
+    second.expectedQueue = view->videoHelper()->videoDataOutputQueue();
     view->captureImage(first.callback());
     view->captureImage(second.callback());
     ASSERT_TRUE(view->callbackBlock());
@@ -304,6 +318,7 @@ TEST_F(SimpleCaptureViewTest, ANewerCallbackReplacesThePendingOneAndRunsOnceWith
     EXPECT_EQ(second.calls.load(), 1);
     EXPECT_FALSE(view->callbackBlock());
     std::lock_guard lock(second.mutex);
+    EXPECT_TRUE(second.onExpectedQueue) << "on \"VideoDataOutputQueue\"";
     EXPECT_FALSE(second.error);
     ASSERT_TRUE(second.picture);
     ASSERT_TRUE(second.picture->CGImage());
@@ -311,4 +326,27 @@ TEST_F(SimpleCaptureViewTest, ANewerCallbackReplacesThePendingOneAndRunsOnceWith
     EXPECT_EQ(std::minmax(bitmap.width(), bitmap.height()), std::minmax<size_t>(48, 64))
         << "the fake camera's 64 x 48 frame, upright for the device's orientation";
     EXPECT_EQ(cameras.back->stillRequests(), 2);
+}
+
+TEST_F(SimpleCaptureViewTest, AFailedPictureLeavesTheCallbackWaitingForTheNextOne) {
+    view->startVideo();
+    const auto& engine = view->videoHelper();
+    Received received;
+    view->captureImage(received.callback());
+    // The camera stops under the picture in flight: the picture fails and reaches nobody.
+    engine->stopVideoCapture();
+    ASSERT_TRUE(main.drainUntil([&] { return !engine->stillImageOutput()->isCapturingStillImage(); }));
+    EXPECT_TRUE(view->callbackBlock());
+
+    // The next picture, whoever asked for it, goes to the waiting callback.
+    engine->startVideoCapture();
+    engine->takeStillPicture();
+    ASSERT_TRUE(pushUntil([&] { return received.calls.load() > 0; }));
+    ASSERT_TRUE(pushUntil([&] { return !engine->stillImageOutput()->isCapturingStillImage(); }));
+    main.drain();
+    EXPECT_EQ(received.calls.load(), 1);
+    std::lock_guard lock(received.mutex);
+    EXPECT_TRUE(received.picture) << "the failure did not consume the callback";
+    EXPECT_FALSE(received.error);
+    EXPECT_FALSE(view->callbackBlock());
 }
