@@ -17,6 +17,10 @@ using namespace kp;
 
 namespace {
 
+// The engine runs the front camera, whose preview is mirrored: the scene's head tilt is seen, and reported, the
+// other way round.
+constexpr double kMirroredTilt = 360.0 - SampleScene::kTiltDegrees;
+
 // Records what the engine hands over, checking that every call runs on the engine's frame queue.
 class RecordingDelegate final : public libVideoDelegate {
 public:
@@ -32,7 +36,7 @@ public:
             ++framesWithFace;
             lastFaceRect = faceRect;
             sawUprightFace |= yaw == 0 && roll == 0;
-            sawTiltedFace |= roll == SampleScene::kTiltDegrees;
+            sawTiltedFace |= roll == kMirroredTilt;
         }
         sawCardText |= barcodeData == SampleScene::pdf417Text();
     }
@@ -180,7 +184,7 @@ TEST(CaptureEngineSession, SampleTimelineDrivesTheCentreBoxAndTheCardTextReaches
                 EXPECT_TRUE(CGRectEqualToRect(centre->frame(), box));
                 step = kWaitForTilt;
             }
-            if (step == kWaitForTilt && engine->hasRollAngle() && engine->rollAngle() == SampleScene::kTiltDegrees &&
+            if (step == kWaitForTilt && engine->hasRollAngle() && engine->rollAngle() == kMirroredTilt &&
                 !CGRectEqualToRect(engine->faceRect(), CGRectZero)) {
                 // The tilted head fails the centre box at once, wherever it is.
                 EXPECT_FALSE(engine->isHeadCentered());

@@ -114,7 +114,8 @@ TEST(PixelConverter, VideoRangeFramesConvertWithTheirOwnRange) {
                 got = yuvAt(out, 1, 1);
             }
             for (size_t i = 0; i < 3; ++i) {
-                EXPECT_NEAR(got[i], c.expected[i], 1) << "case Y " << c.yuv[0] << ", width " << width << ", part " << i;
+                // libswscale's scaling rounds to within 2; a range mistake is 16 or more off.
+                EXPECT_NEAR(got[i], c.expected[i], 2) << "case Y " << c.yuv[0] << ", width " << width << ", part " << i;
             }
         }
     }
