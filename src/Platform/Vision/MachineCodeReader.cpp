@@ -80,9 +80,10 @@ constexpr double kSkewRefineThreshold = 3.0;
 // kWholeLookEvery-th picture (new codes elsewhere show within that many pictures).
 constexpr double kLookAroundFactor = 0.5;
 constexpr int kWholeLookEvery = 4;
-// Every kFullReadEvery-th frame of a video is read as the plain library reads a picture (every enabled format,
-// trying harder), so nothing it reads stays unread for long.
-constexpr int kFullReadEvery = 16;
+// Every kFullReadEvery-th frame of a video is read whole in every enabled format (about two seconds at the
+// worker's rate), so nothing the plain library reads stays unread for long; trying harder, as for a single
+// picture, would cost several times as much.
+constexpr int kFullReadEvery = 32;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
 // A region where no angle read is left alone for this many pictures (text and patterns stay where they are from
@@ -589,14 +590,14 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
         const uint32_t pdf417 = bits(BarcodeFormat::PDF417);
         const uint32_t firstLook = _formats & ~pdf417;
         const bool linear = (_formats & bits(BarcodeFormat::LinearCodes)) != 0;
-        // A single picture, and every kFullReadEvery-th frame, is read as the plain library reads it: all enabled
-        // formats, trying harder. Otherwise codes the first look read in the previous picture are looked for around
+        // A single picture is read as the plain library reads it (all enabled formats, trying harder), and so is
+        // every kFullReadEvery-th frame, without trying harder. Otherwise codes the first look read in the previous picture are looked for around
         // where they were; the whole picture is read in every kWholeLookEvery-th picture, and whenever one of them
         // is not found again.
         const bool full = _mode == Mode::Picture || ++_picturesSinceFullRead >= kFullReadEvery;
         bool whole = !full && (_looked.empty() || ++_picturesSinceWholeLook >= kWholeLookEvery);
         if (full) {
-            codes = readWithLibrary(image, _formats, true, true);
+            codes = readWithLibrary(image, _formats, true, _mode == Mode::Picture);
             outlineCodes(image, codes);
             _picturesSinceFullRead = 0;
             _picturesSinceWholeLook = 0;

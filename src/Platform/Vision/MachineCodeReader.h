@@ -33,8 +33,8 @@ struct MachineCode {
 /// left out of that picture.
 /// An instance is used by one thread at a time. For video it remembers where the previous pictures' codes were
 /// (codes the library read over the whole picture are looked for around their place in the next pictures, the
-/// whole picture being read again in every fourth one or when a code is not found again, and read as the plain
-/// library does in every sixteenth) and where code-like regions held none (those are left alone for a few
+/// whole picture being read again in every fourth one or when a code is not found again, and in every enabled
+/// format in every thirty-second) and where code-like regions held none (those are left alone for a few
 /// pictures). A single picture is always read as the plain library does as well, so it never yields less.
 class MachineCodeReader {
 public:

@@ -106,7 +106,7 @@ TEST(MachineCodeReader, NeverReadsLessThanThePlainLibrary) {
                              AVMetadataObjectTypePDF417Code, c.text));
         const MachineCodeReader live(kCardTypes);
         bool read = false;
-        for (int frame = 0; frame < 16 && !read; ++frame) {
+        for (int frame = 0; frame < 32 && !read; ++frame) {
             read = readsOne(live, pic, AVMetadataObjectTypePDF417Code, c.text);
         }
         EXPECT_TRUE(read);
