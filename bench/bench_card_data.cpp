@@ -31,7 +31,8 @@ void BM_CardDataParse(benchmark::State& state) {
         fields += card.elements.size();
         benchmark::DoNotOptimize(card);
     }
-    state.counters["texts/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["texts/s"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
     if (fields == 0) {
         state.SkipWithError("the card did not parse");
     }

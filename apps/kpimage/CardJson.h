@@ -22,10 +22,14 @@ inline kp::CardDate cardToday() {
 
 inline const char* cardSexName(kp::CardSex sex) {
     switch (sex) {
-    case kp::CardSex::Male: return "male";
-    case kp::CardSex::Female: return "female";
-    case kp::CardSex::NotSpecified: return "not specified";
-    default: return "";
+    case kp::CardSex::Male:
+        return "male";
+    case kp::CardSex::Female:
+        return "female";
+    case kp::CardSex::NotSpecified:
+        return "not specified";
+    default:
+        return "";
     }
 }
 

@@ -149,8 +149,8 @@ private:
 };
 
 /// A still's scores and files, as printed.
-std::string scoreAndSave(const kp::UIImage& still, const PictureScores& scores, const std::optional<kp::UIImage>& preview,
-                         const std::string& base, std::string& stillFile) {
+std::string scoreAndSave(const kp::UIImage& still, const PictureScores& scores,
+                         const std::optional<kp::UIImage>& preview, const std::string& base, std::string& stillFile) {
     const auto& [focus, focusScore, brightness, face] = scores;
     auto save = [](const kp::UIImage& image, const std::string& path) {
         const auto png = kp::UIImagePNGRepresentation(image);

@@ -55,9 +55,8 @@ int card(const std::vector<std::string>& argv) {
         if (!image || !image->CGImage()) {
             return fail("cannot read an image from " + path);
         }
-        const auto objects =
-            kp::AVCaptureMetadataOutput::metadataObjectsInImage(*image->CGImage(), {kp::AVMetadataObjectTypePDF417Code,
-                                                                                kp::AVMetadataObjectTypeQRCode});
+        const auto objects = kp::AVCaptureMetadataOutput::metadataObjectsInImage(
+            *image->CGImage(), {kp::AVMetadataObjectTypePDF417Code, kp::AVMetadataObjectTypeQRCode});
         // A PDF417 code's text first; a QR code's when there is none (it is then shown as not a card).
         std::optional<std::string> text;
         for (const auto& object : objects) {
@@ -81,8 +80,7 @@ const Registration kCard(
     {"card",
      "  kpimage card [FILE... | --text TEXT] [--today YYYY-MM-DD] [--redact]\n"
      "      the identity-card data of the PDF417 code in each picture (else its QR code; or of TEXT), parsed and\n"
-     "      checked, one JSON\n"
-     "      object per input: {\"file\",\"isCard\",\"version\",\"issuer\",\"fields\":{\"familyName\",\"firstName\",\n"
+     "      checked, one JSON object per input: {\"file\",\"isCard\",\"version\",\"issuer\",\"fields\":{\"familyName\",\"firstName\",\n"
      "      \"middleName\",\"dateOfBirth\",\"issueDate\",\"expiryDate\",\"documentNumber\",\"sex\",\"eyeColor\",\"height\",\n"
      "      \"street\",\"city\",\"jurisdiction\",\"postalCode\",\"country\",\"documentDiscriminator\",...},\"expired\",\n"
      "      \"age\",\"problems\":[...]} (fields the card lacks are left out; expired and age on --today, default\n"

@@ -24,8 +24,12 @@ constexpr std::array<std::string_view, 13> kCanadianIssuers = {"604426", "604428
 constexpr std::array<std::string_view, 13> kProvinces = {"AB", "BC", "MB", "NB", "NL", "NS", "NT",
                                                          "NU", "ON", "PE", "QC", "SK", "YT"};
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isUpper(char c) { return c >= 'A' && c <= 'Z'; }
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+bool isUpper(char c) {
+    return c >= 'A' && c <= 'Z';
+}
 
 /// The value of n decimal digits at pos; nil when the text is shorter or a character is not a digit.
 std::optional<int32_t> digitsAt(std::string_view text, size_t pos, size_t n) {
@@ -115,9 +119,9 @@ MandatoryList mandatoryFor(int32_t version) {
         return {{"DAR", "DAS", "DAT"}, {"DAA", "DAG", "DAI", "DAJ", "DAK", "DAQ", "DBA", "DBB", "DBC", "DBD"}};
     }
     if (version <= 3) {
-        return {{"DCA", "DCB", "DCD"},
-                {"DBA", "DCS", "DCT", "DBD", "DBB", "DBC", "DAY", "DAU", "DAG", "DAI", "DAJ", "DAK", "DAQ", "DCF",
-                 "DCG"}};
+        return {
+            {"DCA", "DCB", "DCD"},
+            {"DBA", "DCS", "DCT", "DBD", "DBB", "DBC", "DAY", "DAU", "DAG", "DAI", "DAJ", "DAK", "DAQ", "DCF", "DCG"}};
     }
     return {{"DCA", "DCB", "DCD"},
             {"DBA", "DCS", "DAC", "DAD", "DBD", "DBB", "DBC", "DAY", "DAU", "DAG", "DAI", "DAJ", "DAK", "DAQ", "DCF",
@@ -143,8 +147,7 @@ constexpr std::array<std::string_view, 17> kHarmlessElements = {"DAJ", "DCG", "D
                                                                 "DBC", "DBA", "DBD", "DCA", "DCB", "DCD",
                                                                 "DDE", "DDF", "DDG", "DDA", "DDB"};
 
-template <size_t N>
-bool contains(const std::array<std::string_view, N>& list, std::string_view s) {
+template <size_t N> bool contains(const std::array<std::string_view, N>& list, std::string_view s) {
     return std::find(list.begin(), list.end(), s) != list.end();
 }
 
@@ -243,8 +246,7 @@ private:
             }
             const auto offset = digitsAt(_text, pos + 2, 4);
             const auto length = digitsAt(_text, pos + 6, 4);
-            if (!isUpper(_text[pos]) || !(isUpper(_text[pos + 1]) || isDigit(_text[pos + 1])) || !offset ||
-                !length) {
+            if (!isUpper(_text[pos]) || !(isUpper(_text[pos + 1]) || isDigit(_text[pos + 1])) || !offset || !length) {
                 _card.problems.push_back("malformed subfile directory");
                 break;
             }
@@ -300,9 +302,8 @@ private:
             subfile.foundAt = static_cast<int64_t>(best);
             _card.problems.push_back("subfile " + subfile.type + " is not at its stated offset");
         }
-        if (std::none_of(_card.subfiles.begin(), _card.subfiles.end(), [](const CardSubfile& s) {
-                return s.foundAt >= 0 && (s.type == "DL" || s.type == "ID");
-            })) {
+        if (std::none_of(_card.subfiles.begin(), _card.subfiles.end(),
+                         [](const CardSubfile& s) { return s.foundAt >= 0 && (s.type == "DL" || s.type == "ID"); })) {
             _card.problems.push_back("no DL or ID subfile");
         }
     }
@@ -481,7 +482,7 @@ private:
         readNames();
         f.documentNumber = value("DAQ");
         const std::string sex = value("DBC");
-        f.sex = sex == "1" || sex == "M" ? CardSex::Male
+        f.sex = sex == "1" || sex == "M"   ? CardSex::Male
                 : sex == "2" || sex == "F" ? CardSex::Female
                 : sex == "9" || sex == "X" ? CardSex::NotSpecified
                                            : CardSex::Unknown;
@@ -510,7 +511,9 @@ private:
 
 } // namespace
 
-bool CardDate::isValid() const { return year >= 1 && year <= 9999 && daysFit(year, month, day); }
+bool CardDate::isValid() const {
+    return year >= 1 && year <= 9999 && daysFit(year, month, day);
+}
 
 std::string CardDate::str() const {
     char buf[32];
@@ -537,9 +540,13 @@ std::optional<CardDate> CardDate::fromString(std::string_view text) {
     return date.isValid() ? std::optional(date) : std::nullopt;
 }
 
-std::string CardHeight::str() const { return std::to_string(value) + (centimetres ? " cm" : " in"); }
+std::string CardHeight::str() const {
+    return std::to_string(value) + (centimetres ? " cm" : " in");
+}
 
-CardData CardData::parse(std::string_view text) { return Parser(text).run(); }
+CardData CardData::parse(std::string_view text) {
+    return Parser(text).run();
+}
 
 std::optional<std::string> CardData::element(std::string_view id) const {
     for (const CardElement& e : elements) {
@@ -606,7 +613,7 @@ CardData CardData::redacted() const {
     f.nameSuffix.clear();
     if (!f.documentNumber.empty()) {
         f.documentNumber = "***" + (f.documentNumber.size() > 3 ? f.documentNumber.substr(f.documentNumber.size() - 3)
-                                                                 : std::string());
+                                                                : std::string());
     }
     if (f.dateOfBirth) {
         f.dateOfBirth = CardDate{f.dateOfBirth->year, 0, 0};

@@ -23,7 +23,8 @@ KPFaceQuality KPFaceQuality::assess(const UIImage& picture, CGRect faceBox, int3
         q.reason = "no face";
         return q;
     }
-    const CGRect whole = CGRectMake(0, 0, static_cast<CGFloat>(bitmap->width()), static_cast<CGFloat>(bitmap->height()));
+    const CGRect whole =
+        CGRectMake(0, 0, static_cast<CGFloat>(bitmap->width()), static_cast<CGFloat>(bitmap->height()));
     const CGRect box = CGRectIntegral(CGRectIntersection(CGRectStandardize(faceBox), whole));
     // Below 8 pixels a side there is no face to judge (the focus score needs a few rows and columns).
     if (CGRectIsNull(box) || box.size.width < 8 || box.size.height < 8) {

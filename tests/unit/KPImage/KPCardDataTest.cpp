@@ -15,7 +15,8 @@ namespace {
 using Elements = std::vector<std::string>;
 
 /// A well-formed card text: the header with a correct subfile directory, then each subfile's elements.
-std::string cardText(const std::string& issuer, int version, const std::vector<std::pair<std::string, Elements>>& subs) {
+std::string cardText(const std::string& issuer, int version,
+                     const std::vector<std::pair<std::string, Elements>>& subs) {
     std::vector<std::string> bodies;
     for (const auto& [type, elements] : subs) {
         std::string body = type;
@@ -238,7 +239,8 @@ TEST(CardData, RedactedFormKeepsNoPersonalValue) {
         EXPECT_TRUE(r.isRedacted);
         EXPECT_EQ(r.fields.familyName, full.fields.familyName.substr(0, 1) + ".");
         EXPECT_EQ(r.fields.firstName, full.fields.firstName.substr(0, 1) + ".");
-        EXPECT_EQ(r.fields.documentNumber, "***" + full.fields.documentNumber.substr(full.fields.documentNumber.size() - 3));
+        const std::string& number = full.fields.documentNumber;
+        EXPECT_EQ(r.fields.documentNumber, "***" + number.substr(number.size() - 3));
         EXPECT_EQ(r.fields.dateOfBirth, (CardDate{full.fields.dateOfBirth->year, 0, 0}));
         EXPECT_EQ(r.fields.expiryDate, full.fields.expiryDate);
         EXPECT_TRUE(r.fields.street.empty() && r.fields.postalCode.empty() && r.fields.documentDiscriminator.empty());
