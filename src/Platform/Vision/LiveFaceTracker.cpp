@@ -42,6 +42,9 @@ constexpr int kFineTileHeight = 240;
 constexpr int kMiddleTiles = 2;
 constexpr size_t kFineTilesPerRound = 3;
 constexpr double kStepPixels = 1.6e6;
+// The first frame of a stream gets a longer step, from the start of the plan: the coarse and middle bands whole and
+// the middle of the frame at the fine scale.
+constexpr double kFirstStepPixels = 3 * kStepPixels;
 // Tracked faces are looked for, and a lost track again (turned by these roll steps), in a square this many times
 // their box.
 constexpr double kSearchAreaFactor = 2.0;
@@ -50,9 +53,12 @@ constexpr double kRecoveryRolls[] = {15.0, -15.0, 30.0, -30.0};
 constexpr double kRefineRollDegrees = 5.0;
 // A face box moves towards each new fit by this share while the face holds still (its fit moved by less than
 // kStillShift of the box's width and changed its width by less than kStillResize); beyond that it follows at once.
+// Fits within kSteadyShift and kSteadyResize of the box leave it where it is.
 constexpr double kBoxFollow = 0.35;
 constexpr double kStillShift = 0.12;
 constexpr double kStillResize = 0.12;
+constexpr double kSteadyShift = 0.03;
+constexpr double kSteadyResize = 0.03;
 
 // dlib decodes its face detector from a compressed model, which takes longer than searching a picture: every
 // tracker of the process copies one decoded instance.
@@ -189,6 +195,9 @@ CGRect steadyBox(CGRect before, CGRect fit) {
     if (std::abs(fit.size.width - w) >= kStillResize * w || shift >= kStillShift * w) {
         return fit;
     }
+    if (std::abs(fit.size.width - w) < kSteadyResize * w && shift < kSteadyShift * w) {
+        return before;
+    }
     const auto towards = [](double a, double b) { return a + kBoxFollow * (b - a); };
     const double side = towards(w, fit.size.width);
     const double cx = towards(before.origin.x + w / 2, fit.origin.x + fit.size.width / 2);
@@ -206,7 +215,7 @@ bool isKnown(const std::vector<Found>& known, CGRect box) {
 struct LiveFaceTracker::Impl {
     Mode mode = Mode::Video;
     int framesSinceSearch = 0;
-    bool searchedWhole = false; // the first frame of a stream is searched whole
+    bool searchedWhole = false; // the first frame of a stream gets the longer first step
     // The search plan for frames of planWidth x planHeight, and where the next step starts in it.
     std::vector<SearchRegion> plan;
     size_t distinctRegions = 0; // the plan's first regions are each region once
@@ -234,9 +243,9 @@ struct LiveFaceTracker::Impl {
 
     void refineLandmarks(const LumaImage& frame, Found& f) const;
     void makePlan(int width, int height);
-    // Scans regions of the plan from the cursor on until about budget pyramid pixels are spent (all regions once
-    // when budget is infinite), adding new detections to found.
-    void search(const LumaImage& frame, double budget, std::vector<Found>& found);
+    // Scans regions of the plan from the cursor on (from the plan's start, each region at most once, when
+    // fromStart) until about budget pyramid pixels are spent, adding new detections to found.
+    void search(const LumaImage& frame, double budget, std::vector<Found>& found, bool fromStart = false);
 
     // Detections in img (already reduced by scale) mapped to frame pixels through crop (identity when null). Those
     // that continue a detection in known are left out before their landmarks are fitted.
@@ -322,7 +331,7 @@ void LiveFaceTracker::Impl::makePlan(int width, int height) {
                                        (height + kFineTileHeight - 1) / kFineTileHeight);
     const auto middleTiles = bandRegions(width, height, middle, kBandLevels, kMiddleTiles, 1);
     const auto coarseTiles = bandRegions(width, height, coarse, 0, 1, 1);
-    // Each region once first (a whole search stops there), then the rounds of the step-by-step search.
+    // Each region once first (a first step from the start stops there), then the rounds of the step-by-step search.
     plan.clear();
     plan.insert(plan.end(), coarseTiles.begin(), coarseTiles.end());
     plan.insert(plan.end(), middleTiles.begin(), middleTiles.end());
@@ -342,9 +351,10 @@ void LiveFaceTracker::Impl::makePlan(int width, int height) {
     cursor = distinctRegions;
 }
 
-void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::vector<Found>& found) {
+void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::vector<Found>& found,
+                                   bool fromStart) {
     makePlan(frame.width, frame.height);
-    const bool whole = !std::isfinite(budget);
+    const bool whole = fromStart;
     size_t index = whole ? 0 : cursor;
     double spent = 0.0;
     for (size_t visited = 0; visited < (whole ? distinctRegions : plan.size()) && spent < budget; ++visited) {
@@ -531,7 +541,7 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
         } else if (!_impl->searchedWhole) {
             _impl->searchedWhole = true;
             _impl->framesSinceSearch = 0;
-            _impl->search(frame, std::numeric_limits<double>::infinity(), found);
+            _impl->search(frame, kFirstStepPixels, found, true);
         } else if (++_impl->framesSinceSearch >=
                    (_impl->tracks.empty() ? kSearchEveryWithoutFaces : kSearchEveryWhileTracking)) {
             _impl->framesSinceSearch = 0;
