@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 // kpimage capture: the main job. Runs the capture engine on the default camera with face, PDF417 and QR detection
 // and the centre box, prints the detection state as it changes, guides the user, takes a still picture once the
-// head has stayed centred, scores and saves it with a rendering of the preview, and prints the card's text.
+// head has stayed centred, keeps it when its face is sharp and lit well, saves it with a rendering of the preview,
+// and prints the card's data (redacted unless asked).
 #include "Args.h"
 #include "Camera.h"
+#include "CardJson.h"
 #include "Command.h"
 #include "Json.h"
 #include "Scores.h"
@@ -32,8 +34,8 @@ constexpr double kTickSeconds = 0.05;
 constexpr double kStillTimeoutSeconds = 5.0;
 /// How long the end of the run waits for stills in flight and the photo album.
 constexpr double kFinishTimeoutSeconds = 20.0;
-/// The header of the identity-card data a card's PDF417 code carries.
-constexpr std::string_view kCardDataHeader = "@\n\x1e\rANSI ";
+/// What the state lines and the summary show for a card's text unless --show-card-data asks for it.
+constexpr std::string_view kHiddenCardText = "(card data hidden)";
 
 using Clock = std::chrono::steady_clock;
 
@@ -79,28 +81,10 @@ std::string jsonStateLine(double time, const DetectionState& s) {
         .str();
 }
 
-/// The value of one field ("DCS") of identity-card data: a field starts a line, or follows its subfile's type
-/// ("DL") directly; empty when absent.
-std::string cardField(const std::string& data, const std::string& field) {
-    for (const std::string& lead : {"\n" + field, "DL" + field}) {
-        if (const auto at = data.find(lead); at != std::string::npos) {
-            const auto start = at + lead.size();
-            const auto end = data.find_first_of("\r\n", start);
-            return data.substr(start, end == std::string::npos ? std::string::npos : end - start);
-        }
-    }
-    return {};
-}
-
 /// A one-line description of a code's text for the user.
-std::string describeCode(const std::string& text) {
-    if (text.rfind(kCardDataHeader, 0) == 0) {
-        std::string who = cardField(text, "DAC");
-        const std::string family = cardField(text, "DCS");
-        who += who.empty() || family.empty() ? family : " " + family;
-        const std::string number = cardField(text, "DAQ");
-        return "card read: " + (who.empty() ? std::string("identity card") : who) +
-               (number.empty() ? std::string() : ", number " + number);
+std::string describeCode(const std::string& text, bool showCardData) {
+    if (const auto card = kp::CardData::parse(text); card.isCard) {
+        return "card read: " + describeCard(card, showCardData);
     }
     std::string shown = text.substr(0, 60);
     for (char& c : shown) {
@@ -162,9 +146,9 @@ private:
 };
 
 /// A still's scores and files, as printed.
-std::string scoreAndSave(const kp::UIImage& still, const std::optional<kp::UIImage>& preview, const std::string& base,
-                         std::string& stillFile) {
-    const auto [focus, focusScore, brightness, face] = scorePicture(still);
+std::string scoreAndSave(const kp::UIImage& still, const PictureScores& scores,
+                         const std::optional<kp::UIImage>& preview, const std::string& base, std::string& stillFile) {
+    const auto& [focus, focusScore, brightness, face] = scores;
     auto save = [](const kp::UIImage& image, const std::string& path) {
         const auto png = kp::UIImagePNGRepresentation(image);
         return png && kp::writeToFile(*png, path, true);
@@ -217,13 +201,22 @@ public:
     Capture(bool guidance, bool progress, std::string outDir, double seconds)
         : _guidance(guidance), _progress(progress), _outDir(std::move(outDir)), _seconds(seconds) {}
 
+    /// Card data in full (else redacted, its text hidden), and the face limits of a still worth keeping.
+    bool showCardData = false;
+    int32_t minFocus = kp::KPFaceQuality::kDefaultMinFocus;
+    int32_t minBrightness = kp::KPFaceQuality::kDefaultMinBrightness;
+
     std::shared_ptr<kp::KPVideoHelper> engine;
     std::shared_ptr<kp::UIView> view;
     std::shared_ptr<CaptureDelegate> delegate;
     kp::dispatch_queue_t stillQueue = kp::dispatch_queue_create("kpimage.capture.still", kp::DISPATCH_QUEUE_SERIAL);
 
     void onState(double time, const DetectionState& state) {
-        std::cout << jsonStateLine(time, state) << std::endl;
+        DetectionState shown = state;
+        if (shown.barcodeData) {
+            shown.barcodeData = shownText(*shown.barcodeData);
+        }
+        std::cout << jsonStateLine(time, shown) << std::endl;
         const bool centred = state.isHeadCentered && state.hasFace();
         if (centred && !_centred) {
             _centredSince = time;
@@ -235,15 +228,22 @@ public:
         _lastTime = time;
         say(guidanceFor(state));
         if (state.barcodeData && !state.barcodeData->empty() && _codes.insert(*state.barcodeData).second) {
-            const bool card = state.barcodeData->rfind(kCardDataHeader, 0) == 0;
-            std::cout
-                << JsonObject().raw("time", formatSeconds(time)).add(card ? "card" : "code", *state.barcodeData).str()
-                << std::endl;
-            if (card && _cardData.empty()) {
+            const kp::CardData card = kp::CardData::parse(*state.barcodeData);
+            JsonObject line;
+            line.raw("time", formatSeconds(time));
+            if (card.isCard) {
+                JsonObject cardJson;
+                addCardJson(cardJson, card, cardToday(), showCardData);
+                line.raw("card", cardJson.str());
+            } else {
+                line.add("code", *state.barcodeData);
+            }
+            std::cout << line.str() << std::endl;
+            if (card.isCard && _cardData.empty()) {
                 _cardData = *state.barcodeData;
             }
             _lastCode = *state.barcodeData;
-            say(describeCode(*state.barcodeData), true);
+            say(describeCode(*state.barcodeData, showCardData), true);
         }
     }
 
@@ -259,11 +259,31 @@ public:
         if (view) {
             preview = kp::UIViewRenderToImage(view, view->bounds().size, 1);
         }
-        const std::string base =
-            (std::filesystem::path(_outDir) / ("still-" + std::to_string(++_stillNumber))).string();
-        kp::dispatch_async(stillQueue, [this, time, still = *image, preview, base] {
+        kp::dispatch_async(stillQueue, [this, time, still = *image, preview] {
+            // A still is kept only when its face is sharp and lit well enough; else the user hears why and the
+            // capture waits for the next one.
+            const PictureScores scores = scorePicture(still);
+            const auto quality = kp::KPFaceQuality::assess(still, scores.face.faceBounds, minFocus, minBrightness);
+            if (!quality.good) {
+                const std::string json = JsonObject()
+                                             .add("focusScore", quality.focusScore)
+                                             .add("brightness", quality.brightness)
+                                             .add("reason", quality.reason)
+                                             .str();
+                kp::dispatch_async(kp::dispatch_get_main_queue(), [this, time, json, reason = quality.reason] {
+                    std::cout << JsonObject().raw("time", formatSeconds(time)).raw("refused", json).str() << std::endl;
+                    --_saving;
+                    _stillThisStretch = false;
+                    _centredSince = _lastTick;
+                    say(reason == "no face" ? "move your head into the box" : reason, true);
+                });
+                return;
+            }
+            // Only this queue numbers the stills.
+            const std::string base =
+                (std::filesystem::path(_outDir) / ("still-" + std::to_string(++_stillNumber))).string();
             std::string file;
-            const std::string json = scoreAndSave(still, preview, base, file);
+            const std::string json = scoreAndSave(still, scores, preview, base, file);
             kp::dispatch_async(kp::dispatch_get_main_queue(), [this, time, json, file] {
                 std::cout << JsonObject().raw("time", formatSeconds(time)).raw("still", json).str() << std::endl;
                 if (!file.empty()) {
@@ -277,6 +297,7 @@ public:
 
     /// Every tick on the main thread: takes the still once the head has stayed centred, and shows the progress.
     void tick(double now) {
+        _lastTick = now;
         expireStill(now);
         if (_centred && !_stillThisStretch && !_awaitingStill && now - _centredSince >= kHoldSeconds) {
             _stillThisStretch = true;
@@ -314,8 +335,21 @@ public:
     bool stillsPending() const { return _awaitingStill || _saving > 0; }
     const std::vector<std::string>& stills() const { return _stills; }
     double centredSeconds() const { return _centredSeconds; }
-    /// The card's data when read, else the last code's text, else "".
-    const std::string& barcodeData() const { return _cardData.empty() ? _lastCode : _cardData; }
+    /// The card's data when read, else the last code's text, else "" (a card's text hidden unless asked).
+    std::string barcodeData() const { return shownText(_cardData.empty() ? _lastCode : _cardData); }
+    /// The card read, as the summary's "card" object; null when none was read.
+    std::string cardJson() const {
+        if (_cardData.empty()) {
+            return "null";
+        }
+        JsonObject o;
+        addCardJson(o, kp::CardData::parse(_cardData), cardToday(), showCardData);
+        return o.str();
+    }
+    /// A code's text as printed: a card's only with showCardData.
+    std::string shownText(const std::string& text) const {
+        return showCardData || !kp::CardData::parse(text).isCard ? text : std::string(kHiddenCardText);
+    }
 
     void say(const std::string& line, bool always = false) {
         if (!_guidance || (!always && line == _lastGuidance)) {
@@ -354,7 +388,8 @@ private:
     bool _awaitingStill = false;
     double _stillRequestedAt = 0;
     int _saving = 0;
-    int _stillNumber = 0;
+    int _stillNumber = 0; // on stillQueue
+    double _lastTick = 0;
     double _shownSecond = -1;
     std::string _lastGuidance;
     std::vector<std::string> _stills;
@@ -376,7 +411,8 @@ bool runUntil(const std::function<bool()>& condition, double timeoutSeconds) {
 }
 
 int capture(const std::vector<std::string>& args) {
-    Args a(args, {"seconds", "position", "media", "out", "view", "preset"}, {"record", "no-guidance", "sample"});
+    Args a(args, {"seconds", "position", "media", "out", "view", "preset", "min-focus", "min-brightness"},
+           {"record", "no-guidance", "sample", "show-card-data"});
     if (!a.error().empty()) {
         return fail(a.error());
     }
@@ -397,6 +433,13 @@ int capture(const std::vector<std::string>& args) {
         if (!viewSize || (*viewSize)[0] < 1 || (*viewSize)[1] < 1 || (*viewSize)[0] > 8192 || (*viewSize)[1] > 8192) {
             return fail("--view takes W,H in points, each 1 to 8192");
         }
+    }
+    const auto minFocus = parseInt(a.value("min-focus", std::to_string(kp::KPFaceQuality::kDefaultMinFocus)));
+    const auto minBrightness =
+        parseInt(a.value("min-brightness", std::to_string(kp::KPFaceQuality::kDefaultMinBrightness)));
+    if (!minFocus || *minFocus < 0 || *minFocus > 100 || !minBrightness || *minBrightness < 0 ||
+        *minBrightness > 255) {
+        return fail("--min-focus takes 0 to 100, --min-brightness 0 to 255");
     }
     const std::string outDir = a.value("out", "kpimage-capture");
     std::error_code dirError;
@@ -449,6 +492,9 @@ int capture(const std::vector<std::string>& args) {
     const bool progress = ::isatty(STDERR_FILENO) != 0;
     Capture run(!a.flag("no-guidance"), progress, outDir, *seconds);
     run.engine = engine;
+    run.showCardData = a.flag("show-card-data");
+    run.minFocus = *minFocus;
+    run.minBrightness = *minBrightness;
     run.view = engine->getPreviewView(kp::CGRectMake(0, 0, size.width, size.height), true);
     const auto start = Clock::now();
     auto elapsed = [start] { return std::chrono::duration<double>(Clock::now() - start).count(); };
@@ -511,6 +557,7 @@ int capture(const std::vector<std::string>& args) {
         .add("frames", run.delegate->frames())
         .raw("stills", stills)
         .add("barcodeData", run.barcodeData())
+        .raw("card", run.cardJson())
         .raw("headCenteredSeconds", formatSeconds(run.centredSeconds()));
     if (a.flag("record")) {
         summary.add("movie", movie);
@@ -522,18 +569,23 @@ int capture(const std::vector<std::string>& args) {
 const Registration kCapture(
     {"capture",
      "  kpimage capture [--seconds S] [--position front|back] [--media FILE] [--sample] [--preset N]\n"
-     "                  [--view W,H] [--out DIR] [--record] [--no-guidance]\n"
+     "                  [--view W,H] [--out DIR] [--record] [--no-guidance] [--show-card-data]\n"
+     "                  [--min-focus F] [--min-brightness B]\n"
      "      the main job: runs the capture engine on the default camera (a webcam, else or with --sample the\n"
      "      built-in sample camera; --media plays a video file as the camera) for S seconds (default 12) with\n"
      "      face, PDF417 and QR detection and the centre box on a preview of W,H points (default: the\n"
      "      picture's size). Prints a JSON line whenever the detection state changes: {\"time\",\"faceRect\":\n"
      "      {\"x\",\"y\",\"width\",\"height\"} (preview points; null without a face),\"yawAngle\",\"rollAngle\",\n"
-     "      \"isHeadCentered\",\"barcodeData\"}; {\"time\",\"card\"} or {\"time\",\"code\"} for each new code text;\n"
-     "      once the head has stayed centred for 0.5 s it takes a still and prints {\"time\",\"still\":{\"file\",\n"
+     "      \"isHeadCentered\",\"barcodeData\"}; {\"time\",\"card\":{...}} (as kpimage card prints it) or {\"time\",\n"
+     "      \"code\"} for each new code text. Card data is redacted and its text shown as \"(card data hidden)\"\n"
+     "      unless --show-card-data. Once the head has stayed centred for 0.5 s it takes a still; one whose face\n"
+     "      scores under --min-focus (default 40) or --min-brightness (default 70) is refused with\n"
+     "      {\"time\",\"refused\":{\"focusScore\",\"brightness\",\"reason\"}} and the capture waits again; a good one\n"
+     "      prints {\"time\",\"still\":{\"file\",\n"
      "      \"preview\",\"width\",\"height\",\"focus\",\"focusScore\",\"brightness\",\"face\"}} (the still and the\n"
      "      rendered preview with its overlays are written as PNG into DIR, default ./kpimage-capture);\n"
      "      ends with "
-     "{\"summary\":{\"camera\",\"seconds\",\"frames\",\"stills\",\"barcodeData\",\"headCenteredSeconds\"}}.\n"
+     "{\"summary\":{\"camera\",\"seconds\",\"frames\",\"stills\",\"barcodeData\",\"card\",\"headCenteredSeconds\"}}.\n"
      "      Guidance goes to standard error (--no-guidance: none), with a progress line when it is a terminal.\n"
      "      --record records the camera with the camera-data recorder into DIR (H.264 when available) and adds\n"
      "      \"movie\" to the summary; --preset picks the session preset (default 5, 1280x720)",

@@ -37,6 +37,10 @@
 #include "KPImage/Focus/ImageAssess.h"
 #include "KPImage/UIImage+ImagingHelper.h"
 
+// Identity-card data read from a PDF417 code.
+#include "KPImage/KPCardData.h"
+#include "KPImage/KPFaceQuality.h"
+
 // Version.
 #include "KPImage/KPImage_vers.h"
 

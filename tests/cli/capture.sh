@@ -1,7 +1,7 @@
 #!/bin/sh
 # SPDX-License-Identifier: MIT
 # kpimage capture on the sample camera: the detection lines, a still with its preview, the card's text and the
-# summary. Usage: capture.sh KPIMAGE WORKDIR SECONDS [format-only]
+# summary, the card redacted. Usage: capture.sh KPIMAGE WORKDIR SECONDS [format-only]
 # format-only (for sanitizer builds, whose detectors are too slow for the real-time scene): the run ends well and its
 # lines are well formed.
 set -u
@@ -20,7 +20,13 @@ expect() { # expect DESCRIPTION FILE ERE
 expect "the first state line" "$work/stdout" \
     '^\{"time":[0-9]+\.[0-9]{3},"faceRect":(null|\{"x":-?[0-9]+,"y":-?[0-9]+,"width":[0-9]+,"height":[0-9]+\}),"yawAngle":[0-9]+,"rollAngle":[0-9]+,"isHeadCentered":(true|false),"barcodeData":"[^"]*"\}$'
 expect "the summary" "$work/stdout" \
-    '^\{"summary":\{"camera":"sample:front","seconds":[0-9]+\.[0-9]{3},"frames":[1-9][0-9]*,"stills":\[[^]]*\],"barcodeData":"[^"]*","headCenteredSeconds":[0-9]+\.[0-9]{3}\}\}$'
+    '^\{"summary":\{"camera":"sample:front","seconds":[0-9]+\.[0-9]{3},"frames":[1-9][0-9]*,"stills":\[[^]]*\],"barcodeData":"[^"]*","card":(null|\{.*\}),"headCenteredSeconds":[0-9]+\.[0-9]{3}\}\}$'
+# Without --show-card-data no line holds the card's raw text or an unredacted name, number, birth date or street.
+if grep -Eq 'ANSI 636|SAMPLE|MICHAEL|T64235789|1986-06-06|06061986|WEST BROAD|232690000' "$work/stdout" "$work/stderr"; then
+    echo "card data shown without --show-card-data:" >&2
+    grep -E 'ANSI 636|SAMPLE|MICHAEL|T64235789|1986-06-06|06061986|WEST BROAD|232690000' "$work/stdout" "$work/stderr" >&2
+    failed=1
+fi
 if [ "$mode" = format-only ]; then
     [ "$failed" -eq 0 ] || { echo "--- stdout" >&2; cat "$work/stdout" >&2; echo "--- stderr" >&2; cat "$work/stderr" >&2; }
     exit "$failed"
@@ -31,12 +37,12 @@ expect "a line without a face or with the head not centred" "$work/stdout" \
     '^\{"time":[0-9]+\.[0-9]{3},"faceRect":(null|\{[^}]*\}),"yawAngle":[0-9]+,"rollAngle":[0-9]+,"isHeadCentered":false,'
 expect "the still's line" "$work/stdout" \
     '^\{"time":[0-9]+\.[0-9]{3},"still":\{"file":"[^"]*/still-1\.png","preview":"[^"]*/still-1-preview\.png","width":[1-9][0-9]*,"height":[1-9][0-9]*,"focus":[0-9]+,"focusScore":[0-9]+,"brightness":[1-9][0-9]*,"face":\{"found":true,'
-expect "the card's text" "$work/stdout" \
-    '^\{"time":[0-9]+\.[0-9]{3},"card":"@\\n\\u001e\\rANSI 636000090002DL[^"]*DCSSAMPLE\\nDACMICHAEL\\n'
+expect "the redacted card" "$work/stdout" \
+    '^\{"time":[0-9]+\.[0-9]{3},"card":\{"isCard":true,"version":9,"issuer":"636000","fields":\{"familyName":"S\.","firstName":"M\.",.*"dateOfBirth":"1986",.*"documentNumber":"\*\*\*789",'
 expect "the summary with the still and the card" "$work/stdout" \
-    '^\{"summary":\{"camera":"sample:front","seconds":[0-9]+\.[0-9]{3},"frames":[1-9][0-9]*,"stills":\["[^"]*/still-1\.png"(,"[^"]*/still-[0-9]+\.png")*\],"barcodeData":"@\\n\\u001e\\rANSI 636000090002DL[^"]*","headCenteredSeconds":([1-9][0-9]*\.[0-9]{3}|0\.[0-9]*[1-9][0-9]*)\}\}$'
+    '^\{"summary":\{"camera":"sample:front","seconds":[0-9]+\.[0-9]{3},"frames":[1-9][0-9]*,"stills":\["[^"]*/still-1\.png"(,"[^"]*/still-[0-9]+\.png")*\],"barcodeData":"\(card data hidden\)","card":\{"isCard":true,[^}]*"fields":\{[^}]*"documentNumber":"\*\*\*789"[^}]*\},"expired":false,"age":[0-9]+,[^}]*\},"headCenteredSeconds":([1-9][0-9]*\.[0-9]{3}|0\.[0-9]*[1-9][0-9]*)\}\}$'
 expect "the guidance" "$work/stderr" '^hold still$'
-expect "the card's holder" "$work/stderr" '^card read: MICHAEL SAMPLE, number T64235789$'
+expect "the card's holder, redacted" "$work/stderr" '^card read: M\. S\., number \*\*\*789$'
 for f in still-1.png still-1-preview.png; do
     if [ "$(head -c 4 "$work/out/$f" 2>/dev/null | tail -c 3)" != "PNG" ]; then
         echo "missing: the PNG file $f" >&2

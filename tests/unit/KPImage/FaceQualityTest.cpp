@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: MIT
+// Face quality on real pictures: sharp and well-lit faces pass, faces under a real Gaussian blur or darkened are
+// refused with the reason the user is told.
+#include "KPImage/KPFaceQuality.h"
+#include "KPImage/UIImage+ImagingHelper.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+using namespace kp;
+
+namespace {
+
+/// The grey picture blurred by a separable Gaussian of sigma pixels (edges clamped), then its light scaled by gain.
+UIImage blurredAndLit(const UIImage& grey, double sigma, double gain) {
+    const auto& g = *grey.CGImage();
+    const size_t w = g.width(), h = g.height(), stride = g.bytesPerRow();
+    std::vector<double> a(w * h), b(w * h);
+    for (size_t y = 0; y < h; ++y) {
+        for (size_t x = 0; x < w; ++x) {
+            a[y * w + x] = g.bytes()[y * stride + x];
+        }
+    }
+    if (sigma > 0) {
+        const int r = static_cast<int>(std::ceil(3 * sigma));
+        std::vector<double> k(static_cast<size_t>(2 * r + 1));
+        double sum = 0;
+        for (int i = -r; i <= r; ++i) {
+            sum += k[static_cast<size_t>(i + r)] = std::exp(-i * i / (2 * sigma * sigma));
+        }
+        auto pass = [&](const std::vector<double>& in, std::vector<double>& out, bool horizontal) {
+            for (size_t y = 0; y < h; ++y) {
+                for (size_t x = 0; x < w; ++x) {
+                    double v = 0;
+                    for (int i = -r; i <= r; ++i) {
+                        const long xx = std::clamp<long>(static_cast<long>(x) + (horizontal ? i : 0), 0, long(w) - 1);
+                        const long yy = std::clamp<long>(static_cast<long>(y) + (horizontal ? 0 : i), 0, long(h) - 1);
+                        v += k[static_cast<size_t>(i + r)] * in[static_cast<size_t>(yy) * w + static_cast<size_t>(xx)];
+                    }
+                    out[y * w + x] = v / sum;
+                }
+            }
+        };
+        pass(a, b, true);
+        pass(b, a, false);
+    }
+    std::vector<uint8_t> bytes(w * h);
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<uint8_t>(std::clamp(std::lround(a[i] * gain), 0L, 255L));
+    }
+    return UIImage::imageWithCGImage(kptest::makeGray(w, h, bytes));
+}
+
+TEST(FaceQuality, BlurredOrDarkenedFacesAreRefusedSharpWellLitOnesTaken) {
+    struct Case {
+        double blur;
+        double gain;
+        const char* reason; // "" when the picture is good
+    };
+    // Blur in percent of the face's width.
+    const Case cases[] = {{0, 1, ""}, {1, 1, ""}, {5, 1, "hold still"}, {8, 1, "hold still"}, {0, 0.35, "too dark"},
+                          {5, 0.35, "too dark"}};
+    // The face boxes getFaceFeaturesWithAccuracy finds in the two pictures (the detector takes seconds).
+    const std::pair<std::string, CGRect> pictures[] = {
+        {kptest::dataPath("astronaut.png"), CGRectMake(175, 76, 91, 91)},
+        {kptest::dataPath("../../data/sample-face.png"), CGRectMake(88, 41, 45, 44)}};
+    for (const auto& [path, face] : pictures) {
+        const auto picture = UIImage::imageWithContentsOfFile(path);
+        ASSERT_TRUE(picture) << path;
+        const UIImage grey = *picture->makeGrayScale();
+        for (const Case& c : cases) {
+            SCOPED_TRACE(path + " blur " + std::to_string(c.blur) + " light " + std::to_string(c.gain));
+            const KPFaceQuality q =
+                KPFaceQuality::assess(blurredAndLit(grey, c.blur * face.size.width / 100, c.gain), face);
+            EXPECT_EQ(q.reason, c.reason);
+            EXPECT_EQ(q.good, std::string(c.reason).empty());
+        }
+        // The limits move the verdict: a laxer focus limit takes the blurred face, a stricter light one refuses the
+        // sharp one.
+        const UIImage blurred = blurredAndLit(grey, 0.05 * face.size.width, 1);
+        EXPECT_TRUE(KPFaceQuality::assess(blurred, face, 20).good);
+        EXPECT_EQ(KPFaceQuality::assess(grey, face, 8, 250).reason, "too dark");
+    }
+    // No bitmap, or a box outside the picture: nothing to judge.
+    EXPECT_EQ(KPFaceQuality::assess(UIImage(), CGRectMake(0, 0, 50, 50)).reason, "no face");
+    const auto picture = UIImage::imageWithContentsOfFile(kptest::dataPath("astronaut.png"));
+    EXPECT_EQ(KPFaceQuality::assess(*picture, CGRectMake(600, 600, 50, 50)).reason, "no face");
+    EXPECT_EQ(KPFaceQuality::assess(*picture, CGRectMake(0, 0, NAN, 50)).reason, "no face");
+}
+
+} // namespace

@@ -1,0 +1,296 @@
+// SPDX-License-Identifier: MIT
+// Card-data parsing: versions and issuers, wrong offsets, truncated and garbage texts, checks, redaction, and a
+// bounded random-mutation run that must stay clean under the sanitizers.
+#include "KPImage/KPCardData.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <random>
+
+using namespace kp;
+
+namespace {
+
+using Elements = std::vector<std::string>;
+
+/// A well-formed card text: the header with a correct subfile directory, then each subfile's elements.
+std::string cardText(const std::string& issuer, int version,
+                     const std::vector<std::pair<std::string, Elements>>& subs) {
+    std::vector<std::string> bodies;
+    for (const auto& [type, elements] : subs) {
+        std::string body = type;
+        for (size_t i = 0; i < elements.size(); ++i) {
+            body += elements[i] + (i + 1 < elements.size() ? "\n" : "\r");
+        }
+        bodies.push_back(body);
+    }
+    char head[16];
+    std::snprintf(head, sizeof head, "%02d", version);
+    std::string header = "@\n\x1e\rANSI " + issuer + head + (version >= 2 ? "01" : "");
+    std::snprintf(head, sizeof head, "%02zu", subs.size());
+    header += head;
+    size_t offset = header.size() + 10 * subs.size();
+    for (size_t i = 0; i < subs.size(); ++i) {
+        char entry[16];
+        std::snprintf(entry, sizeof entry, "%s%04zu%04zu", subs[i].first.c_str(), offset, bodies[i].size());
+        header += entry;
+        offset += bodies[i].size();
+    }
+    for (const auto& b : bodies) {
+        header += b;
+    }
+    return header;
+}
+
+// Made-up people only.
+const Elements kVersion9 = {"DCAD", "DCBNONE", "DCDNONE", "DBA12102030", "DCSSAMPLE", "DACMICHAEL", "DADJOHN",
+                            "DBD06062019", "DBB06061986", "DBC1", "DAYBRO", "DAU068 in", "DAG2300 WEST BROAD STREET",
+                            "DAIRICHMOND", "DAJVA", "DAK232690000  ", "DAQT64235789", "DCF2424244747474786102204",
+                            "DCGUSA", "DDEN", "DDFN", "DDGN"};
+const Elements kVersion1 = {"DAAPUBLIC,JOHN,QUINCY", "DAG12 ELM ST", "DAIDENVER", "DAJCO", "DAK80202     ",
+                            "DAQ123456789", "DARC", "DASNONE", "DATNONE", "DBA20280115", "DBB19700301", "DBCM",
+                            "DBD20200115", "DAU510"};
+const Elements kVersion3 = {"DCAC", "DCBNONE", "DCDNONE", "DBA07042027", "DCSDOE", "DCTJANE,ANN", "DBD07042019",
+                            "DBB07041990", "DBC2", "DAYGRN", "DAU064 in", "DAG1 MAIN ST", "DAIAUSTIN", "DAJTX",
+                            "DAK78701", "DAQ09876543", "DCF77AB", "DCGUSA"};
+const Elements kOntario = {"DCAG", "DCBX", "DCDNONE", "DBA20310430", "DCSTREMBLAY", "DACLUC", "DADNONE",
+                           "DBD20260430", "DBB19920430", "DBC1", "DAYBLU", "DAU175 cm", "DAG5 QUEEN ST W",
+                           "DAITORONTO", "DAJON", "DAKM5H 2N2", "DAQT1234-56789-20430", "DCFAB1234", "DCGCAN",
+                           "DDEN", "DDFN", "DDGN"};
+const Elements kIdCard = {"DBA01012029", "DCSROE", "DACRICHARD", "DADNONE", "DBD01012021", "DBB02292000", "DBC9",
+                          "DAYHAZ", "DAU070 in", "DAG9 PINE RD", "DAISALEM", "DAJOR", "DAK97301", "DAQID7788",
+                          "DCFX1", "DCGUSA", "DDEN", "DDFN", "DDGN"};
+
+std::string sampleCard() { return cardText("636000", 9, {{"DL", kVersion9}, {"ZV", {"ZVAXYZ"}}}); }
+
+TEST(CardData, VersionsAndIssuersGiveTheSameTypedFields) {
+    struct Case {
+        const char* what;
+        std::string text;
+        int version;
+        const char* family;
+        const char* first;
+        const char* middle;
+        CardDate born, issued, expires;
+        const char* number;
+        CardSex sex;
+        CardHeight height;
+        const char* country;
+        bool yearFirst;
+    };
+    const Case cases[] = {
+        {"v9 Virginia", sampleCard(), 9, "SAMPLE", "MICHAEL", "JOHN", {1986, 6, 6}, {2019, 6, 6}, {2030, 12, 10},
+         "T64235789", CardSex::Male, {68, false}, "USA", false},
+        {"v1 one-field name, year-first dates, feet and inches", cardText("636020", 1, {{"DL", kVersion1}}), 1,
+         "PUBLIC", "JOHN", "QUINCY", {1970, 3, 1}, {2020, 1, 15}, {2028, 1, 15}, "123456789", CardSex::Male,
+         {70, false}, "", true},
+        {"v3 given names in one element", cardText("636015", 3, {{"DL", kVersion3}}), 3, "DOE", "JANE", "ANN",
+         {1990, 7, 4}, {2019, 7, 4}, {2027, 7, 4}, "09876543", CardSex::Female, {64, false}, "USA", false},
+        {"v8 Ontario: Canadian dates", cardText("636012", 8, {{"DL", kOntario}}), 8, "TREMBLAY", "LUC", "NONE",
+         {1992, 4, 30}, {2026, 4, 30}, {2031, 4, 30}, "T1234-56789-20430", CardSex::Male, {175, true}, "CAN",
+         true},
+        {"v10 ID card", cardText("636029", 10, {{"ID", kIdCard}}), 10, "ROE", "RICHARD", "NONE", {2000, 2, 29},
+         {2021, 1, 1}, {2029, 1, 1}, "ID7788", CardSex::NotSpecified, {70, false}, "USA", false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const CardData card = CardData::parse(c.text);
+        EXPECT_TRUE(card.isCard);
+        EXPECT_EQ(card.version, c.version);
+        EXPECT_EQ(card.problems, std::vector<std::string>());
+        EXPECT_EQ(card.fields.familyName, c.family);
+        EXPECT_EQ(card.fields.firstName, c.first);
+        EXPECT_EQ(card.fields.middleName, c.middle);
+        EXPECT_EQ(card.fields.dateOfBirth, c.born);
+        EXPECT_EQ(card.fields.issueDate, c.issued);
+        EXPECT_EQ(card.fields.expiryDate, c.expires);
+        EXPECT_EQ(card.fields.documentNumber, c.number);
+        EXPECT_EQ(card.fields.sex, c.sex);
+        EXPECT_EQ(card.fields.height, c.height);
+        EXPECT_EQ(card.fields.country, c.country);
+        EXPECT_EQ(card.yearFirstDates, c.yearFirst);
+    }
+}
+
+TEST(CardData, HeaderSubfilesAndElementsInOrder) {
+    const CardData card = CardData::parse(sampleCard());
+    EXPECT_EQ(card.issuer, "636000");
+    EXPECT_EQ(card.jurisdictionVersion, 1);
+    ASSERT_EQ(card.subfiles.size(), 2u);
+    EXPECT_EQ(card.subfiles[0].type, "DL");
+    EXPECT_EQ(card.subfiles[0].foundAt, card.subfiles[0].offset);
+    EXPECT_EQ(card.subfiles[1].type, "ZV");
+    EXPECT_EQ(card.subfiles[1].foundAt, card.subfiles[1].offset);
+    // Only DL/ID elements, in the text's order, padding trimmed; the jurisdiction's subfile stays out.
+    ASSERT_EQ(card.elements.size(), kVersion9.size());
+    EXPECT_EQ(card.elements.front(), (CardElement{"DCA", "D"}));
+    EXPECT_EQ(card.elements[15], (CardElement{"DAK", "232690000"}));
+    EXPECT_EQ(card.elements.back(), (CardElement{"DDG", "N"}));
+    EXPECT_EQ(card.fields.street, "2300 WEST BROAD STREET");
+    EXPECT_EQ(card.fields.eyeColor, "BRO");
+    EXPECT_EQ(card.fields.documentDiscriminator, "2424244747474786102204");
+}
+
+TEST(CardData, DamagedTextsGiveProblemsNeverACrash) {
+    const std::string good = sampleCard();
+    std::string shifted = good; // one stray separator after the directory: every stated offset is one short
+    shifted.insert(good.find("DLDCA"), "\n");
+    std::string noTerminator = good.substr(0, good.find("DDGN") + 4);
+    std::string impossible = good;
+    impossible.replace(impossible.find("DBB06061986"), 11, "DBB02301986");
+    std::string reordered = good;
+    reordered.replace(reordered.find("DBA12102030"), 11, "DBA20301210");
+    std::string unknownVersion = good;
+    unknownVersion.replace(15, 2, "12");
+    Elements withoutDiscriminator = kVersion9;
+    std::erase(withoutDiscriminator, "DCF2424244747474786102204");
+    const std::string missingDiscriminator = cardText("636000", 9, {{"DL", withoutDiscriminator}});
+    struct Case {
+        const char* what;
+        std::string text;
+        bool isCard;
+        std::vector<std::string> problems;
+        const char* family; // "" when nothing may be read
+    };
+    const Case cases[] = {
+        {"a URL", "https://example.com/?q=@ANSI", false, {}, ""},
+        {"empty", "", false, {}, ""},
+        {"header cut in the issuer", "@\n\x1e\rANSI 6360", true, {"truncated header"}, ""},
+        {"letters for the version", "@\n\x1e\rANSI 636000XX0102DL00410185", true, {"malformed header"}, ""},
+        {"stated offsets wrong", shifted, true,
+         {"subfile DL is not at its stated offset", "subfile ZV is not at its stated offset"}, "SAMPLE"},
+        {"cut inside the DL subfile", good.substr(0, good.find("DAG")), true,
+         {"subfile ZV is missing", "subfile DL is truncated",
+          "missing mandatory elements: DAG, DAI, DAJ, DAK, DAQ, DCF, DCG, DDE, DDF, DDG"},
+         "SAMPLE"},
+        {"the end lost", noTerminator, true, {"subfile ZV is missing", "subfile DL is truncated"}, "SAMPLE"},
+        {"30 February", impossible, true, {"impossible date in DBB"}, "SAMPLE"},
+        {"year-first date on a U.S. card", reordered, true, {"date in DBA is not in the issuer's order"}, "SAMPLE"},
+        {"version 12", unknownVersion, true, {"unknown version 12"}, "SAMPLE"},
+        {"no discriminator", missingDiscriminator, true, {"missing mandatory elements: DCF"}, "SAMPLE"},
+        {"no directory", "@\n\x1e\rANSI 636000090100DLDCSX\nDACY\r", true,
+         {"no subfile directory", "missing mandatory elements: DCA, DCB, DCD, DBA, DAD, DBD, DBB, DBC, DAY, DAU, DAG, "
+                                  "DAI, DAJ, DAK, DAQ, DCF, DCG, DDE, DDF, DDG"},
+         "X"},
+        {"binary junk after the header", std::string("@\n\x1e\rANSI 636000090101DL00310010\xff\x01\0\x80", 35), true,
+         {"subfile DL is missing", "no DL or ID subfile"}, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const CardData card = CardData::parse(c.text);
+        EXPECT_EQ(card.isCard, c.isCard);
+        EXPECT_EQ(card.problems, c.problems);
+        EXPECT_EQ(card.fields.familyName, c.family);
+    }
+    // The truncated subfile still gives the elements before the cut.
+    EXPECT_EQ(CardData::parse(good.substr(0, good.find("DAG"))).fields.documentNumber, "");
+    EXPECT_EQ(CardData::parse(good.substr(0, good.find("DAG"))).fields.eyeColor, "BRO");
+    EXPECT_EQ(CardData::parse(impossible).fields.dateOfBirth, std::nullopt);
+    EXPECT_EQ(CardData::parse(reordered).fields.expiryDate, (CardDate{2030, 12, 10}));
+}
+
+TEST(CardData, ExpiryAndAgeOnAGivenDay) {
+    const CardData card = CardData::parse(sampleCard()); // born 1986-06-06, expires 2030-12-10
+    const CardData leap = CardData::parse(cardText("636029", 10, {{"ID", kIdCard}})); // born 2000-02-29
+    struct Case {
+        const CardData& card;
+        CardDate today;
+        std::optional<bool> expired;
+        std::optional<int32_t> age;
+    };
+    const Case cases[] = {
+        {card, {2030, 12, 10}, false, 44},   {card, {2030, 12, 11}, true, 44}, {card, {2026, 6, 5}, false, 39},
+        {card, {2026, 6, 6}, false, 40},     {card, {1986, 6, 5}, false, std::nullopt},
+        {leap, {2001, 2, 28}, false, 0},     {leap, {2001, 3, 1}, false, 1}, {leap, {2004, 2, 29}, false, 4},
+        {leap, {2029, 1, 2}, true, 28},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.today.str());
+        EXPECT_EQ(c.card.isExpiredOn(c.today), c.expired);
+        EXPECT_EQ(c.card.ageOn(c.today), c.age);
+    }
+    const CardData none = CardData::parse("QR text");
+    EXPECT_EQ(none.isExpiredOn({2026, 1, 1}), std::nullopt);
+    EXPECT_EQ(none.ageOn({2026, 1, 1}), std::nullopt);
+    EXPECT_EQ(CardDate::fromString("2026-11-25"), (CardDate{2026, 11, 25}));
+    EXPECT_EQ(CardDate::fromString("2026-02-29"), std::nullopt);
+    EXPECT_EQ(CardDate::fromString("2026-1-25"), std::nullopt);
+}
+
+TEST(CardData, MandatoryElementsFollowTheVersionAndTheSubfileType) {
+    // An ID card needs no vehicle class; version 1 needs its one-field name, later versions their own names.
+    EXPECT_EQ(CardData::parse(cardText("636029", 10, {{"ID", kIdCard}})).missingMandatoryElements(),
+              std::vector<std::string>());
+    EXPECT_EQ(CardData::parse(cardText("636029", 10, {{"DL", kIdCard}})).missingMandatoryElements(),
+              (std::vector<std::string>{"DCA", "DCB", "DCD"}));
+    EXPECT_EQ(CardData::parse(cardText("636020", 1, {{"DL", {"DAQ1", "DBA20280115"}}})).missingMandatoryElements(),
+              (std::vector<std::string>{"DAR", "DAS", "DAT", "DAA", "DAG", "DAI", "DAJ", "DAK", "DBB", "DBC", "DBD"}));
+    Elements v3 = kVersion3;
+    std::erase(v3, "DCTJANE,ANN");
+    EXPECT_EQ(CardData::parse(cardText("636015", 3, {{"DL", v3}})).missingMandatoryElements(),
+              std::vector<std::string>{"DCT"});
+}
+
+TEST(CardData, RedactedFormKeepsNoPersonalValue) {
+    for (const std::string& text : {sampleCard(), cardText("636020", 1, {{"DL", kVersion1}})}) {
+        const CardData full = CardData::parse(text);
+        const CardData r = full.redacted();
+        EXPECT_TRUE(r.isRedacted);
+        EXPECT_EQ(r.fields.familyName, full.fields.familyName.substr(0, 1) + ".");
+        EXPECT_EQ(r.fields.firstName, full.fields.firstName.substr(0, 1) + ".");
+        const std::string& number = full.fields.documentNumber;
+        EXPECT_EQ(r.fields.documentNumber, "***" + number.substr(number.size() - 3));
+        EXPECT_EQ(r.fields.dateOfBirth, (CardDate{full.fields.dateOfBirth->year, 0, 0}));
+        EXPECT_EQ(r.fields.expiryDate, full.fields.expiryDate);
+        EXPECT_TRUE(r.fields.street.empty() && r.fields.postalCode.empty() && r.fields.documentDiscriminator.empty());
+        // No element of the redacted form carries a personal value of the full one.
+        for (const CardElement& e : r.elements) {
+            for (const std::string& secret : {full.fields.familyName, full.fields.firstName, full.fields.documentNumber,
+                                              full.fields.street, full.fields.postalCode, full.fields.fullName}) {
+                if (!secret.empty()) {
+                    EXPECT_EQ(e.value.find(secret), std::string::npos) << e.id;
+                }
+            }
+            if (e.id == "DBB") {
+                EXPECT_EQ(e.value, std::to_string(full.fields.dateOfBirth->year));
+            }
+        }
+    }
+}
+
+TEST(CardData, RandomMutationsNeverBreakTheParser) {
+    const std::vector<std::string> seeds = {sampleCard(), cardText("636020", 1, {{"DL", kVersion1}}),
+                                            cardText("636012", 8, {{"DL", kOntario}, {"ZO", {"ZOAX"}}})};
+    std::mt19937 random(18);
+    size_t cards = 0;
+    for (int i = 0; i < 8000; ++i) {
+        std::string text = seeds[static_cast<size_t>(i) % seeds.size()];
+        const int edits = 1 + static_cast<int>(random() % 6);
+        for (int e = 0; e < edits && !text.empty(); ++e) {
+            const size_t at = random() % text.size();
+            switch (random() % 5) {
+            case 0: text[at] = static_cast<char>(random()); break;
+            case 1: text.erase(at, 1 + random() % 12); break;
+            case 2: text.insert(at, 1, "\n\r\x1e@DL0123456789"[random() % 16]); break;
+            case 3: text.resize(at); break;
+            default: text[at] = static_cast<char>('0' + random() % 10); break; // offsets and lengths gone wrong
+            }
+        }
+        const CardData card = CardData::parse(text);
+        cards += card.isCard ? 1 : 0;
+        for (const CardSubfile& s : card.subfiles) {
+            ASSERT_LT(s.foundAt, static_cast<int64_t>(text.size()));
+        }
+        for (const CardElement& el : card.elements) {
+            ASSERT_EQ(el.id.size(), 3u);
+        }
+        const CardData r = card.redacted();
+        ASSERT_TRUE(r.fields.street.empty());
+        (void)card.ageOn({2026, 11, 25});
+        (void)card.isExpiredOn({2026, 11, 25});
+    }
+    EXPECT_GT(cards, 4000u); // most mutations leave a card to parse, so its inner paths ran
+}
+
+} // namespace
