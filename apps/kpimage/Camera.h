@@ -6,6 +6,12 @@
 
 #include <KPImage/KPImage.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,6 +45,23 @@ inline void applySampleOption(const Args& a, bool choose) {
     kp::AVCaptureDevice::setDiscovery(discovery);
 }
 
+/// Why the file cannot be played as a camera before any reader touches it: "" for a regular file or a device.
+/// Opened without blocking, so a FIFO with no writer is refused at once instead of hanging the open.
+inline std::string mediaFileProblem(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        const int code = errno;
+        return code == ENOENT ? "no such file: " + path : "cannot open " + path + ": " + std::strerror(code);
+    }
+    struct stat st {};
+    const bool stated = fstat(fd, &st) == 0;
+    ::close(fd);
+    if (!stated || (!S_ISREG(st.st_mode) && !S_ISCHR(st.st_mode))) {
+        return path + " is not a regular file or a device";
+    }
+    return {};
+}
+
 /// The first camera at the position given by --position (front, back); registers --media FILE there first;
 /// --sample picks a sample camera over a webcam. Sets error and returns nil when there is none.
 inline kp::AVCaptureDevice::Ref cameraFromArgs(const Args& a, std::string& error) {
@@ -50,6 +73,10 @@ inline kp::AVCaptureDevice::Ref cameraFromArgs(const Args& a, std::string& error
     }
     const auto position = name == "front" ? kp::AVCaptureDevicePositionFront : kp::AVCaptureDevicePositionBack;
     if (a.has("media")) {
+        if (std::string problem = mediaFileProblem(a.value("media")); !problem.empty()) {
+            error = std::move(problem);
+            return nullptr;
+        }
         kp::NSErrorRef e;
         if (!kp::AVCaptureDevice::addMediaFileCamera(a.value("media"), position, &e)) {
             error = e ? e->localizedDescription() : "cannot play " + a.value("media");

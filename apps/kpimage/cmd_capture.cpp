@@ -8,6 +8,7 @@
 #include "CardJson.h"
 #include "Command.h"
 #include "Json.h"
+#include "Recording.h"
 #include "Scores.h"
 
 #include <KPImage/KPImage.h>
@@ -34,6 +35,8 @@ constexpr double kTickSeconds = 0.05;
 constexpr double kStillTimeoutSeconds = 5.0;
 /// How long the end of the run waits for stills in flight and the photo album.
 constexpr double kFinishTimeoutSeconds = 20.0;
+/// How long the camera keeps running at the end for a still asked for in the run's last moments.
+constexpr double kStillInFlightSeconds = 1.0;
 /// What the state lines and the summary show for a card's text unless --show-card-data asks for it.
 constexpr std::string_view kHiddenCardText = "(card data hidden)";
 
@@ -250,7 +253,7 @@ public:
     void onStill(double time, const std::optional<kp::UIImage>& image) {
         _awaitingStill = false;
         if (!image) {
-            say("the picture could not be converted", true);
+            error("the picture could not be converted");
             return;
         }
         ++_saving;
@@ -290,7 +293,11 @@ public:
                     _stills.push_back(file);
                 }
                 --_saving;
-                say(file.empty() ? "the picture could not be saved" : "picture saved: " + file, true);
+                if (file.empty()) {
+                    error("the picture could not be saved to " + _outDir);
+                } else {
+                    say("picture saved: " + file, true);
+                }
             });
         });
     }
@@ -315,8 +322,33 @@ public:
     /// A still picture that fails reaches nobody: stops waiting for one requested too long ago.
     void expireStill(double now) {
         if (_awaitingStill && now - _stillRequestedAt > kStillTimeoutSeconds) {
+            abandonStill();
+        }
+    }
+
+    /// The camera has stopped: a still it has not delivered will not come.
+    void abandonStill() {
+        if (_awaitingStill) {
             _awaitingStill = false;
-            say("the camera did not deliver the picture", true);
+            error("the camera did not deliver the picture");
+        }
+    }
+
+    bool awaitingStill() const { return _awaitingStill; }
+
+    /// Stills already in the folder keep their names: this run's are numbered on from the highest one there.
+    void numberStillsAfterExisting() {
+        std::error_code ec;
+        for (std::filesystem::directory_iterator it(_outDir, ec), end; !ec && it != end; it.increment(ec)) {
+            const std::string name = it->path().filename().string();
+            if (name.rfind("still-", 0) != 0) {
+                continue;
+            }
+            const size_t digits = name.find_first_not_of("0123456789", 6);
+            if (digits == 6 || digits == std::string::npos || digits - 6 > 9) {
+                continue;
+            }
+            _stillNumber = std::max(_stillNumber, std::stoi(name.substr(6, digits - 6)));
         }
     }
 
@@ -350,6 +382,18 @@ public:
     std::string shownText(const std::string& text) const {
         return showCardData || !kp::CardData::parse(text).isCard ? text : std::string(kHiddenCardText);
     }
+
+    /// Something asked for was lost: told on standard error even with --no-guidance, and counted.
+    void error(const std::string& line) {
+        ++_lost;
+        std::cerr << (_progress ? "\r\033[K" : "") << "kpimage capture: " << line << "\n";
+        if (_progress) {
+            showProgress(_lastTime);
+        }
+        std::cerr << std::flush;
+    }
+    /// How many stills (or movies) asked for were lost.
+    int lost() const { return _lost; }
 
     void say(const std::string& line, bool always = false) {
         if (!_guidance || (!always && line == _lastGuidance)) {
@@ -389,6 +433,7 @@ private:
     double _stillRequestedAt = 0;
     int _saving = 0;
     int _stillNumber = 0; // on stillQueue
+    int _lost = 0;
     double _lastTick = 0;
     double _shownSecond = -1;
     std::string _lastGuidance;
@@ -442,15 +487,16 @@ int capture(const std::vector<std::string>& args) {
         return fail("--min-focus takes 0 to 100, --min-brightness 0 to 255");
     }
     const std::string outDir = a.value("out", "kpimage-capture");
-    std::error_code dirError;
-    std::filesystem::create_directories(outDir, dirError);
-    if (dirError || !std::filesystem::is_directory(outDir)) {
-        return fail("cannot create the folder " + outDir);
+    if (const std::string problem = folderProblem(outDir, "output"); !problem.empty()) {
+        return fail(problem);
     }
     if (a.flag("record")) {
         // The movie lands in the output folder; the recorder's working folder is made inside it.
         kp::setDocumentsDirectory(outDir);
         kp::setSavedPhotosAlbumDirectory(outDir);
+        if (const std::string problem = recordingFoldersProblem(); !problem.empty()) {
+            return fail(problem);
+        }
         auto recorder = kp::KPCameraRollHelper::getInstance();
         for (const char* codec : {kp::AVVideoCodecTypeH264, kp::AVVideoCodecTypeFFV1}) {
             if (kp::AVVideoCodecTypeIsAvailable(codec)) {
@@ -460,6 +506,7 @@ int capture(const std::vector<std::string>& args) {
         }
     }
 
+    catchInterrupts();
     std::string error;
     const auto device = cameraFromArgs(a, error);
     if (!device) {
@@ -491,6 +538,7 @@ int capture(const std::vector<std::string>& args) {
 
     const bool progress = ::isatty(STDERR_FILENO) != 0;
     Capture run(!a.flag("no-guidance"), progress, outDir, *seconds);
+    run.numberStillsAfterExisting();
     run.engine = engine;
     run.showCardData = a.flag("show-card-data");
     run.minFocus = *minFocus;
@@ -516,9 +564,13 @@ int capture(const std::vector<std::string>& args) {
     auto timer =
         kp::NSTimer::scheduledTimerWithTimeInterval(kTickSeconds, true, [&](kp::NSTimer&) { run.tick(elapsed()); });
     run.say("move your head into the box");
-    kp::NSRunLoop::mainRunLoop().runFor(*seconds);
+    runUntilInterrupted(*seconds);
     const double ranFor = elapsed();
     timer->invalidate();
+    // A still asked for in the last moments comes from the running camera.
+    if (runtimeError.empty()) {
+        runUntil([&] { return !run.awaitingStill() || interruptSignal() != 0; }, kStillInFlightSeconds);
+    }
     engine->stopVideoCapture();
     // Frames already on the frame queue still arrive; then everything they queued for the main thread runs.
     kp::dispatch_sync(engine->videoDataOutputQueue(), [] {});
@@ -527,22 +579,22 @@ int capture(const std::vector<std::string>& args) {
     if (!runtimeError.empty()) {
         return fail(runtimeError);
     }
-    runUntil(
-        [&] {
-            run.expireStill(elapsed());
-            return !run.stillsPending();
-        },
-        kFinishTimeoutSeconds);
+    run.abandonStill();
+    runUntil([&] { return !run.stillsPending(); }, kFinishTimeoutSeconds);
     kp::dispatch_sync(run.stillQueue, [] {}); // a still being saved refers to run
     std::string movie;
     if (a.flag("record")) {
         auto recorder = kp::KPCameraRollHelper::getInstance();
-        if (runUntil([&] { return recorder->cameraDataCounter() != moviesBefore; }, kFinishTimeoutSeconds) &&
-            recorder->outputWriter() && recorder->outputWriter()->status() == kp::AVAssetWriterStatusCompleted) {
-            movie =
-                (std::filesystem::path(outDir) / recorder->outputWriter()->outputURL()->lastPathComponent()).string();
-        } else {
-            run.say("the recording did not complete", true);
+        const auto writer = recorder->outputWriter();
+        const bool noFrame = !writer || writer->status() == kp::AVAssetWriterStatusUnknown;
+        const bool answered =
+            !noFrame && runUntil([&] { return recorder->cameraDataCounter() != moviesBefore; }, kFinishTimeoutSeconds);
+        const MovieOutcome outcome = noFrame    ? MovieOutcome{"", "the recording did not complete: no frame was recorded"}
+                                     : answered ? movieOutcome(*recorder)
+                                                : MovieOutcome{"", "the photo album did not answer"};
+        movie = outcome.file;
+        if (!outcome.error.empty()) {
+            run.error(outcome.error);
         }
     }
 
@@ -563,7 +615,7 @@ int capture(const std::vector<std::string>& args) {
         summary.add("movie", movie);
     }
     std::cout << JsonObject().raw("summary", summary.str()).str() << std::endl;
-    return 0;
+    return exitCodeAfterInterrupt(run.lost() > 0 ? 1 : 0);
 }
 
 const Registration kCapture(
@@ -588,7 +640,11 @@ const Registration kCapture(
      "{\"summary\":{\"camera\",\"seconds\",\"frames\",\"stills\",\"barcodeData\",\"card\",\"headCenteredSeconds\"}}.\n"
      "      Guidance goes to standard error (--no-guidance: none), with a progress line when it is a terminal.\n"
      "      --record records the camera with the camera-data recorder into DIR (H.264 when available) and adds\n"
-     "      \"movie\" to the summary; --preset picks the session preset (default 5, 1280x720)",
+     "      \"movie\" to the summary (the file the album wrote; \"\" when lost); --preset picks the session preset\n"
+     "      (default 5, 1280x720). Stills are numbered on from the highest still-N.png in DIR. Exit code 1 when a\n"
+     "      still or the movie asked for is lost (the reason goes to standard error even with --no-guidance);\n"
+     "      Ctrl+C or SIGTERM ends the run cleanly (the movie is finished and saved, the summary printed) with\n"
+     "      exit code 130 or 143; a second one stops at once",
      capture});
 
 } // namespace

@@ -42,6 +42,9 @@ int devices(const std::vector<std::string>& args) {
     }
     applySampleOption(a, false);
     if (a.has("media")) {
+        if (const std::string problem = mediaFileProblem(a.value("media")); !problem.empty()) {
+            return fail(problem);
+        }
         kp::NSErrorRef error;
         const auto position = a.value("media-position", "back") == "front" ? kp::AVCaptureDevicePositionFront
                                                                             : kp::AVCaptureDevicePositionBack;

@@ -5,15 +5,14 @@
 #include "Camera.h"
 #include "Command.h"
 #include "Json.h"
+#include "Recording.h"
 
 #include <KPImage/KPImage.h>
 
 #include <sys/stat.h>
 
 #include <atomic>
-#include <filesystem>
 #include <iostream>
-#include <set>
 
 namespace kpcli {
 namespace {
@@ -27,6 +26,13 @@ public:
         if (!_recording.load(std::memory_order_relaxed)) {
             return;
         }
+        // A failed movie takes no more frames: one log line says why, not one for every frame.
+        if (const auto writer = _recorder->outputWriter(); writer && writer->status() == kp::AVAssetWriterStatusFailed) {
+            _refused.fetch_add(1, std::memory_order_relaxed);
+            if (_loggedFailure.exchange(true, std::memory_order_relaxed)) {
+                return;
+            }
+        }
         (_recorder->appendCameraData(frame) ? _appended : _refused).fetch_add(1, std::memory_order_relaxed);
     }
     void stop() { _recording.store(false, std::memory_order_relaxed); }
@@ -38,18 +44,8 @@ private:
     std::atomic<bool> _recording{true};
     std::atomic<int64_t> _appended{0};
     std::atomic<int64_t> _refused{0};
+    std::atomic<bool> _loggedFailure{false};
 };
-
-std::set<std::string> albumFiles(const std::string& album) {
-    std::set<std::string> names;
-    std::error_code error;
-    for (std::filesystem::directory_iterator it(album, error), end; !error && it != end; it.increment(error)) {
-        if (it->is_regular_file() && it->path().filename().string()[0] != '.') {
-            names.insert(it->path().string());
-        }
-    }
-    return names;
-}
 
 int record(const std::vector<std::string>& args) {
     Args a(args, {"position", "preset", "seconds", "media", "codec", "album", "documents"}, {});
@@ -81,13 +77,10 @@ int record(const std::vector<std::string>& args) {
         kp::setSavedPhotosAlbumDirectory(a.value("album"));
     }
     const std::string album = kp::savedPhotosAlbumDirectory();
-    // The recorder makes its working folder inside the documents folder, not the documents folder itself.
-    const auto documents = kp::NSSearchPathForDirectoriesInDomains(kp::NSDocumentDirectory, kp::NSUserDomainMask, true);
-    kp::NSErrorRef folderError;
-    if (documents.empty() ||
-        !kp::NSFileManager::defaultManager().createDirectoryAtPath(documents.front(), true, &folderError)) {
-        return fail(folderError ? folderError->localizedDescription() : "no documents folder");
+    if (const std::string problem = recordingFoldersProblem(); !problem.empty()) {
+        return fail(problem);
     }
+    catchInterrupts();
     std::string error;
     auto device = cameraFromArgs(a, error);
     if (!device) {
@@ -103,7 +96,6 @@ int record(const std::vector<std::string>& args) {
     }
     const auto& session = frames->session;
 
-    const auto before = albumFiles(album);
     const uint32_t savesBefore = recorder->cameraDataCounter();
     recorder->startSavingCameraData();
     session->startRunning();
@@ -111,35 +103,28 @@ int record(const std::vector<std::string>& args) {
     if (!session->isRunning()) {
         return fail(frames->runtimeError->empty() ? "the session did not start" : *frames->runtimeError);
     }
-    kp::NSRunLoop::mainRunLoop().runFor(*seconds);
+    runUntilInterrupted(*seconds);
     delegate->stop();
     kp::dispatch_sync(frames->queue, [] {});
     const bool finishing = recorder->stopSavingCameraData() && recorder->outputWriter() &&
                            recorder->outputWriter()->status() != kp::AVAssetWriterStatusUnknown;
     session->stopRunning();
     if (!finishing) {
-        return fail("no frame was recorded");
+        fail("no frame was recorded");
+        return exitCodeAfterInterrupt(1);
     }
     // The album's callback arrives on the main queue.
     for (int i = 0; i < 6000 && recorder->cameraDataCounter() == savesBefore; ++i) {
         kp::NSRunLoop::mainRunLoop().runFor(0.01);
     }
-    if (recorder->cameraDataCounter() == savesBefore) {
-        return fail("the photo album did not answer");
+    const MovieOutcome outcome = recorder->cameraDataCounter() == savesBefore
+                                     ? MovieOutcome{"", "the photo album did not answer"}
+                                     : movieOutcome(*recorder);
+    if (!outcome.error.empty()) {
+        fail(outcome.error);
+        return exitCodeAfterInterrupt(1);
     }
-    const auto writer = recorder->outputWriter();
-    if (writer->status() != kp::AVAssetWriterStatusCompleted) {
-        return fail(writer->error() ? writer->error()->localizedDescription() : "the movie was not completed");
-    }
-    std::string saved;
-    for (const auto& name : albumFiles(album)) {
-        if (!before.count(name)) {
-            saved = name;
-        }
-    }
-    if (saved.empty()) {
-        return fail("the movie did not reach the photo album " + album);
-    }
+    const std::string& saved = outcome.file;
     struct stat st {};
     stat(saved.c_str(), &st);
     const auto counts = frames->output->frameCounts();
@@ -153,7 +138,7 @@ int record(const std::vector<std::string>& args) {
                      .add("codec", codec)
                      .str()
               << std::endl;
-    return 0;
+    return exitCodeAfterInterrupt(0);
 }
 
 int probe(const std::vector<std::string>& args) {
@@ -188,7 +173,8 @@ const Registration kRecord({"record",
                             "      records S seconds (default 3) of the camera through the camera-data recorder\n"
                             "      (preset default 5, 1280x720), waits for the photo album and prints\n"
                             "      {\"file\",\"album\",\"frames\",\"dropped\",\"bytes\",\"seconds\",\"codec\"};\n"
-                            "      raw stores the frames as delivered (BGRA)",
+                            "      raw stores the frames as delivered (BGRA). Ctrl+C or SIGTERM ends the recording\n"
+                            "      early: the movie is finished and saved, then exit code 130 or 143",
                             record});
 
 const Registration kProbe({"probe",

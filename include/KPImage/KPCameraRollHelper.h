@@ -20,6 +20,16 @@
 
 namespace kp {
 
+/// How the photo album took a finished movie.
+struct KPCameraDataSave {
+    /// The movie the recorder handed over (in the working folder, which is emptied right after).
+    std::string moviePath;
+    /// The file the album wrote ("" when the save failed).
+    std::string albumPath;
+    /// Why the save failed; nil when it succeeded.
+    NSErrorRef error;
+};
+
 /// Records the raw camera stream to "FrontCardData%d.mov" in the working folder "SavedCameraData" of the documents
 /// directory, hands each finished movie to the photo album and then empties the folder; saves still images to the
 /// album. One shared instance (getInstance) serves the process. Start and stop run on the thread that starts and
@@ -67,6 +77,9 @@ public:
     /// The photo album's video callback (main queue): empties the working folder and counts the save, failed or
     /// not (unsigned 32-bit, wrapping).
     void video(const std::string& videoPath, const NSErrorRef& error, void* contextInfo) override;
+    /// The outcome of the last movie save the album reported (main queue); nil before the first.
+    std::optional<KPCameraDataSave> lastCameraDataSave() const;
+
     /// The photo album's image callback: does nothing.
     void image(const UIImage& image, const NSErrorRef& error, void* contextInfo) override;
 
@@ -99,6 +112,8 @@ private:
     SharedField<AVAssetWriterInput> _inputWriterBuffer;
     SharedField<AVAssetWriter> _outputWriter;
     SharedField<const NSURL> _videoFilePath;
+    mutable std::mutex _lastSaveMutex;
+    std::optional<KPCameraDataSave> _lastSave;
     mutable std::mutex _settingsMutex;
     std::optional<AVOutputSettings> _recordingOutputSettings;
 };

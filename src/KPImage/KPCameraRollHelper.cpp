@@ -34,10 +34,11 @@ std::shared_ptr<KPCameraRollHelper> KPCameraRollHelper::create() {
 }
 
 std::shared_ptr<KPCameraRollHelper> KPCameraRollHelper::getInstance() {
+    // Never destroyed: frame queues and pool threads may still hand it frames while the process exits.
     static dispatch_once_t once;
-    static std::shared_ptr<KPCameraRollHelper> shared;
-    dispatch_once(&once, [] { shared = create(); });
-    return shared;
+    static std::shared_ptr<KPCameraRollHelper>* shared = nullptr;
+    dispatch_once(&once, [] { shared = new std::shared_ptr<KPCameraRollHelper>(create()); });
+    return *shared;
 }
 
 std::optional<AVOutputSettings> KPCameraRollHelper::recordingOutputSettings() const {
@@ -165,9 +166,18 @@ bool KPCameraRollHelper::stopSavingCameraData() {
     return true;
 }
 
-void KPCameraRollHelper::video(const std::string&, const NSErrorRef&, void*) {
+void KPCameraRollHelper::video(const std::string& videoPath, const NSErrorRef& error, void*) {
+    {
+        std::lock_guard lock(_lastSaveMutex);
+        _lastSave = KPCameraDataSave{videoPath, error ? std::string() : savedPhotosAlbumFilePath(), error};
+    }
     deleteAndRecreateCameraDataFolder();
     _cameraDataCounter.fetch_add(1, std::memory_order_relaxed); // unsigned: wraps to 0
+}
+
+std::optional<KPCameraDataSave> KPCameraRollHelper::lastCameraDataSave() const {
+    std::lock_guard lock(_lastSaveMutex);
+    return _lastSave;
 }
 
 void KPCameraRollHelper::image(const UIImage&, const NSErrorRef&, void*) {}

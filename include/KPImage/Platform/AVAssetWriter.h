@@ -42,7 +42,8 @@ enum AVAssetWriterStatus : int64_t {
 class AVAssetWriter {
 public:
     /// A writer for the file URL (AVFileTypeQuickTimeMovie only). Nothing is created on disk yet. Nil with
-    /// *error for a nil URL, another file type, or an existing file at the URL (it is never overwritten).
+    /// *error for a nil URL or another file type. A file already at the URL is never overwritten: startWriting
+    /// then fails (status failed, with an error naming the file).
     static std::shared_ptr<AVAssetWriter> assetWriterWithURL(const NSURLRef& outputURL, const AVFileType& fileType,
                                                              NSErrorRef* error);
 

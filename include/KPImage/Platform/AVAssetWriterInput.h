@@ -66,8 +66,9 @@ public:
 
     /// Queues one frame (BGRA or '420f'). NO, at once and without queueing, when the writer is not writing or
     /// its session has not started, after markAsFinished, when the queue is full, for a frame whose data is not
-    /// ready, whose time stamp is invalid, before the session start or not after the previous frame's, or
-    /// whose size or pixel format differs from the first frame's.
+    /// ready, whose time stamp is invalid, or before the session start or not after the previous frame's. A
+    /// frame whose size or pixel format differs from the first frame's (another camera) is converted to the
+    /// movie's: the centre of its picture at the movie's aspect ratio, scaled to the movie's size.
     bool appendSampleBuffer(const CMSampleBufferRef& sampleBuffer);
 
     /// No more frames will come; the writer's finish then completes without waiting for this input.

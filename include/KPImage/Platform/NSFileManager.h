@@ -35,7 +35,7 @@ public:
     bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories, NSErrorRef* error) const;
 
     /// File URLs of the standard directories (see NSSearchPathForDirectoriesInDomains); empty for kinds this
-    /// platform does not have.
+    /// platform does not have. The documents folder is created (with its parents) when it is missing.
     std::vector<NSURLRef> URLsForDirectory(NSSearchPathDirectory directory, NSSearchPathDomainMask domainMask) const;
 
     /// True when something (a link counts, even a dangling one) exists at path.

@@ -35,14 +35,20 @@ std::string savedPhotosAlbumDirectory();
 enum class UIPhotoAlbumImageFormat { PNG, JPEG };
 void setSavedPhotosAlbumImageFormat(UIPhotoAlbumImageFormat format);
 
-/// Copies the movie into the album under a new name (the source's name, numbered "-1", "-2", ... when taken; an
-/// album file is never overwritten): written to a temporary file, flushed, then given its name. Works on a
-/// queue of the album's own and returns at once; then calls the target's video(...) on the main queue with
-/// nil or an NSPOSIXErrorDomain error naming the file and the cause. A null target: no callback.
+/// Puts the movie into the album under a new name (the source's name, numbered "-1", "-2", ... when taken; an
+/// album file is never overwritten). Only a file that opens as a movie with a video track is taken. On the
+/// album's file system the movie gets a second name there (a hard link: no extra space, nothing half-written);
+/// elsewhere it is copied to a temporary file, flushed, then given its name. Works on a queue of the album's
+/// own and returns at once; then calls the target's video(...) on the main queue with nil or an
+/// NSPOSIXErrorDomain error naming the file and the cause. A null target: no callback.
 void UISaveVideoAtPathToSavedPhotosAlbum(const std::string& videoPath,
                                          std::shared_ptr<UIPhotoAlbumSaveTarget> completionTarget, void* contextInfo);
 void UISaveVideoAtPathToSavedPhotosAlbum(const std::string& videoPath, UIVideoSaveCompletion completion,
                                          void* contextInfo);
+
+/// Inside a video(...) or image(...) callback (on the main queue): the album file the reported save wrote, ""
+/// when it failed. "" elsewhere.
+std::string savedPhotosAlbumFilePath();
 
 /// Stores the image in the album as "IMG_YYYYMMDD_HHMMSS.png" (or .jpg; numbered when taken), the same way, and
 /// calls the target's image(...) on the main queue. An image without a bitmap fails with an error.

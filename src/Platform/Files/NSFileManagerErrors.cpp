@@ -73,6 +73,13 @@ std::vector<NSURLRef> NSFileManager::URLsForDirectory(NSSearchPathDirectory dire
                                                       NSSearchPathDomainMask domainMask) const {
     std::vector<NSURLRef> urls;
     for (const auto& path : NSSearchPathForDirectoriesInDomains(directory, domainMask, true)) {
+        if (directory == NSDocumentDirectory) {
+            // An application's documents folder always exists: a home without one (a service account, a fresh
+            // container) gets it here. A folder that cannot be made is left for the caller's own operations to
+            // report.
+            std::error_code ignored;
+            fs::create_directories(path, ignored);
+        }
         if (auto url = NSURL::fileURLWithPath(path)) {
             urls.push_back(std::move(url));
         }

@@ -4,8 +4,6 @@
 
 #include "MovieWriterCore.h"
 
-#include <sys/stat.h>
-
 namespace kp {
 
 std::shared_ptr<AVAssetWriterInput> AVAssetWriterInput::assetWriterInputWithMediaType(
@@ -50,10 +48,6 @@ std::shared_ptr<AVAssetWriter> AVAssetWriter::assetWriterWithURL(const NSURLRef&
     }
     if (fileType != AVFileTypeQuickTimeMovie) {
         return reject("The movie writer writes QuickTime movies only, not \"" + fileType + "\"");
-    }
-    struct stat st {};
-    if (lstat(outputURL->path().c_str(), &st) == 0) {
-        return reject("A file already exists at \"" + outputURL->path() + "\"; the writer never overwrites");
     }
     if (error != nullptr) {
         *error = nullptr;

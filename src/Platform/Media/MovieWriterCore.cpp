@@ -4,6 +4,7 @@
 #include "MovieWriterCore.h"
 
 #include "KPImage/Platform/AVAssetWriter.h"
+#include "Platform/Media/PixelConverter.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -99,6 +100,7 @@ public:
 
 private:
     std::optional<WriteFailure> open(const CVPixelBufferRef& first, CMTime firstTime);
+    CMSampleBufferRef conform(const CMSampleBufferRef& sample);
     std::optional<WriteFailure> writeRaw(const CMSampleBufferRef& sample, int64_t pts, int64_t duration);
     std::optional<WriteFailure> encode(const CMSampleBufferRef& sample, int64_t pts);
     std::optional<WriteFailure> drainEncoder();
@@ -129,6 +131,9 @@ private:
     int64_t _lastDuration = 0;
     int64_t _nextCheck = 0;
     OSType _sourceFormat = 0;
+    size_t _sourceWidth = 0;
+    size_t _sourceHeight = 0;
+    PixelConverter _converter;
 };
 
 int MovieFile::writeCallback(void* opaque, uint8_t* buffer, int size) {
@@ -197,6 +202,8 @@ std::optional<WriteFailure> MovieFile::checkStillThere() const {
 
 std::optional<WriteFailure> MovieFile::open(const CVPixelBufferRef& first, CMTime firstTime) {
     _sourceFormat = first->pixelFormat();
+    _sourceWidth = first->width();
+    _sourceHeight = first->height();
     const int width = static_cast<int>(first->width());
     const int height = static_cast<int>(first->height());
     // The movie's clock is the frames' own: time stamps stay exact.
@@ -323,12 +330,46 @@ std::optional<WriteFailure> MovieFile::open(const CVPixelBufferRef& first, CMTim
     return std::nullopt;
 }
 
-std::optional<WriteFailure> MovieFile::write(const CMSampleBufferRef& sample, CMTime sessionStart) {
+// A frame of another size or format (the camera was switched) as one of the movie's: the centre of the
+// picture at the movie's aspect ratio, scaled to its size, in its format. Nil when it cannot be converted.
+CMSampleBufferRef MovieFile::conform(const CMSampleBufferRef& sample) {
     const CVPixelBufferRef pixels = CMSampleBufferGetImageBuffer(sample);
+    const uint64_t width = pixels->width();
+    const uint64_t height = pixels->height();
+    if (width == _sourceWidth && height == _sourceHeight && pixels->pixelFormat() == _sourceFormat) {
+        return sample;
+    }
+    uint64_t cropWidth = width;
+    uint64_t cropHeight = height;
+    if (width * _sourceHeight > height * _sourceWidth) {
+        cropWidth = std::max<uint64_t>(1, (height * _sourceWidth + _sourceHeight / 2) / _sourceHeight);
+    } else {
+        cropHeight = std::max<uint64_t>(1, (width * _sourceHeight + _sourceWidth / 2) / _sourceWidth);
+    }
+    CVPixelBufferLockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
+    const CVPixelBufferRef converted =
+        _converter.convert(pixels, _sourceFormat, _sourceWidth, _sourceHeight, (width - cropWidth) / 2,
+                           (height - cropHeight) / 2, cropWidth, cropHeight);
+    CVPixelBufferUnlockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
+    if (!converted) {
+        return nullptr;
+    }
+    CMSampleTimingInfo timing;
+    timing.presentationTimeStamp = CMSampleBufferGetPresentationTimeStamp(sample);
+    timing.duration = CMSampleBufferGetDuration(sample);
+    CMSampleBufferRef out;
+    CMSampleBufferCreateForImageBuffer(converted, true, timing, &out);
+    return out;
+}
+
+std::optional<WriteFailure> MovieFile::write(const CMSampleBufferRef& delivered, CMTime sessionStart) {
+    CMSampleBufferRef sample = delivered;
     if (_muxer == nullptr) {
-        if (auto failure = open(pixels, CMSampleBufferGetPresentationTimeStamp(sample))) {
+        if (auto failure = open(CMSampleBufferGetImageBuffer(sample), CMSampleBufferGetPresentationTimeStamp(sample))) {
             return failure;
         }
+    } else if (sample = conform(delivered); !sample) {
+        return WriteFailure{AVErrorFormatUnsupported, "Cannot convert a frame to the movie's size and format", 0};
     }
     int64_t pts = ticks(CMSampleBufferGetPresentationTimeStamp(sample), sessionStart);
     if (pts <= _lastPts) {
@@ -648,13 +689,6 @@ bool MovieWriterCore::append(const CMSampleBufferRef& sample) {
     if (status() != AVAssetWriterStatusWriting || !_sessionStarted || _inputFinished || _finishRequested ||
         _queue.size() >= AVAssetWriterInput::kQueueCapacity || CMTimeCompare(time, _sessionStart) < 0 ||
         (CMTIME_IS_VALID(_lastTime) && CMTimeCompare(time, _lastTime) <= 0)) {
-        return false;
-    }
-    if (_width == 0) {
-        _width = pixels->width();
-        _height = pixels->height();
-        _format = pixels->pixelFormat();
-    } else if (pixels->width() != _width || pixels->height() != _height || pixels->pixelFormat() != _format) {
         return false;
     }
     _queue.push_back(sample);

@@ -71,9 +71,6 @@ private:
     bool _sessionStarted = false;
     CMTime _sessionStart = kCMTimeInvalid;
     CMTime _lastTime = kCMTimeInvalid;
-    size_t _width = 0;
-    size_t _height = 0;
-    OSType _format = 0;
 };
 
 } // namespace kp

@@ -39,12 +39,16 @@ TEST(NSFileManagerErrors, RemovalAndCreationReportTheCause) {
 }
 
 TEST(NSFileManagerErrors, DocumentUrlsAndFileUrls) {
-    kp::setDocumentsDirectory("/srv/app docs");
+    // A home without its documents folder: the lookup makes it, as the platform's always exists.
+    kptest::ScratchFolder root("urls");
+    const std::string documents = root.file("app home/Documents");
+    kp::setDocumentsDirectory(documents);
     const auto urls = kp::NSFileManager::defaultManager().URLsForDirectory(kp::NSDocumentDirectory, kp::NSUserDomainMask);
     kp::setDocumentsDirectory("");
     ASSERT_EQ(urls.size(), 1U);
-    EXPECT_EQ(urls[0]->path(), "/srv/app docs");
-    EXPECT_EQ(urls[0]->absoluteString(), "file:///srv/app%20docs");
+    EXPECT_EQ(urls[0]->path(), documents);
+    EXPECT_EQ(urls[0]->absoluteString(), "file://" + root.path() + "/app%20home/Documents");
+    EXPECT_TRUE(fs::is_directory(documents));
 
     EXPECT_FALSE(kp::NSURL::fileURLWithPath(""));
     const auto movie = kp::NSURL::fileURLWithPath("/d//SavedCameraData/FrontCardData0.mov");

@@ -14,6 +14,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -63,6 +64,21 @@ TEST_F(CameraRollTest, SharedInstanceIsCreatedOnceAndCreateMakesIndependentOnes)
     EXPECT_NE(KPCameraRollHelper::create(), KPCameraRollHelper::getInstance());
     EXPECT_EQ(_recorder->cameraDataCounter(), 0U);
     EXPECT_FALSE(_recorder->isRecording());
+}
+
+// An object that must outlive the static objects created after it: checked at exit.
+std::weak_ptr<KPCameraRollHelper> gSharedAtExit;
+
+TEST(CameraRollSharedInstance, LivesUntilTheProcessEnds) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a fresh process, where the instance is not made yet
+    EXPECT_EXIT(
+        {
+            // Handlers registered before the instance is made run after the static objects made later are gone.
+            std::atexit([] { std::_Exit(gSharedAtExit.expired() ? 1 : 0); });
+            gSharedAtExit = KPCameraRollHelper::getInstance();
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(CameraRollTest, FolderAndFilePathsKeepTheDoubledSeparatorAndTheCache) {
@@ -123,6 +139,46 @@ TEST_F(CameraRollTest, RecordsFromTheFirstFrameAndHandsTheMovieToTheAlbum) {
     EXPECT_TRUE(_recorder->appendCameraData(frame(100)));
     stopAndWaitForSave(2);
     EXPECT_EQ(kptest::fileCount(album()), 2U);
+}
+
+TEST_F(CameraRollTest, AHomeWithoutADocumentsFolderStillRecords) {
+    const std::string documents = _root.file("Fresh/Home/Documents");
+    kp::setDocumentsDirectory(documents);
+    _recorder = KPCameraRollHelper::create();
+    ASSERT_TRUE(_recorder->startSavingCameraData());
+    EXPECT_TRUE(fs::is_directory(documents + "/SavedCameraData"));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(_recorder->appendCameraData(frame(i)));
+    }
+    stopAndWaitForSave(1);
+    const auto save = _recorder->lastCameraDataSave();
+    ASSERT_TRUE(save);
+    EXPECT_FALSE(save->error);
+    EXPECT_EQ(save->albumPath, album() + "/FrontCardData0.mov");
+    const auto reader = kp::AVAssetReader::assetReaderWithURL(kp::NSURL::fileURLWithPath(save->albumPath), nullptr);
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(reader->videoTrack().frames, 3);
+}
+
+TEST_F(CameraRollTest, AFileInTheMoviesPlaceFailsTheRecordingWhichStillEndsAndCounts) {
+    ASSERT_TRUE(_recorder->startSavingCameraData());
+    // Something else takes the movie's name before the first frame: the writer never overwrites it.
+    std::ofstream(folder() + "/FrontCardData0.mov") << "someone else's";
+    EXPECT_FALSE(_recorder->appendCameraData(frame(0)));
+    EXPECT_EQ(_recorder->outputWriter()->status(), kp::AVAssetWriterStatusFailed);
+    stopAndWaitForSave(1);
+    const auto save = _recorder->lastCameraDataSave();
+    ASSERT_TRUE(save);
+    ASSERT_TRUE(save->error) << "what the album was handed is not a movie";
+    EXPECT_NE(save->error->localizedDescription().find("not a movie"), std::string::npos);
+    EXPECT_EQ(save->albumPath, "");
+    EXPECT_EQ(kptest::fileCount(album()), 0U);
+    // The recorder is free for the next recording, under the next name.
+    ASSERT_TRUE(_recorder->startSavingCameraData());
+    EXPECT_EQ(_recorder->videoFilePath()->path(), folder() + "/FrontCardData1.mov");
+    EXPECT_TRUE(_recorder->appendCameraData(frame(1)));
+    stopAndWaitForSave(2);
+    EXPECT_EQ(kptest::fileCount(album()), 1U);
 }
 
 TEST_F(CameraRollTest, ALateCallbackDeletesTheNextMovieAndEveryCallbackCounts) {

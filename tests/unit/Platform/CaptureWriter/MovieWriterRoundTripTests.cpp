@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace {
 
 using kptest::patternFrame;
@@ -103,6 +105,91 @@ TEST(MovieWriterRoundTrip, EncodedMoviesKeepFramesAndTimes) {
             EXPECT_EQ(worst, 0.0);
         } else {
             EXPECT_LT(worst, c.maxDifference);
+        }
+    }
+}
+
+// A grey frame of another camera: level inside the centre box (cx, cy, cw, ch), white around it.
+kp::CMSampleBufferRef boxedFrame(kp::OSType format, size_t width, size_t height, size_t cx, size_t cy, size_t cw,
+                                 size_t ch, uint8_t level, int64_t tick) {
+    kp::CVPixelBufferRef pixels;
+    EXPECT_EQ(kp::CVPixelBufferCreate(width, height, format, &pixels), kp::kCVReturnSuccess);
+    const bool bgra = format == kp::kCVPixelFormatType_32BGRA;
+    for (size_t y = 0; y < height; ++y) {
+        uint8_t* row = pixels->bytes() + pixels->plane(0).offset + y * pixels->plane(0).bytesPerRow;
+        for (size_t x = 0; x < width; ++x) {
+            const uint8_t v = x >= cx && x < cx + cw && y >= cy && y < cy + ch ? level : 255;
+            if (bgra) {
+                row[x * 4] = row[x * 4 + 1] = row[x * 4 + 2] = v;
+                row[x * 4 + 3] = 255;
+            } else {
+                row[x] = v;
+            }
+        }
+    }
+    if (!bgra) {
+        const auto& chroma = pixels->plane(1);
+        for (size_t y = 0; y < chroma.height; ++y) {
+            std::fill_n(pixels->bytes() + chroma.offset + y * chroma.bytesPerRow, chroma.width * 2, uint8_t{128});
+        }
+    }
+    kp::CMSampleTimingInfo timing;
+    timing.presentationTimeStamp = kp::CMTimeMake(tick, 30);
+    timing.duration = kp::CMTimeMake(1, 30);
+    kp::CMSampleBufferRef sample;
+    kp::CMSampleBufferCreateForImageBuffer(pixels, true, timing, &sample);
+    return sample;
+}
+
+TEST(MovieWriterRoundTrip, ACameraOfAnotherSizeOrFormatJoinsTheMovieAtItsSize) {
+    constexpr kp::OSType kBGRA = kp::kCVPixelFormatType_32BGRA;
+    constexpr kp::OSType kNV12 = kp::kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+    struct Case {
+        kp::OSType movie;
+        kp::OSType other;
+        size_t width, height;          // the other camera's frames
+        size_t cx, cy, cw, ch;         // the part at the movie's aspect ratio, 4:3
+    };
+    const Case cases[] = {
+        {kBGRA, kBGRA, 128, 48, 32, 0, 64, 48},   // wider: the sides go
+        {kBGRA, kNV12, 24, 50, 0, 16, 24, 18},    // taller and another format: top and bottom go
+        {kNV12, kBGRA, 64, 48, 0, 0, 64, 48},     // the same aspect, larger
+        {kNV12, kNV12, 16, 12, 0, 0, 16, 12},     // smaller
+    };
+    kptest::ScratchFolder folder("switch");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+        const std::string path = folder.file("switch" + std::to_string(c.width) + ".mov");
+        auto writer = kp::AVAssetWriter::assetWriterWithURL(kp::NSURL::fileURLWithPath(path),
+                                                            kp::AVFileTypeQuickTimeMovie, nullptr);
+        auto input = kp::AVAssetWriterInput::assetWriterInputWithMediaType(kp::AVMediaTypeVideo, std::nullopt);
+        writer->addInput(input);
+        ASSERT_TRUE(writer->startWriting());
+        writer->startSessionAtSourceTime(kp::kCMTimeZero);
+        for (int i = 0; i < 6; ++i) {
+            EXPECT_TRUE(kptest::appendWhenReady(
+                *input, i < 3 ? patternFrame(c.movie, 32, 24, i, kp::CMTimeMake(i, 30))
+                              : boxedFrame(c.other, c.width, c.height, c.cx, c.cy, c.cw, c.ch, 60, i)))
+                << "frame " << i;
+        }
+        input->markAsFinished();
+        kptest::FinishWait done;
+        writer->finishWritingWithCompletionHandler(done.handler());
+        ASSERT_TRUE(done.wait());
+        ASSERT_EQ(writer->status(), kp::AVAssetWriterStatusCompleted);
+        kp::AVAssetVideoTrackInfo info;
+        const auto frames = readAll(path, kBGRA, &info);
+        ASSERT_EQ(frames.size(), 6U);
+        EXPECT_EQ(info.width, 32);
+        EXPECT_EQ(info.height, 24);
+        // The other camera's frames keep only their centre, grey 60 (within the RGB / YUV conversions' rounding);
+        // none of the white around it, which would move the mean by about 100.
+        const auto grey = boxedFrame(kBGRA, 32, 24, 0, 0, 32, 24, 60, 0);
+        for (size_t i = 3; i < 6; ++i) {
+            EXPECT_LT(kptest::meanDifference(kp::CMSampleBufferGetImageBuffer(frames[i]),
+                                             kp::CMSampleBufferGetImageBuffer(grey)),
+                      12.0)
+                << "frame " << i;
         }
     }
 }

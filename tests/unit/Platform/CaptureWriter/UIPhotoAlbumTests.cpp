@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
-// The photo album: copies under new names, never overwriting, with completions on the main queue.
+// The photo album: movies and images under new names, never overwriting, with completions on the main queue.
 #include "KPImage/Platform/NSRunLoop.h"
 #include "KPImage/Platform/NSSearchPath.h"
 #include "KPImage/Platform/NSThread.h"
 #include "KPImage/Platform/UIPhotoAlbum.h"
+#include "MovieRecording.h"
 #include "support/ManualMainQueue.h"
 #include "support/MovieFrames.h"
 #include "support/TestSupport.h"
@@ -40,8 +41,8 @@ protected:
         kp::setSavedPhotosAlbumImageFormat(kp::UIPhotoAlbumImageFormat::PNG);
     }
 
-    // Saves the movie and waits for its completion; the error it reported.
-    kp::NSErrorRef saveVideo(const std::string& path) {
+    // Saves the movie and waits for its completion; the error it reported and the album file it wrote.
+    kp::NSErrorRef saveVideo(const std::string& path, std::string* albumFile) {
         bool called = false;
         bool onMain = false;
         kp::NSErrorRef result;
@@ -52,6 +53,7 @@ protected:
                 called = true;
                 onMain = kp::NSThread::isMainThread() && saved == path && info == &context;
                 result = error;
+                *albumFile = kp::savedPhotosAlbumFilePath();
             }),
             &context);
         EXPECT_TRUE(_main.drainUntil([&] { return called; }));
@@ -63,32 +65,64 @@ protected:
     kptest::ManualMainQueue _main;
 };
 
-TEST_F(PhotoAlbumTest, MoviesAreCopiedUnderNewNamesAndNothingIsOverwritten) {
+TEST_F(PhotoAlbumTest, MoviesGetNewNamesInTheAlbumWithoutExtraSpaceAndNothingIsOverwritten) {
     const std::string movie = _root.file("FrontCardData0.mov");
-    std::ofstream(movie) << "first";
-    EXPECT_FALSE(saveVideo(movie));
-    std::ofstream(movie) << "second";
-    EXPECT_FALSE(saveVideo(movie));
     const std::string album = _root.file("Album/Nested");
-    EXPECT_EQ(names(album), (std::set<std::string>{"FrontCardData0.mov", "FrontCardData0-1.mov"}));
-    EXPECT_EQ(readText(album + "/FrontCardData0.mov"), "first");
-    EXPECT_EQ(readText(album + "/FrontCardData0-1.mov"), "second");
+    std::set<std::string> expected;
+    for (const char* name : {"FrontCardData0.mov", "FrontCardData0-1.mov", "FrontCardData0-2.mov"}) {
+        fs::remove(movie);
+        ASSERT_EQ(kptest::recordPattern(movie, kp::kCVPixelFormatType_32BGRA, 16, 16, 2 + expected.size()),
+                  kp::AVAssetWriterStatusCompleted);
+        std::string saved;
+        EXPECT_FALSE(saveVideo(movie, &saved));
+        EXPECT_EQ(saved, album + "/" + name);
+        expected.insert(name);
+        EXPECT_EQ(names(album), expected);
+        // The same file system: the album's file is the movie itself, under a second name.
+        EXPECT_TRUE(fs::equivalent(movie, saved));
+    }
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(kptest::readAll(album + "/" + (i == 0 ? std::string("FrontCardData0.mov")
+                                                         : "FrontCardData0-" + std::to_string(i) + ".mov"),
+                                  kp::kCVPixelFormatType_32BGRA)
+                      .size(),
+                  2 + i);
+    }
     EXPECT_TRUE(fs::exists(movie)) << "the source stays";
 }
 
 TEST_F(PhotoAlbumTest, FailuresNameTheCauseAndLeaveTheAlbumAsItWas) {
-    const auto missing = saveVideo(_root.file("missing.mov"));
-    ASSERT_TRUE(missing);
-    EXPECT_NE(missing->localizedDescription().find("missing.mov"), std::string::npos);
-    EXPECT_NE(missing->localizedDescription().find("No such file"), std::string::npos);
-
-    // An album that is a regular file cannot take anything, whoever runs the test.
+    ASSERT_EQ(kptest::recordPattern(_root.file("a.mov"), kp::kCVPixelFormatType_32BGRA, 16, 16, 2),
+              kp::AVAssetWriterStatusCompleted);
+    std::ofstream(_root.file("empty.mov")).flush();
+    std::ofstream(_root.file("text.mov")) << "not a movie at all";
     std::ofstream(_root.file("blocked")) << "x";
-    kp::setSavedPhotosAlbumDirectory(_root.file("blocked"));
-    std::ofstream(_root.file("a.mov")) << "movie";
-    const auto blocked = saveVideo(_root.file("a.mov"));
-    ASSERT_TRUE(blocked);
-    EXPECT_NE(blocked->localizedDescription().find("blocked"), std::string::npos);
+    struct Case {
+        std::string movie;
+        std::string album;
+        std::vector<std::string> said;
+    };
+    const std::vector<Case> cases = {
+        {_root.file("missing.mov"), _root.file("Album/Nested"), {"missing.mov", "No such file"}},
+        // A failed writer's empty file and any other non-movie never reach the album.
+        {_root.file("empty.mov"), _root.file("Album/Nested"), {"empty.mov", "not a movie"}},
+        {_root.file("text.mov"), _root.file("Album/Nested"), {"text.mov", "not a movie"}},
+        {_root.path(), _root.file("Album/Nested"), {"not a movie file"}},
+        // An album that is a regular file cannot take anything, whoever runs the test.
+        {_root.file("a.mov"), _root.file("blocked"), {"blocked", "Not a directory"}},
+    };
+    for (const auto& c : cases) {
+        kp::setSavedPhotosAlbumDirectory(c.album);
+        std::string saved = "unset";
+        const auto error = saveVideo(c.movie, &saved);
+        ASSERT_TRUE(error) << c.movie;
+        for (const auto& part : c.said) {
+            EXPECT_NE(error->localizedDescription().find(part), std::string::npos)
+                << error->localizedDescription() << " lacks " << part;
+        }
+        EXPECT_EQ(saved, "");
+    }
+    EXPECT_FALSE(fs::exists(_root.file("Album/Nested")) && !fs::is_empty(_root.file("Album/Nested")));
     EXPECT_EQ(readText(_root.file("blocked")), "x");
 }
 
