@@ -5,11 +5,13 @@
 #include <ZXing/BarcodeFormat.h>
 #include <ZXing/BitMatrix.h>
 #include <ZXing/MultiFormatWriter.h>
+#include <zint.h>
 
 #include <algorithm>
 #include <cmath>
 #include <numbers>
 #include <random>
+#include <stdexcept>
 
 namespace kptest {
 
@@ -31,6 +33,62 @@ ZXing::BarcodeFormat formatOf(CodeKind kind) {
         return ZXing::BarcodeFormat::EAN13;
     }
     return ZXing::BarcodeFormat::QRCode;
+}
+
+// A code's modules: width x height, row-major, nonzero for dark; each row printed rowModules modules high.
+struct Modules {
+    int width = 0;
+    int height = 0;
+    int rowModules = 1;
+    std::vector<uint8_t> dark;
+    bool get(int x, int y) const { return dark[static_cast<size_t>(y) * static_cast<size_t>(width) + x] != 0; }
+};
+
+// PDF417 and QR come from zint, an encoder independent of the reader's library; the other kinds from ZXing-cpp's
+// writer. Throws when the text cannot be encoded.
+Modules encode(CodeKind kind, const std::string& text, int columns) {
+    Modules m;
+    if (kind == CodeKind::PDF417 || kind == CodeKind::QR) {
+        zint_symbol* symbol = ZBarcode_Create();
+        if (symbol == nullptr) {
+            throw std::bad_alloc();
+        }
+        symbol->symbology = kind == CodeKind::PDF417 ? BARCODE_PDF417 : BARCODE_QRCODE;
+        symbol->input_mode = DATA_MODE;
+        if (kind == CodeKind::PDF417 && columns > 0) {
+            symbol->option_2 = columns;
+        }
+        const int status =
+            ZBarcode_Encode(symbol, reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+        if (status >= ZINT_ERROR) {
+            ZBarcode_Delete(symbol);
+            throw std::invalid_argument("zint cannot encode the text");
+        }
+        m.width = symbol->width;
+        m.height = symbol->rows;
+        m.rowModules = kind == CodeKind::PDF417 ? 3 : 1;
+        m.dark.resize(static_cast<size_t>(m.width) * static_cast<size_t>(m.height));
+        for (int y = 0; y < m.height; ++y) {
+            for (int x = 0; x < m.width; ++x) {
+                m.dark[static_cast<size_t>(y) * static_cast<size_t>(m.width) + x] =
+                    (symbol->encoded_data[y][x >> 3] >> (x & 7)) & 1;
+            }
+        }
+        ZBarcode_Delete(symbol);
+        return m;
+    }
+    ZXing::MultiFormatWriter writer(formatOf(kind));
+    writer.setMargin(0);
+    const ZXing::BitMatrix b = writer.encode(text, 0, 0);
+    m.width = b.width();
+    m.height = b.height();
+    m.dark.resize(static_cast<size_t>(m.width) * static_cast<size_t>(m.height));
+    for (int y = 0; y < m.height; ++y) {
+        for (int x = 0; x < m.width; ++x) {
+            m.dark[static_cast<size_t>(y) * static_cast<size_t>(m.width) + x] = b.get(x, y) ? 1 : 0;
+        }
+    }
+    return m;
 }
 
 // Three box blurs of radius r have the variance of a Gaussian of sigma when (2r + 1)^2 = 4 sigma^2 + 1.
@@ -73,14 +131,12 @@ const std::string& licenceText() {
 
 std::array<kp::CGPoint, 4> printCode(kp::LumaImage& image, CodeKind kind, const std::string& text,
                                      const CodePlacement& p) {
-    ZXing::MultiFormatWriter writer(formatOf(kind));
-    writer.setMargin(0);
-    const ZXing::BitMatrix m = writer.encode(text, 0, 0);
+    const Modules m = encode(kind, text, p.columns);
     // Linear codes come as one row; print them a third as high as wide.
-    const bool linear = m.height() <= 1;
-    const double w = m.width() * p.moduleSize;
-    const double rowHeight = p.moduleSize;
-    const double h = linear ? w / 3 : m.height() * rowHeight;
+    const bool linear = m.height <= 1;
+    const double w = m.width * p.moduleSize;
+    const double rowHeight = p.moduleSize * m.rowModules;
+    const double h = linear ? w / 3 : m.height * rowHeight;
     const double quiet = (linear ? 10 : kind == CodeKind::QR ? 4 : 2) * p.moduleSize;
     const double a = p.angleDegrees * std::numbers::pi / 180.0;
     const double c = std::cos(a);
@@ -88,9 +144,15 @@ std::array<kp::CGPoint, 4> printCode(kp::LumaImage& image, CodeKind kind, const 
     const auto toPicture = [&](double u, double v) {
         return kp::CGPointMake(p.centreX + u * c - v * s, p.centreY + u * s + v * c);
     };
-    // Each picture pixel averages 3 x 3 samples of the code seen through the inverse turn.
-    for (int y = 0; y < image.height; ++y) {
-        for (int x = 0; x < image.width; ++x) {
+    // Each picture pixel averages 3 x 3 samples of the code seen through the inverse turn; only pixels near the
+    // code with its quiet zone can change.
+    const double reach = std::hypot(w / 2 + quiet, h / 2 + quiet) + 2;
+    const int x0 = std::clamp(static_cast<int>(p.centreX - reach), 0, image.width);
+    const int x1 = std::clamp(static_cast<int>(p.centreX + reach) + 1, 0, image.width);
+    const int y0 = std::clamp(static_cast<int>(p.centreY - reach), 0, image.height);
+    const int y1 = std::clamp(static_cast<int>(p.centreY + reach) + 1, 0, image.height);
+    for (int y = y0; y < y1; ++y) {
+        for (int x = x0; x < x1; ++x) {
             int sum = 0;
             int inside = 0;
             for (int sy = 0; sy < 3; ++sy) {
@@ -106,8 +168,8 @@ std::array<kp::CGPoint, 4> printCode(kp::LumaImage& image, CodeKind kind, const 
                     ++inside;
                     bool black = false;
                     if (u >= 0 && v >= 0 && u < w && v < h) {
-                        const int col = std::min(m.width() - 1, static_cast<int>(u / p.moduleSize));
-                        const int row = linear ? 0 : std::min(m.height() - 1, static_cast<int>(v / rowHeight));
+                        const int col = std::min(m.width - 1, static_cast<int>(u / p.moduleSize));
+                        const int row = linear ? 0 : std::min(m.height - 1, static_cast<int>(v / rowHeight));
                         black = m.get(col, row);
                     }
                     sum += black ? 25 : 235;
@@ -142,6 +204,52 @@ CodePicture renderCode(CodeKind kind, const std::string& text, int width, int he
         }
     }
     return out;
+}
+
+std::vector<CodeSetPicture> codeSet() {
+    struct Family {
+        CodeKind kind;
+        std::string text;
+        double moduleSize;
+        int columns;
+    };
+    const Family families[] = {
+        {CodeKind::PDF417, licenceText(), 2.0, 8},
+        {CodeKind::PDF417, licenceText(), 3.0, 8},
+        {CodeKind::QR, "https://example.org/kpimage/card/T64235789", 3.0, 0},
+        {CodeKind::QR, "https://example.org/kpimage/card/T64235789", 6.0, 0},
+    };
+    std::vector<CodeSetPicture> set;
+    uint32_t seed = 0;
+    for (const Family& f : families) {
+        for (int i = 0; i < 13; ++i) {
+            const double tilt = 2.0 * i;
+            const double angle = 90.0 * (i % 4) + (i % 2 == 0 ? tilt : -tilt);
+            CodePlacement p;
+            p.centreX = 640 + (i % 3 - 1) * 60;
+            p.centreY = 360 + (i % 2) * 20 - 10;
+            p.angleDegrees = angle;
+            p.moduleSize = f.moduleSize;
+            p.blurSigma = (i % 3) * 0.4;
+            p.noise = (i % 2) * 5.0;
+            p.seed = ++seed;
+            p.columns = f.columns;
+            CodeSetPicture pic{(f.kind == CodeKind::PDF417 ? "PDF417" : "QR") + std::string(" module ") +
+                                   std::to_string(f.moduleSize).substr(0, 3) + " angle " +
+                                   std::to_string(static_cast<int>(angle)),
+                               f.kind, f.text, renderCode(f.kind, f.text, 1280, 720, p)};
+            set.push_back(std::move(pic));
+        }
+    }
+    return set;
+}
+
+double cornerError(const std::array<kp::CGPoint, 4>& read, const CodePicture& truth) {
+    double worst = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        worst = std::max(worst, std::hypot(read[i].x - truth.corners[i].x, read[i].y - truth.corners[i].y));
+    }
+    return truth.image.width > 0 ? worst / truth.image.width : 0.0;
 }
 
 } // namespace kptest

@@ -2,6 +2,8 @@
 // The code reader of the metadata output, on ZXing-cpp, with a skew-correcting second look for PDF417 and QR.
 #include "Platform/Vision/MachineCodeReader.h"
 
+#include "Platform/Vision/Pdf417Outline.h"
+
 // The library's inline text() returns a wide string unless ZX_USE_UTF8 is defined; every user in one program must
 // see the same definition, so the wide form is used everywhere and converted here.
 #include <ZXing/BarcodeFormat.h>
@@ -78,6 +80,10 @@ constexpr double kSkewRefineThreshold = 3.0;
 // kWholeLookEvery-th picture (new codes elsewhere show within that many pictures).
 constexpr double kLookAroundFactor = 0.5;
 constexpr int kWholeLookEvery = 4;
+// Every kFullReadEvery-th frame of a video is read whole in every enabled format (about two seconds at the
+// worker's rate), so nothing the plain library reads stays unread for long; trying harder, as for a single
+// picture, would cost several times as much.
+constexpr int kFullReadEvery = 32;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
 // A region where no angle read is left alone for this many pictures (text and patterns stay where they are from
@@ -109,9 +115,74 @@ bool isNearRectangle(const std::array<CGPoint, 4>& c) {
     return sideGap(c[0], c[1], c[3], c[2]) <= kTolerance && sideGap(c[0], c[3], c[1], c[2]) <= kTolerance;
 }
 
+CGPoint centreOf(const std::array<CGPoint, 4>& c) {
+    return {(c[0].x + c[1].x + c[2].x + c[3].x) / 4, (c[0].y + c[1].y + c[2].y + c[3].y) / 4};
+}
+
+// Whether p lies inside the convex quadrilateral (either winding).
+bool containsPoint(const std::array<CGPoint, 4>& c, CGPoint p) {
+    int sign = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        const CGPoint a = c[i];
+        const CGPoint b = c[(i + 1) % 4];
+        const double cr = (b.x - a.x) * (p.y - a.y) - (b.y - a.y) * (p.x - a.x);
+        const int s = cr > 0 ? 1 : cr < 0 ? -1 : 0;
+        if (s != 0) {
+            if (sign != 0 && s != sign) {
+                return false;
+            }
+            sign = s;
+        }
+    }
+    return true;
+}
+
 bool rectsOverlap(CGRect a, CGRect b) {
     return a.origin.x < b.origin.x + b.size.width && b.origin.x < a.origin.x + a.size.width &&
            a.origin.y < b.origin.y + b.size.height && b.origin.y < a.origin.y + a.size.height;
+}
+
+// The outline of the PDF417 symbol in an upright crop, in picture pixels. down is the symbol's downward direction
+// in the picture when known. An outline that runs into the crop's border (the region held only part of the code) is
+// looked for again in a crop around that outline, turned to upright and grown on every side.
+std::optional<std::array<CGPoint, 4>> outlineInCrop(const LumaImage& image, const RotatedCrop& crop,
+                                                    const LumaImage& sampled, std::optional<CGPoint> down,
+                                                    bool again = true) {
+    std::optional<CGPoint> downInCrop;
+    if (down) {
+        const double c = std::cos(crop.angle);
+        const double s = std::sin(crop.angle);
+        downInCrop = CGPoint{down->x * c + down->y * s, -down->x * s + down->y * c};
+    }
+    auto outline = findPdf417Outline(sampled, downInCrop);
+    if (!outline) {
+        return std::nullopt;
+    }
+    constexpr double kBorder = 3.0;
+    const bool touches = std::any_of(outline->begin(), outline->end(), [&](CGPoint p) {
+        return p.x < kBorder || p.y < kBorder || p.x > crop.width - 1 - kBorder || p.y > crop.height - 1 - kBorder;
+    });
+    for (CGPoint& p : *outline) {
+        p = crop.toSource(p);
+    }
+    if (!touches || !again) {
+        return outline;
+    }
+    const auto& c = *outline;
+    const double width = std::hypot(c[1].x - c[0].x, c[1].y - c[0].y);
+    const double height = std::hypot(c[3].x - c[0].x, c[3].y - c[0].y);
+    const double margin = 0.25 * std::max(width, height) + kCell;
+    RotatedCrop grown;
+    grown.centre = centreOf(c);
+    grown.angle = std::atan2(c[1].y - c[0].y, c[1].x - c[0].x);
+    grown.scale = std::min(kCropEnlargement, kMaxCropSide / (std::max(width, height) + 2 * margin));
+    grown.width = static_cast<int>((width + 2 * margin) * grown.scale);
+    grown.height = static_cast<int>((height + 2 * margin) * grown.scale);
+    if (auto again2 = outlineInCrop(image, grown, grown.sample(image), CGPoint{c[0].x - c[3].x, c[0].y - c[3].y},
+                                    false)) {
+        return again2;
+    }
+    return outline;
 }
 
 // The skew at which the region's rows of modules line up best: the brightness projected across the code (summed
@@ -184,7 +255,7 @@ const std::vector<AVMetadataObjectType>& MachineCodeReader::supportedTypes() {
     return types;
 }
 
-MachineCodeReader::MachineCodeReader(const std::vector<AVMetadataObjectType>& types) {
+MachineCodeReader::MachineCodeReader(const std::vector<AVMetadataObjectType>& types, Mode mode) : _mode(mode) {
     for (const auto& type : types) {
         for (const auto& tf : typeFormats()) {
             if (*tf.type == type && std::find(_types.begin(), _types.end(), type) == _types.end()) {
@@ -217,13 +288,13 @@ bool MachineCodeReader::accept(uint32_t format, const std::string& text, AVMetad
     return false;
 }
 
-std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, uint32_t formats,
-                                                            bool tryRotate) const {
-    return readWithLibrary(image, CGRectMake(0, 0, image.width, image.height), formats, tryRotate);
+std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, uint32_t formats, bool tryRotate,
+                                                            bool tryHarder) const {
+    return readWithLibrary(image, CGRectMake(0, 0, image.width, image.height), formats, tryRotate, tryHarder);
 }
 
 std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, CGRect area, uint32_t formats,
-                                                            bool tryRotate) const {
+                                                            bool tryRotate, bool tryHarder) const {
     std::vector<MachineCode> codes;
     // The whole pixels of the area within the picture; the library reads them in place.
     const int x0 = std::clamp(static_cast<int>(std::floor(area.origin.x)), 0, image.width);
@@ -236,7 +307,7 @@ std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& ima
     ZXing::DecodeHints hints;
     hints.setFormats(static_cast<BarcodeFormat>(formats));
     hints.setTryRotate(tryRotate);
-    hints.setTryHarder(false);
+    hints.setTryHarder(tryHarder);
     const ZXing::ImageView view(image.row(y0) + x0, x1 - x0, y1 - y0, ZXing::ImageFormat::Lum, image.width);
     for (const ZXing::Result& r : ZXing::ReadBarcodes(view, hints)) {
         if (!r.isValid()) {
@@ -412,7 +483,9 @@ std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(cons
 }
 
 bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w,
-                                     double h, uint32_t formats, std::vector<MachineCode>& codes) const {
+                                     double h, uint32_t formats, std::vector<MachineCode>& codes,
+                                     bool& outlines) const {
+    outlines = false;
     // w x h is the region's upright extent at its measured skew; a slightly different angle needs a little more.
     const double d = (skewDegrees - cand.skewDegrees) * std::numbers::pi / 180.0;
     const double uprightW = w * std::abs(std::cos(d)) + h * std::abs(std::sin(d));
@@ -426,13 +499,84 @@ bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& ca
     }
     crop.width = static_cast<int>(uprightW * crop.scale);
     crop.height = static_cast<int>(uprightH * crop.scale);
-    for (MachineCode& c : readWithLibrary(crop.sample(image), formats, true)) {
+    const LumaImage sampled = crop.sample(image);
+    std::optional<std::array<CGPoint, 4>> outline;
+    bool outlined = false;
+    for (MachineCode& c : readWithLibrary(sampled, formats, true)) {
         for (CGPoint& p : c.corners) {
             p = crop.toSource(p);
         }
-        codes.push_back(std::move(c));
+        // The library's PDF417 corners may put the right-hand ones anywhere; the start and stop patterns do not.
+        if (c.type == AVMetadataObjectTypePDF417Code) {
+            if (!outlined) {
+                const CGPoint down{c.corners[0].x - c.corners[3].x, c.corners[0].y - c.corners[3].y};
+                outline = outlineInCrop(image, crop, sampled, down);
+                outlined = true;
+            }
+            if (outline && containsPoint(*outline, centreOf(c.corners))) {
+                c.corners = *outline;
+                outlines = true;
+            }
+        }
+        if (isPlausibleCodeOutline(c.corners)) {
+            codes.push_back(std::move(c));
+        }
     }
     return !codes.empty();
+}
+
+void MachineCodeReader::outlineCodes(const LumaImage& image, std::vector<MachineCode>& codes) const {
+    std::vector<Candidate> candidates;
+    bool searched = false;
+    std::vector<MachineCode> kept;
+    for (MachineCode& c : codes) {
+        if (c.type == AVMetadataObjectTypePDF417Code) {
+            if (!searched) {
+                candidates = findCandidates(image, 2 * kMaxCandidates);
+                searched = true;
+            }
+            const CGPoint centre = centreOf(c.corners);
+            const auto region = std::find_if(candidates.begin(), candidates.end(), [&](const Candidate& cand) {
+                return CGRectContainsPoint(cand.box, centre);
+            });
+            RotatedCrop crop;
+            double w = 0;
+            double h = 0;
+            if (region != candidates.end()) {
+                const double margin = 0.1 * std::max(region->uprightWidth, region->uprightHeight) + kCell;
+                w = region->uprightWidth + 2 * margin;
+                h = region->uprightHeight + 2 * margin;
+                crop.centre = region->centre;
+                crop.angle = sharpestSkew(image, region->centre, region->uprightWidth, region->uprightHeight,
+                                          region->skewDegrees) *
+                             std::numbers::pi / 180.0;
+            } else {
+                // No region around it (a picture holding little more than the code): the code's own corners give
+                // the place and the skew, its left side at least being right.
+                const CGRect box = boundingRectOfPoints(c.corners);
+                w = h = 1.6 * std::max(box.size.width, box.size.height) + 2 * kCell;
+                crop.centre = centre;
+                const double up = std::atan2(c.corners[3].y - c.corners[0].y, c.corners[3].x - c.corners[0].x);
+                const double quarter = std::numbers::pi / 2;
+                crop.angle = up + quarter - quarter * std::round((up + quarter) / quarter);
+            }
+            crop.scale = std::min(kCropEnlargement, kMaxCropSide / std::max(w, h));
+            crop.width = static_cast<int>(w * crop.scale);
+            crop.height = static_cast<int>(h * crop.scale);
+            // The code's downward direction: its left side, top to bottom.
+            const CGPoint down{c.corners[0].x - c.corners[3].x, c.corners[0].y - c.corners[3].y};
+            const auto outline = outlineInCrop(image, crop, crop.sample(image), down);
+            if (outline && containsPoint(*outline, centre)) {
+                c.corners = *outline;
+            }
+        }
+        // Linear codes are found along a line and have no outline to judge.
+        const bool area = c.type == AVMetadataObjectTypePDF417Code || c.type == AVMetadataObjectTypeQRCode;
+        if (!area || isPlausibleCodeOutline(c.corners)) {
+            kept.push_back(std::move(c));
+        }
+    }
+    codes = std::move(kept);
 }
 
 std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
@@ -446,10 +590,18 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
         const uint32_t pdf417 = bits(BarcodeFormat::PDF417);
         const uint32_t firstLook = _formats & ~pdf417;
         const bool linear = (_formats & bits(BarcodeFormat::LinearCodes)) != 0;
-        // Codes the first look read in the previous picture are looked for around where they were; the whole
-        // picture is read in every kWholeLookEvery-th picture, and whenever one of them is not found again.
-        bool whole = _looked.empty() || ++_picturesSinceWholeLook >= kWholeLookEvery;
-        if (!whole) {
+        // A single picture is read as the plain library reads it (all enabled formats, trying harder), and so is
+        // every kFullReadEvery-th frame, without trying harder. Otherwise codes the first look read in the previous picture are looked for around
+        // where they were; the whole picture is read in every kWholeLookEvery-th picture, and whenever one of them
+        // is not found again.
+        const bool full = _mode == Mode::Picture || ++_picturesSinceFullRead >= kFullReadEvery;
+        bool whole = !full && (_looked.empty() || ++_picturesSinceWholeLook >= kWholeLookEvery);
+        if (full) {
+            codes = readWithLibrary(image, _formats, true, _mode == Mode::Picture);
+            outlineCodes(image, codes);
+            _picturesSinceFullRead = 0;
+            _picturesSinceWholeLook = 0;
+        } else if (!whole) {
             for (const CGRect& box : _looked) {
                 const double grow = kLookAroundFactor * std::max(box.size.width, box.size.height) + kCell;
                 auto found = readWithLibrary(image, CGRectInset(box, -grow, -grow), firstLook, linear);
@@ -472,9 +624,15 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
             codes = readWithLibrary(image, firstLook, linear);
             _picturesSinceWholeLook = 0;
         }
+        if (!full) {
+            outlineCodes(image, codes);
+        }
+        // PDF417 codes are followed by the second look, which finds them again at their region.
         _looked.clear();
         for (const MachineCode& c : codes) {
-            _looked.push_back(boundingRectOfPoints(c.corners));
+            if (c.type != AVMetadataObjectTypePDF417Code) {
+                _looked.push_back(boundingRectOfPoints(c.corners));
+            }
         }
         const uint32_t secondLook = _formats & kSecondLookFormats;
         int readsLeft = kMaxSecondLookReads;
@@ -514,7 +672,8 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 }
                 const auto attempt = [&](double tried) {
                     std::vector<MachineCode> found;
-                    if (!secondLookAt(image, cand, tried, w, h, secondLook, found)) {
+                    bool outlined = false;
+                    if (!secondLookAt(image, cand, tried, w, h, secondLook, found, outlined)) {
                         return false;
                     }
                     // The library's corners drift when the crop is still skewed, and now and then it reports a
@@ -531,9 +690,12 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                         return a - 90.0 * std::round((a - near) / 90.0);
                     };
                     const double measured = angleOf(found.front(), tried);
-                    if (std::abs(measured - tried) > kSkewRefineThreshold || !isNearRectangle(found.front().corners)) {
+                    // Corners from the start and stop patterns are exact at any angle.
+                    if (!outlined && (std::abs(measured - tried) > kSkewRefineThreshold ||
+                                      !isNearRectangle(found.front().corners))) {
                         std::vector<MachineCode> refined;
-                        if (secondLookAt(image, cand, measured, w, h, secondLook, refined) &&
+                        bool refinedOutlines = false;
+                        if (secondLookAt(image, cand, measured, w, h, secondLook, refined, refinedOutlines) &&
                             isNearRectangle(refined.front().corners)) {
                             found = std::move(refined);
                         }

@@ -28,17 +28,24 @@ struct MachineCode {
 /// frame, are read from code-like regions: textured regions with aligned edges are located, their skew is measured,
 /// and an upright, enlarged crop of each is read (the library loses PDF417 codes tilted by more than a few degrees
 /// or printed with fewer than three pixels per module); the corners are mapped back to the frame.
-/// An instance is used by one thread at a time. It remembers where the previous pictures' codes were (codes the
-/// library read over the whole picture are looked for around their place in the next pictures, the whole picture
-/// being read again in every fourth one or when a code is not found again) and where code-like regions held none
-/// (those are left alone for a few pictures).
+/// A PDF417 code's corners are those of its start and stop patterns; corners that cannot outline a code (two
+/// equal, sides crossing, a side far longer than its opposite) are never reported: such a code is read again or
+/// left out of that picture.
+/// An instance is used by one thread at a time. For video it remembers where the previous pictures' codes were
+/// (codes the library read over the whole picture are looked for around their place in the next pictures, the
+/// whole picture being read again in every fourth one or when a code is not found again, and in every enabled
+/// format in every thirty-second) and where code-like regions held none (those are left alone for a few
+/// pictures). A single picture is always read as the plain library does as well, so it never yields less.
 class MachineCodeReader {
 public:
+    /// Video: a sequence of frames of one stream; Picture: every picture read on its own, in full.
+    enum class Mode { Video, Picture };
+
     /// The code types the reader can find, in the order the metadata output offers them.
     static const std::vector<AVMetadataObjectType>& supportedTypes();
 
     /// A reader for the supported types among types (others are ignored).
-    explicit MachineCodeReader(const std::vector<AVMetadataObjectType>& types);
+    explicit MachineCodeReader(const std::vector<AVMetadataObjectType>& types, Mode mode = Mode::Video);
 
     /// True when none of the types given is a code type.
     bool empty() const { return _formats == 0; }
@@ -60,14 +67,18 @@ public:
                                                  const std::vector<CGRect>& excluded = {});
 
 private:
-    std::vector<MachineCode> readWithLibrary(const LumaImage& image, uint32_t formats, bool tryRotate) const;
+    std::vector<MachineCode> readWithLibrary(const LumaImage& image, uint32_t formats, bool tryRotate,
+                                             bool tryHarder = false) const;
     // The same for an area of the picture (clipped to it), read in place; corners in picture pixels.
-    std::vector<MachineCode> readWithLibrary(const LumaImage& image, CGRect area, uint32_t formats,
-                                             bool tryRotate) const;
+    std::vector<MachineCode> readWithLibrary(const LumaImage& image, CGRect area, uint32_t formats, bool tryRotate,
+                                             bool tryHarder = false) const;
+    // Gives the PDF417 codes read over the whole picture the corners of their outline, and leaves out codes whose
+    // corners stay implausible.
+    void outlineCodes(const LumaImage& image, std::vector<MachineCode>& codes) const;
     // Reads an upright, enlarged crop of the candidate turned by skewDegrees into codes (source pixel corners);
-    // true if any was read.
+    // true if any was read. outlines tells whether a PDF417 code's corners came from its start and stop patterns.
     bool secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w, double h,
-                      uint32_t formats, std::vector<MachineCode>& codes) const;
+                      uint32_t formats, std::vector<MachineCode>& codes, bool& outlines) const;
     bool accept(uint32_t format, const std::string& text, AVMetadataObjectType& type) const;
 
     // Where the previous picture's second look read a code, and at which skew: the next picture tries that first.
@@ -86,6 +97,8 @@ private:
     // ago it last read the whole picture.
     mutable std::vector<CGRect> _looked;
     mutable int _picturesSinceWholeLook = 0;
+    mutable int _picturesSinceFullRead = 0;
+    Mode _mode;
     uint32_t _formats = 0; // ZXing::BarcodeFormat bits
     std::vector<AVMetadataObjectType> _types;
 };

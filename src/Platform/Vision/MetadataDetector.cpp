@@ -8,7 +8,8 @@ namespace kp {
 
 MetadataDetector::MetadataDetector(const std::vector<AVMetadataObjectType>& types, const std::string& modelPath,
                                    LiveFaceTracker::Mode mode)
-    : _types(types), _codes(types) {
+    : _types(types), _codes(types, mode == LiveFaceTracker::Mode::Picture ? MachineCodeReader::Mode::Picture
+                                                                          : MachineCodeReader::Mode::Video) {
     if (std::find(types.begin(), types.end(), AVMetadataObjectTypeFace) != types.end()) {
         _faces = std::make_unique<LiveFaceTracker>(modelPath, mode);
     }
