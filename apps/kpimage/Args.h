@@ -14,15 +14,19 @@
 
 namespace kpcli {
 
-/// Splits arguments into positionals, --name value options and --flag switches.
+/// Splits arguments into positionals, --name value options and --flag switches; "--" ends the options, so
+/// every argument after it is positional (a name may then begin with "--").
 class Args {
 public:
     /// valueOptions: names that take a value; flags: names that do not. Unknown options are an error.
     Args(const std::vector<std::string>& args, const std::set<std::string>& valueOptions,
          const std::set<std::string>& flags) {
+        bool optionsEnded = false;
         for (size_t i = 0; i < args.size(); ++i) {
             const std::string& a = args[i];
-            if (a.rfind("--", 0) == 0 && a.size() > 2) {
+            if (!optionsEnded && a == "--") {
+                optionsEnded = true;
+            } else if (!optionsEnded && a.rfind("--", 0) == 0 && a.size() > 2) {
                 const std::string name = a.substr(2);
                 if (flags.count(name)) {
                     _flags.insert(name);

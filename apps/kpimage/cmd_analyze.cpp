@@ -2,6 +2,7 @@
 // kpimage analyze / focus / focus-score / brightness / gray: sharpness and brightness of image files.
 #include "Args.h"
 #include "Command.h"
+#include "ImageFile.h"
 #include "Json.h"
 
 #include <KPImage/KPImage.h>
@@ -13,11 +14,7 @@ namespace kpcli {
 namespace {
 
 std::optional<kp::UIImage> load(const std::string& path) {
-    auto image = kp::UIImage::imageWithContentsOfFile(path);
-    if (!image) {
-        fail("cannot read an image from " + path);
-    }
-    return image;
+    return readImageFile(path);
 }
 
 /// Runs print on each FILE argument's image; files that cannot be read are reported and make the result 1.

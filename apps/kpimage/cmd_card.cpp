@@ -3,6 +3,7 @@
 #include "Args.h"
 #include "CardJson.h"
 #include "Command.h"
+#include "ImageFile.h"
 #include "Json.h"
 
 #include <KPImage/KPImage.h>
@@ -51,9 +52,9 @@ int card(const std::vector<std::string>& argv) {
         return 0;
     }
     for (const std::string& path : args.positional()) {
-        const auto image = kp::UIImage::imageWithContentsOfFile(path);
+        const auto image = readImageFile(path);
         if (!image || !image->CGImage()) {
-            return fail("cannot read an image from " + path);
+            return 1;
         }
         const auto objects = kp::AVCaptureMetadataOutput::metadataObjectsInImage(
             *image->CGImage(), {kp::AVMetadataObjectTypePDF417Code, kp::AVMetadataObjectTypeQRCode});

@@ -2,6 +2,7 @@
 // kpimage detect: the faces and codes the metadata output would report for picture files, as JSON.
 #include "Args.h"
 #include "Command.h"
+#include "ImageFile.h"
 #include "MetadataTypes.h"
 
 #include <iostream>
@@ -27,9 +28,9 @@ int detect(const std::vector<std::string>& argv) {
         kp::CIDetectorSetFaceLandmarksModelPath(args.value("model"));
     }
     for (const std::string& path : args.positional()) {
-        const auto image = kp::UIImage::imageWithContentsOfFile(path);
+        const auto image = readImageFile(path);
         if (!image || !image->CGImage()) {
-            return fail("cannot read an image from " + path);
+            return 1;
         }
         const auto& cg = *image->CGImage();
         std::string faces;

@@ -2,6 +2,7 @@
 // kpimage faces: the widest face of an image file as JSON, optionally annotated into a PNG.
 #include "Args.h"
 #include "Command.h"
+#include "ImageFile.h"
 #include "Json.h"
 
 #include <KPImage/KPImage.h>
@@ -34,9 +35,9 @@ int faces(const std::vector<std::string>& argv) {
         kp::CIDetectorSetFaceLandmarksModelPath(args.value("model"));
     }
     const std::string& path = args.positional()[0];
-    const auto image = kp::UIImage::imageWithContentsOfFile(path);
+    const auto image = readImageFile(path);
     if (!image) {
-        return fail("cannot read an image from " + path);
+        return 1;
     }
     const kp::FaceFeatures f = image->getFaceFeaturesWithAccuracy(accuracy == "high" ? 1 : 0);
     if (args.has("annotate")) {

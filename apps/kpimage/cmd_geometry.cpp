@@ -2,6 +2,7 @@
 // kpimage crop / rotate / scale: the geometry methods on image files, written as PNG.
 #include "Args.h"
 #include "Command.h"
+#include "ImageFile.h"
 #include "Json.h"
 
 #include <KPImage/KPImage.h>
@@ -31,11 +32,7 @@ int writeResult(const std::optional<kp::UIImage>& result, const std::string& in,
 }
 
 std::optional<kp::UIImage> load(const std::string& path) {
-    auto image = kp::UIImage::imageWithContentsOfFile(path);
-    if (!image) {
-        fail("cannot read an image from " + path);
-    }
-    return image;
+    return readImageFile(path);
 }
 
 int crop(const std::vector<std::string>& argv) {

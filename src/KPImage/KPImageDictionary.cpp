@@ -21,79 +21,74 @@ std::string documentsDirectory() {
 
 namespace fs = std::filesystem;
 
-/// The path in normal form without a trailing separator, so that components compare one for one.
-fs::path normalised(const fs::path& path) {
-    fs::path out = path.lexically_normal();
-    if (out.has_relative_path() && out.filename().empty()) {
-        out = out.parent_path();
-    }
-    return out;
-}
-
-/// The location a removal of path would act on, with links and "." and ".." resolved as the removal meets
-/// them: a path ending in a plain name removes that entry of its (resolved) parent and does not follow it;
-/// a path ending in ".", ".." or "/" is followed to the directory it names.
-fs::path removalTarget(const fs::path& path, std::error_code& error) {
-    const fs::path absolute = fs::absolute(path, error);
-    if (error) {
-        return {};
-    }
-    const fs::path name = absolute.filename();
-    if (name.empty() || name == "." || name == "..") {
-        return fs::weakly_canonical(absolute, error);
-    }
-    return fs::weakly_canonical(absolute.parent_path(), error) / name;
-}
-
-/// Whether removing path leaves the documents directory and every directory above it in place. Names are
-/// used unchanged, so "..", "." or a trailing "/" can make a path name the directory itself or an ancestor;
-/// such a removal is refused. False also when either location cannot be resolved.
-bool removalKeepsDirectory(const std::string& directory, const std::string& path) {
-    std::error_code error;
-    const fs::path target = normalised(removalTarget(path, error));
-    if (error) {
-        return false;
-    }
-    const fs::path absoluteRoot = fs::absolute(directory.empty() ? "." : directory, error);
-    if (error) {
-        return false;
-    }
-    const fs::path root = normalised(fs::weakly_canonical(absoluteRoot, error));
-    if (error) {
-        return false;
-    }
-    // Compare component by component: target is refused when it is root or a prefix of it.
-    auto t = target.begin();
-    auto r = root.begin();
-    for (; t != target.end() && r != root.end(); ++t, ++r) {
-        if (*t != *r) {
-            return true;
+/// Whether inner is outer or lies below it; both canonical.
+bool within(const fs::path& inner, const fs::path& outer) {
+    auto i = inner.begin();
+    for (auto o = outer.begin(); o != outer.end(); ++o, ++i) {
+        if (i == inner.end() || *i != *o) {
+            return false;
         }
     }
-    return t != target.end();
+    return true;
 }
 
-void removeInside(NSFileManager& manager, const std::string& directory, const std::string& path) {
-    if (detail::orOnAllocationFailure(false, [&] { return removalKeepsDirectory(directory, path); })) {
-        manager.removeItemAtPath(path);
+/// How a use of a path meets its last component.
+enum class LastComponent {
+    Followed, ///< read through: a link there must point inside too
+    Replaced, ///< written by renaming onto it or removed: a link there is acted on itself
+};
+
+/// Whether the path built from the documents directory and a name stays inside the directory once "..",
+/// "." and links are resolved, as an application's sandbox keeps it inside its container. A path that names
+/// the directory itself is refused as well (nothing may replace or remove it), and so is anything that
+/// cannot be resolved (a missing subdirectory: the use would fail anyway).
+bool staysInside(const std::string& directory, const std::string& path, LastComponent last) {
+    std::error_code error;
+    const fs::path root = fs::canonical(directory.empty() ? fs::path(".") : fs::path(directory), error);
+    if (error) {
+        return false;
     }
+    const fs::path absolute = fs::absolute(path, error);
+    if (error) {
+        return false;
+    }
+    const fs::path name = absolute.filename();
+    fs::path target;
+    if (name.empty() || name == "." || name == "..") {
+        // The path names a directory through its last component: that directory is what would be used.
+        target = fs::canonical(absolute, error);
+    } else {
+        target = fs::canonical(absolute.parent_path(), error) / name;
+        if (!error && last == LastComponent::Followed && fs::is_symlink(fs::symlink_status(target, error))) {
+            target = fs::canonical(target, error);
+        }
+    }
+    return !error && target != root && within(target, root);
+}
+
+std::string pathOf(const std::string& directory, const std::string& fileName, LastComponent last) {
+    const std::string path = stringByAppendingPathComponent(directory, fileName);
+    return detail::orOnAllocationFailure(false, [&] { return staysInside(directory, path, last); }) ? path
+                                                                                                   : std::string();
 }
 } // namespace
 
 bool KPImageDictionary::saveImageAsPNG(const CGImageRef& image, const std::string& fileName) {
     const UIImage wrapped = UIImage::imageWithCGImage(image);
-    const std::string path =
-        stringByAppendingPathComponent(documentsDirectory(), fileName + ".png");
     const std::optional<std::vector<uint8_t>> png = UIImagePNGRepresentation(wrapped);
     if (!png) {
         return false;
     }
-    return writeToFile(*png, path, true);
+    // The file is written beside the name and renamed onto it: a link there is replaced, never followed.
+    const std::string path = pathOf(documentsDirectory(), fileName + ".png", LastComponent::Replaced);
+    return !path.empty() && writeToFile(*png, path, true);
 }
 
 std::optional<UIImage> KPImageDictionary::loadImageWithFileName(const std::string& fileName) {
-    const std::string path =
-        stringByAppendingPathComponent(documentsDirectory(), fileName + ".png");
+    const std::string path = pathOf(documentsDirectory(), fileName + ".png", LastComponent::Followed);
+    if (path.empty()) {
+        return std::nullopt;
+    }
     const std::optional<std::vector<uint8_t>> data = dataWithContentsOfFile(path);
     if (!data) {
         return std::nullopt;
@@ -110,12 +105,16 @@ void KPImageDictionary::deleteImageWithFileName(const std::string& fileName, con
     if (fileName == "*") {
         for (const std::string& entry : entries) {
             if (fileExtension == "*" || pathExtension(entry) == fileExtension) {
-                removeInside(manager, directory, stringByAppendingPathComponent(directory, entry));
+                manager.removeItemAtPath(stringByAppendingPathComponent(directory, entry));
             }
         }
         return;
     }
-    removeInside(manager, directory, stringByAppendingPathComponent(directory, fileName + "." + fileExtension));
+    // A removal acts on a link itself, never on what it points to.
+    const std::string path = pathOf(directory, fileName + "." + fileExtension, LastComponent::Replaced);
+    if (!path.empty()) {
+        manager.removeItemAtPath(path);
+    }
 }
 
 } // namespace kp

@@ -215,7 +215,7 @@ std::vector<CodeSetPicture> codeSet() {
     };
     const Family families[] = {
         {CodeKind::PDF417, licenceText(), 2.0, 8},
-        {CodeKind::PDF417, licenceText(), 3.0, 8},
+        {CodeKind::PDF417, licenceText(), 4.0, 4},
         {CodeKind::QR, "https://example.org/kpimage/card/T64235789", 3.0, 0},
         {CodeKind::QR, "https://example.org/kpimage/card/T64235789", 6.0, 0},
     };
@@ -226,8 +226,8 @@ std::vector<CodeSetPicture> codeSet() {
             const double tilt = 2.0 * i;
             const double angle = 90.0 * (i % 4) + (i % 2 == 0 ? tilt : -tilt);
             CodePlacement p;
-            p.centreX = 640 + (i % 3 - 1) * 60;
-            p.centreY = 360 + (i % 2) * 20 - 10;
+            p.centreX = 640;
+            p.centreY = 360;
             p.angleDegrees = angle;
             p.moduleSize = f.moduleSize;
             p.blurSigma = (i % 3) * 0.4;

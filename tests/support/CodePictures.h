@@ -51,7 +51,7 @@ struct CodeSetPicture {
     std::string text;
     CodePicture picture;
 };
-/// The code set: PDF417 (the licence text, 2 and 3 pixels per module) and QR codes (3 and 6) in 1280 x 720
+/// The code set: PDF417 (the licence text, 2 pixels per module in 8 columns and 4 in 4) and QR codes (3 and 6) in 1280 x 720
 /// pictures, each kind and module size at 13 angles (tilts of 0 to 24 degrees either way on all four quarter
 /// turns), some blurred, some noisy.
 std::vector<CodeSetPicture> codeSet();

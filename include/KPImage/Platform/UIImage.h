@@ -15,6 +15,7 @@
 namespace kp {
 
 struct FaceFeatures;
+struct ImageReadError;
 
 enum UIImageOrientation : int32_t {
     UIImageOrientationUp = 0,
@@ -41,9 +42,14 @@ public:
     static UIImage imageWithoutBitmap(CGSize size);
     /// Decodes PNG or JPEG data; EXIF orientation sets imageOrientation. Nil for anything else, for a picture
     /// over maximumDecodedImagePixels() (ImageIO.h) or when its pixels do not fit in memory.
+    /// Truncated or damaged data gives nil too: a picture is never returned with parts made up.
     static std::optional<UIImage> imageWithData(std::span<const uint8_t> data);
+    /// imageWithData that, on failure, says why in *error (ImageIO.h) when error is not null.
+    static std::optional<UIImage> imageWithData(std::span<const uint8_t> data, ImageReadError* error);
     /// Reads and decodes a PNG or JPEG file; nil when unreadable or not an image, as imageWithData.
     static std::optional<UIImage> imageWithContentsOfFile(const std::string& path);
+    /// imageWithContentsOfFile that, on failure, says why in *error (ImageIO.h) when error is not null.
+    static std::optional<UIImage> imageWithContentsOfFile(const std::string& path, ImageReadError* error);
 
     /// The bitmap; null when the image has none.
     const CGImageRef& CGImage() const { return _image; }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Image files: PNG through libspng, JPEG through libjpeg-turbo, EXIF orientation through libexif, and
+// Image files: PNG encoding through libspng, JPEG encoding through libjpeg-turbo, and
 // whole-file reads and atomic writes.
 #include "KPImage/Platform/ImageIO.h"
 
@@ -7,7 +7,6 @@
 #include "Platform/Graphics/Codecs.h"
 #include "Platform/Graphics/PixelLayout.h"
 
-#include <libexif/exif-data.h>
 #include <spng.h>
 #include <turbojpeg.h>
 
@@ -36,156 +35,9 @@ void setMaximumDecodedImagePixels(uint64_t pixels) {
 }
 
 namespace detail {
-
 namespace {
-
 constexpr uint64_t kMaxFileBytes = uint64_t{1} << 31;
-
-bool sizeAllowed(uint64_t w, uint64_t h) { return w > 0 && h > 0 && w * h <= maximumDecodedImagePixels(); }
-
-/// The EXIF orientation in raw EXIF bytes (starting with "Exif\0\0" or a whole JPEG); 0 when absent.
-int exifOrientationOf(const uint8_t* data, size_t size) {
-    if (data == nullptr || size < 8 || size > UINT32_MAX) {
-        return 0;
-    }
-    ExifData* exif = exif_data_new_from_data(data, static_cast<unsigned int>(size));
-    if (exif == nullptr) {
-        return 0;
-    }
-    int orientation = 0;
-    ExifEntry* entry = exif_data_get_entry(exif, EXIF_TAG_ORIENTATION);
-    if (entry != nullptr && entry->format == EXIF_FORMAT_SHORT && entry->components >= 1 && entry->size >= 2 &&
-        entry->data != nullptr) {
-        orientation = exif_get_short(entry->data, exif_data_get_byte_order(exif));
-    }
-    exif_data_unref(exif);
-    return orientation;
-}
-
-CGImageRef makeImage(size_t w, size_t h, bool gray, std::vector<uint8_t> pixels) {
-    if (gray) {
-        return CGImageCreate(w, h, 8, 8, w, CGColorSpaceCreateDeviceGray(), kKPBitmapInfoGray,
-                             CGDataProviderCreateWithData(std::move(pixels)));
-    }
-    return CGImageCreate(w, h, 8, 32, w * 4, CGColorSpaceCreateDeviceRGB(), kKPBitmapInfoRGBA,
-                         CGDataProviderCreateWithData(std::move(pixels)));
-}
-
-std::optional<UIImage> decodePNG(std::span<const uint8_t> data) {
-    std::unique_ptr<spng_ctx, decltype(&spng_ctx_free)> ctx(spng_ctx_new(0), spng_ctx_free);
-    if (!ctx) {
-        return std::nullopt;
-    }
-    spng_set_crc_action(ctx.get(), SPNG_CRC_ERROR, SPNG_CRC_DISCARD);
-    spng_set_chunk_limits(ctx.get(), 64u << 20, 64u << 20);
-    if (spng_set_png_buffer(ctx.get(), data.data(), data.size()) != 0) {
-        return std::nullopt;
-    }
-    spng_ihdr ihdr{};
-    if (spng_get_ihdr(ctx.get(), &ihdr) != 0 || !sizeAllowed(ihdr.width, ihdr.height)) {
-        return std::nullopt;
-    }
-    spng_trns trns{};
-    const bool hasTrns = spng_get_trns(ctx.get(), &trns) == 0;
-    const bool gray = ihdr.color_type == SPNG_COLOR_TYPE_GRAYSCALE && !hasTrns;
-    // Grey of 16 bits is decoded through RGBA and narrowed; 8 bits or fewer decode straight to G8.
-    const bool direct8 = gray && ihdr.bit_depth <= 8;
-    const int fmt = direct8 ? SPNG_FMT_G8 : SPNG_FMT_RGBA8;
-    size_t outSize = 0;
-    if (spng_decoded_image_size(ctx.get(), fmt, &outSize) != 0) {
-        return std::nullopt;
-    }
-    std::vector<uint8_t> pixels(outSize);
-    if (spng_decode_image(ctx.get(), pixels.data(), pixels.size(), fmt, SPNG_DECODE_TRNS) != 0) {
-        return std::nullopt;
-    }
-    const size_t w = ihdr.width;
-    const size_t h = ihdr.height;
-    if (gray && !direct8) {
-        std::vector<uint8_t> g(w * h);
-        for (size_t i = 0; i < w * h; ++i) {
-            g[i] = pixels[i * 4];
-        }
-        pixels = std::move(g);
-    }
-    int orientation = 0;
-    spng_exif exif{};
-    if (spng_get_exif(ctx.get(), &exif) == 0 && exif.data != nullptr && exif.length > 0 &&
-        exif.length < (64u << 20)) {
-        std::vector<uint8_t> withHeader{'E', 'x', 'i', 'f', 0, 0};
-        withHeader.insert(withHeader.end(), exif.data, exif.data + exif.length);
-        orientation = exifOrientationOf(withHeader.data(), withHeader.size());
-    }
-    CGImageRef image = makeImage(w, h, gray, std::move(pixels));
-    if (!image) {
-        return std::nullopt;
-    }
-    return UIImage::imageWithCGImage(std::move(image), 1.0, orientationFromExif(orientation));
-}
-
-std::optional<UIImage> decodeJPEG(std::span<const uint8_t> data) {
-    if (data.size() > ULONG_MAX) {
-        return std::nullopt;
-    }
-    std::unique_ptr<void, decltype(&tjDestroy)> tj(tjInitDecompress(), tjDestroy);
-    if (!tj) {
-        return std::nullopt;
-    }
-    int w = 0, h = 0, subsamp = 0, colorspace = 0;
-    if (tjDecompressHeader3(tj.get(), data.data(), static_cast<unsigned long>(data.size()), &w, &h, &subsamp,
-                            &colorspace) != 0 ||
-        w <= 0 || h <= 0 || !sizeAllowed(static_cast<uint64_t>(w), static_cast<uint64_t>(h))) {
-        return std::nullopt;
-    }
-    if (colorspace == TJCS_CMYK || colorspace == TJCS_YCCK) {
-        return std::nullopt;
-    }
-    const bool gray = colorspace == TJCS_GRAY;
-    const int pf = gray ? TJPF_GRAY : TJPF_RGBA;
-    const size_t bpp = gray ? 1 : 4;
-    std::vector<uint8_t> pixels(static_cast<size_t>(w) * static_cast<size_t>(h) * bpp);
-    if (tjDecompress2(tj.get(), data.data(), static_cast<unsigned long>(data.size()), pixels.data(), w,
-                      static_cast<int>(static_cast<size_t>(w) * bpp), h, pf, TJFLAG_ACCURATEDCT) != 0 &&
-        tjGetErrorCode(tj.get()) != TJERR_WARNING) {
-        return std::nullopt;
-    }
-    const int orientation = exifOrientationOf(data.data(), data.size());
-    CGImageRef image = makeImage(static_cast<size_t>(w), static_cast<size_t>(h), gray, std::move(pixels));
-    if (!image) {
-        return std::nullopt;
-    }
-    return UIImage::imageWithCGImage(std::move(image), 1.0, orientationFromExif(orientation));
-}
-
 } // namespace
-
-UIImageOrientation orientationFromExif(int exifOrientation) {
-    switch (exifOrientation) {
-    case 2: return UIImageOrientationUpMirrored;
-    case 3: return UIImageOrientationDown;
-    case 4: return UIImageOrientationDownMirrored;
-    case 5: return UIImageOrientationLeftMirrored;
-    case 6: return UIImageOrientationRight;
-    case 7: return UIImageOrientationRightMirrored;
-    case 8: return UIImageOrientationLeft;
-    default: return UIImageOrientationUp;
-    }
-}
-
-std::optional<UIImage> decodeImage(std::span<const uint8_t> data) {
-    static constexpr uint8_t kPNG[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
-    // A small file can announce a large picture: its pixels may not fit in memory.
-    return orOnAllocationFailure<std::optional<UIImage>>(std::nullopt, [&]() -> std::optional<UIImage> {
-        if (data.size() >= 8 && std::memcmp(data.data(), kPNG, 8) == 0) {
-            return decodePNG(data);
-        }
-        if (data.size() >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF) {
-            return decodeJPEG(data);
-        }
-        return std::nullopt;
-    });
-}
-
 } // namespace detail
 
 namespace {
@@ -306,23 +158,70 @@ std::optional<std::vector<uint8_t>> UIImageJPEGRepresentation(const UIImage& ima
         std::nullopt, [&] { return encodeJPEG(image, quality); });
 }
 
+namespace {
+std::nullopt_t readFailure(ImageReadError* error, ImageReadError::Reason reason, const char* message) {
+    if (error != nullptr) {
+        error->reason = reason;
+        detail::onAllocationFailureStop([&] { error->message = message; });
+    }
+    return std::nullopt;
+}
+
+std::string lowerFirst(std::string text) {
+    if (!text.empty() && text[0] >= 'A' && text[0] <= 'Z') {
+        text[0] = static_cast<char>(text[0] - 'A' + 'a');
+    }
+    return text;
+}
+
+std::nullopt_t systemFailure(ImageReadError* error, int code) {
+    if (code == ENOENT) {
+        return readFailure(error, ImageReadError::NoSuchFile, "no such file");
+    }
+    if (code == EISDIR) {
+        return readFailure(error, ImageReadError::IsADirectory, "is a directory");
+    }
+    if (code == ENOMEM) {
+        return readFailure(error, ImageReadError::OutOfMemory, "out of memory");
+    }
+    char text[256] = "";
+    const char* message = ::strerror_r(code, text, sizeof(text));
+    return readFailure(error, ImageReadError::Unreadable, lowerFirst(message).c_str());
+}
+} // namespace
+
 std::optional<std::vector<uint8_t>> dataWithContentsOfFile(const std::string& path) {
+    return dataWithContentsOfFile(path, nullptr);
+}
+
+std::optional<std::vector<uint8_t>> dataWithContentsOfFile(const std::string& path, ImageReadError* error) {
     // Non-blocking, so that opening a FIFO or a device returns at once; the opened file itself is then
     // checked (no gap between the check and the read).
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
-        return std::nullopt;
+        return systemFailure(error, errno);
     }
     struct stat st {};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<uint64_t>(st.st_size) > detail::kMaxFileBytes) {
+    if (::fstat(fd, &st) != 0) {
+        const int code = errno;
         ::close(fd);
-        return std::nullopt;
+        return systemFailure(error, code);
+    }
+    if (!S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return S_ISDIR(st.st_mode) ? readFailure(error, ImageReadError::IsADirectory, "is a directory")
+                                   : readFailure(error, ImageReadError::NotARegularFile,
+                                                 "not a regular file (a FIFO, device or socket)");
+    }
+    if (static_cast<uint64_t>(st.st_size) > detail::kMaxFileBytes) {
+        ::close(fd);
+        return readFailure(error, ImageReadError::FileTooLarge, "larger than 2 GiB");
     }
     std::optional<std::vector<uint8_t>> buffer = detail::orOnAllocationFailure<std::optional<std::vector<uint8_t>>>(
         std::nullopt, [&] { return std::vector<uint8_t>(static_cast<size_t>(st.st_size)); });
     if (!buffer) {
         ::close(fd);
-        return std::nullopt;
+        return readFailure(error, ImageReadError::OutOfMemory, "out of memory");
     }
     std::vector<uint8_t>& bytes = *buffer;
     size_t done = 0;
@@ -332,8 +231,11 @@ std::optional<std::vector<uint8_t>> dataWithContentsOfFile(const std::string& pa
             continue;
         }
         if (n <= 0) {
+            const int code = n < 0 ? errno : EIO;
             ::close(fd);
-            return std::nullopt;
+            // A file that shrank while being read.
+            return n == 0 ? readFailure(error, ImageReadError::Truncated, "truncated while being read")
+                          : systemFailure(error, code);
         }
         done += static_cast<size_t>(n);
     }

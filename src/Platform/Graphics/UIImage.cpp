@@ -32,14 +32,22 @@ UIImage UIImage::imageWithoutBitmap(CGSize size) {
     return out;
 }
 
-std::optional<UIImage> UIImage::imageWithData(std::span<const uint8_t> data) { return detail::decodeImage(data); }
+std::optional<UIImage> UIImage::imageWithData(std::span<const uint8_t> data) { return imageWithData(data, nullptr); }
+
+std::optional<UIImage> UIImage::imageWithData(std::span<const uint8_t> data, ImageReadError* error) {
+    return detail::decodeImage(data, error);
+}
 
 std::optional<UIImage> UIImage::imageWithContentsOfFile(const std::string& path) {
-    const auto bytes = dataWithContentsOfFile(path);
+    return imageWithContentsOfFile(path, nullptr);
+}
+
+std::optional<UIImage> UIImage::imageWithContentsOfFile(const std::string& path, ImageReadError* error) {
+    const auto bytes = dataWithContentsOfFile(path, error);
     if (!bytes) {
         return std::nullopt;
     }
-    return detail::decodeImage(*bytes);
+    return detail::decodeImage(*bytes, error);
 }
 
 CGSize UIImage::size() const {

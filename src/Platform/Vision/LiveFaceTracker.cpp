@@ -21,8 +21,6 @@ constexpr double kSmallestDetectableFace = 80.0;
 // Detections must score this much above the HOG model's threshold: video shows codes, text and patterns that
 // pass for faces at the still-image detector's margin.
 constexpr double kDetectionMargin = 0.5;
-// Small frames are enlarged at most this much for detection.
-constexpr double kMaxDetectionScale = 1.25;
 // dlib's detector scans a pyramid whose levels shrink by this factor; its window is kDetectorWindow pixels.
 constexpr double kPyramidStep = 5.0 / 6.0;
 constexpr double kDetectorWindow = 80.0;
@@ -31,25 +29,43 @@ constexpr double kDetectorWindow = 80.0;
 // (a fifteenth of a second apart at the worker's full rate) and still be found.
 constexpr double kTrackedFaceSize = 90.0;
 constexpr unsigned long kTrackedLevels = 3;
-// In video, new faces are looked for in steps: each step searches one tile of the frame at the fine scale through
-// the first kFineLevels levels (the small faces), and every kCoarseEvery-th step also the whole frame from the
-// level after those on (the large faces). Tiles are about this many frame pixels wide and high.
-constexpr unsigned long kFineLevels = 5;
-constexpr uint64_t kCoarseEvery = 2;
-constexpr int kTileColumnsDivisor = 330;
-constexpr int kTileRowsDivisor = 250;
-// A step of the search for new faces runs in one frame of this many while faces are tracked, and in one of
-// kSearchEveryWithoutFaces otherwise: with the coarse pass in every kCoarseEvery-th step, a new face of more than
-// about a quarter of the frame's height shows within four frames of an empty scene (a quarter of a second at 15
-// analysed frames a second), the smallest within one round of the tiles (24 frames).
-constexpr uint64_t kSearchEveryWhileTracking = 12;
-constexpr uint64_t kSearchEveryWithoutFaces = 2;
+// The search for new faces in video covers the enlarged frame's pyramid in three bands: the fine band (the first
+// kBandLevels levels: faces of kMinimumFaceFraction of the height to about 1.7 times that) in tiles of about
+// kFineTileWidth x kFineTileHeight frame pixels, the middle band (the next kBandLevels levels) in kMiddleTiles tiles
+// side by side, and the coarse band (the remaining levels) over the whole frame. Tiles overlap by the largest face
+// of their band. The fine tiles are visited from the middle of the frame outwards, and after every
+// kFineTilesPerRound of them a middle tile and the coarse band come; a search step visits regions until it has
+// scanned about kStepPixels pyramid pixels, the next step goes on from there.
+constexpr unsigned long kBandLevels = 4;
+constexpr int kFineTileWidth = 320;
+constexpr int kFineTileHeight = 240;
+constexpr int kMiddleTiles = 2;
+constexpr size_t kFineTilesPerRound = 3;
+constexpr double kStepPixels = 1.6e6;
+// The first frame of a stream gets a longer step, from the start of the plan: the coarse and middle bands whole and
+// the middle of the frame at the fine scale.
+constexpr double kFirstStepPixels = 3 * kStepPixels;
 // Tracked faces are looked for, and a lost track again (turned by these roll steps), in a square this many times
 // their box.
 constexpr double kSearchAreaFactor = 2.0;
 constexpr double kRecoveryRolls[] = {15.0, -15.0, 30.0, -30.0};
 // Landmarks of a head tilted by more than this (degrees) are fitted again on a crop turned upright.
 constexpr double kRefineRollDegrees = 5.0;
+// A face box moves towards each new fit by this share while the face holds still (its fit moved by less than
+// kStillShift of the box's width and changed its width by less than kStillResize); beyond that it follows at once.
+// Fits within kSteadyShift and kSteadyResize of the box leave it where it is.
+constexpr double kBoxFollow = 0.35;
+constexpr double kStillShift = 0.12;
+constexpr double kStillResize = 0.12;
+constexpr double kSteadyShift = 0.03;
+constexpr double kSteadyResize = 0.03;
+
+// dlib decodes its face detector from a compressed model, which takes longer than searching a picture: every
+// tracker of the process copies one decoded instance.
+const dlib::frontal_face_detector& sharedDetector() {
+    static const dlib::frontal_face_detector detector = dlib::get_frontal_face_detector();
+    return detector;
+}
 
 // IDs are never reused within the process, whichever tracker hands them out.
 std::atomic<NSInteger> gNextFaceID{1};
@@ -85,6 +101,9 @@ void toDlib(const LumaImage& img, dlib::array2d<unsigned char>& out) {
 struct Track {
     TrackedFace face;
     int missed = 0;
+    // The angles last reported, before quantisation was held by the hysteresis (-1: none yet).
+    double roll = -1.0;
+    double yaw = -1.0;
     // The roll step that found the face when the upright detector lost it (0: upright); a tilted head stays
     // tilted for a while, so that step is tried first next time.
     double recoveryRoll = 0.0;
@@ -114,6 +133,78 @@ CGRect boxOf(const dlib::rectangle& r, double scale, const RotatedCrop* crop) {
     return CGRectMake(c.x - w / 2, c.y - h / 2, w, h);
 }
 
+// One region of the search for new faces: a rectangle of the frame scanned at scale through levels pyramid levels
+// (0: all), and the pyramid pixels that costs.
+struct SearchRegion {
+    int x0 = 0;
+    int y0 = 0;
+    int x1 = 0;
+    int y1 = 0;
+    double scale = 1.0;
+    unsigned long levels = 0;
+    double cost = 0.0;
+};
+
+// The regions of one band of the pyramid, cols x rows tiles overlapping by the band's largest face, the middle
+// tiles first.
+std::vector<SearchRegion> bandRegions(int width, int height, double scale, unsigned long levels, int cols, int rows) {
+    std::vector<SearchRegion> out;
+    const double levelSum = levels == 0 ? 1.0 / (1.0 - kPyramidStep * kPyramidStep)
+                                        : (1.0 - std::pow(kPyramidStep * kPyramidStep, static_cast<double>(levels))) /
+                                              (1.0 - kPyramidStep * kPyramidStep);
+    const int overlap =
+        levels == 0 ? 0
+                    : static_cast<int>(std::ceil(kDetectorWindow /
+                                                 (scale * std::pow(kPyramidStep, static_cast<double>(levels - 1)))));
+    cols = std::max(1, cols);
+    rows = std::max(1, rows);
+    const int tw = (width + cols - 1) / cols;
+    const int th = (height + rows - 1) / rows;
+    for (int r = 0; r < rows; ++r) {
+        for (int c = 0; c < cols; ++c) {
+            SearchRegion g;
+            g.x0 = std::max(0, c * tw - overlap / 2);
+            g.y0 = std::max(0, r * th - overlap / 2);
+            g.x1 = std::min(width, (c + 1) * tw + overlap / 2);
+            g.y1 = std::min(height, (r + 1) * th + overlap / 2);
+            g.scale = scale;
+            g.levels = levels;
+            g.cost = static_cast<double>(g.x1 - g.x0) * (g.y1 - g.y0) * scale * scale * levelSum;
+            if (g.x1 > g.x0 && g.y1 > g.y0) {
+                out.push_back(g);
+            }
+        }
+    }
+    const auto fromMiddle = [&](const SearchRegion& g) {
+        return std::hypot((g.x0 + g.x1 - width) / 2.0, (g.y0 + g.y1 - height) / 2.0);
+    };
+    std::stable_sort(out.begin(), out.end(),
+                     [&](const SearchRegion& a, const SearchRegion& b) { return fromMiddle(a) < fromMiddle(b); });
+    return out;
+}
+
+// The box of a face held still moves only part of the way towards each new fit, so that the fit's noise does not
+// make it jitter; a face that moves or changes size is followed at once.
+CGRect steadyBox(CGRect before, CGRect fit) {
+    const double w = before.size.width;
+    if (!(w > 0)) {
+        return fit;
+    }
+    const double shift = std::hypot(fit.origin.x + fit.size.width / 2 - before.origin.x - w / 2,
+                                    fit.origin.y + fit.size.height / 2 - before.origin.y - before.size.height / 2);
+    if (std::abs(fit.size.width - w) >= kStillResize * w || shift >= kStillShift * w) {
+        return fit;
+    }
+    if (std::abs(fit.size.width - w) < kSteadyResize * w && shift < kSteadyShift * w) {
+        return before;
+    }
+    const auto towards = [](double a, double b) { return a + kBoxFollow * (b - a); };
+    const double side = towards(w, fit.size.width);
+    const double cx = towards(before.origin.x + w / 2, fit.origin.x + fit.size.width / 2);
+    const double cy = towards(before.origin.y + before.size.height / 2, fit.origin.y + fit.size.height / 2);
+    return CGRectMake(cx - side / 2, cy - side / 2, side, side);
+}
+
 bool isKnown(const std::vector<Found>& known, CGRect box) {
     return std::any_of(known.begin(), known.end(),
                        [&](const Found& g) { return LiveFaceTracker::matchScore(g.box, box) > 0; });
@@ -123,12 +214,18 @@ bool isKnown(const std::vector<Found>& known, CGRect box) {
 
 struct LiveFaceTracker::Impl {
     Mode mode = Mode::Video;
-    uint64_t tileIndex = 0;
-    uint64_t framesSinceSearch = kSearchEveryWhileTracking; // the first frame searches
-    dlib::frontal_face_detector detector = dlib::get_frontal_face_detector();
+    int framesSinceSearch = 0;
+    bool searchedWhole = false; // the first frame of a stream gets the longer first step
+    // The search plan for frames of planWidth x planHeight, and where the next step starts in it.
+    std::vector<SearchRegion> plan;
+    size_t distinctRegions = 0; // the plan's first regions are each region once
+    size_t cursor = 0;
+    int planWidth = 0;
+    int planHeight = 0;
+    dlib::frontal_face_detector detector = sharedDetector();
     // The same detector limited to the first few pyramid levels: faces of a known size range.
     dlib::frontal_face_detector trackedDetector = limited(detector, kTrackedLevels);
-    dlib::frontal_face_detector fineDetector = limited(detector, kFineLevels);
+    dlib::frontal_face_detector bandDetector = limited(detector, kBandLevels);
     std::shared_ptr<const dlib::shape_predictor> model;
     std::vector<Track> tracks;
     dlib::array2d<unsigned char> gray; // reused from search to search
@@ -145,6 +242,10 @@ struct LiveFaceTracker::Impl {
     }
 
     void refineLandmarks(const LumaImage& frame, Found& f) const;
+    void makePlan(int width, int height);
+    // Scans regions of the plan from the cursor on (from the plan's start, each region at most once, when
+    // fromStart) until about budget pyramid pixels are spent, adding new detections to found.
+    void search(const LumaImage& frame, double budget, std::vector<Found>& found, bool fromStart = false);
 
     // Detections in img (already reduced by scale) mapped to frame pixels through crop (identity when null). Those
     // that continue a detection in known are left out before their landmarks are fitted.
@@ -213,6 +314,68 @@ LiveFaceTracker::~LiveFaceTracker() = default;
 
 void LiveFaceTracker::reset() {
     _impl->tracks.clear();
+    _impl->searchedWhole = false;
+}
+
+void LiveFaceTracker::Impl::makePlan(int width, int height) {
+    if (width == planWidth && height == planHeight && !plan.empty()) {
+        return;
+    }
+    planWidth = width;
+    planHeight = height;
+    cursor = 0;
+    const double fine = detectionScale(height);
+    const double middle = fine * std::pow(kPyramidStep, static_cast<double>(kBandLevels));
+    const double coarse = middle * std::pow(kPyramidStep, static_cast<double>(kBandLevels));
+    const auto fineTiles = bandRegions(width, height, fine, kBandLevels, (width + kFineTileWidth - 1) / kFineTileWidth,
+                                       (height + kFineTileHeight - 1) / kFineTileHeight);
+    const auto middleTiles = bandRegions(width, height, middle, kBandLevels, kMiddleTiles, 1);
+    const auto coarseTiles = bandRegions(width, height, coarse, 0, 1, 1);
+    // Each region once first (a first step from the start stops there), then the rounds of the step-by-step search.
+    plan.clear();
+    plan.insert(plan.end(), coarseTiles.begin(), coarseTiles.end());
+    plan.insert(plan.end(), middleTiles.begin(), middleTiles.end());
+    plan.insert(plan.end(), fineTiles.begin(), fineTiles.end());
+    distinctRegions = plan.size();
+    const size_t rounds = std::max<size_t>(middleTiles.size(), (fineTiles.size() + kFineTilesPerRound - 1) /
+                                                                   kFineTilesPerRound);
+    for (size_t r = 0; r < rounds; ++r) {
+        plan.insert(plan.end(), coarseTiles.begin(), coarseTiles.end());
+        if (!middleTiles.empty()) {
+            plan.push_back(middleTiles[r % middleTiles.size()]);
+        }
+        for (size_t i = r * kFineTilesPerRound; i < std::min(fineTiles.size(), (r + 1) * kFineTilesPerRound); ++i) {
+            plan.push_back(fineTiles[i]);
+        }
+    }
+    cursor = distinctRegions;
+}
+
+void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::vector<Found>& found,
+                                   bool fromStart) {
+    makePlan(frame.width, frame.height);
+    const bool whole = fromStart;
+    size_t index = whole ? 0 : cursor;
+    double spent = 0.0;
+    for (size_t visited = 0; visited < (whole ? distinctRegions : plan.size()) && spent < budget; ++visited) {
+        const SearchRegion& g = plan[index];
+        index = index + 1 < plan.size() ? index + 1 : distinctRegions;
+        spent += g.cost;
+        RotatedCrop crop;
+        crop.centre = {(g.x0 + g.x1) / 2.0, (g.y0 + g.y1) / 2.0};
+        crop.scale = g.scale;
+        crop.width = static_cast<int>((g.x1 - g.x0) * g.scale);
+        crop.height = static_cast<int>((g.y1 - g.y0) * g.scale);
+        dlib::frontal_face_detector& by = g.levels == 0 ? detector : bandDetector;
+        for (const Found& f : detect(by, crop.sample(frame), g.scale, &crop, &found)) {
+            if (!isKnown(found, f.box)) {
+                found.push_back(f);
+            }
+        }
+    }
+    if (!whole) {
+        cursor = index;
+    }
 }
 
 double LiveFaceTracker::detectionScale(int height) {
@@ -228,6 +391,56 @@ double LiveFaceTracker::quantizedRoll(double degrees) {
 
 double LiveFaceTracker::quantizedYaw(double degrees) {
     return quantize(degrees, 45.0);
+}
+
+double LiveFaceTracker::steadyStep(double degrees, double previous, double step, double margin) {
+    if (!std::isfinite(degrees)) {
+        return previous >= 0 ? previous : 0.0;
+    }
+    if (previous >= 0) {
+        double d = std::fmod(degrees - previous, 360.0);
+        if (d > 180.0) {
+            d -= 360.0;
+        } else if (d <= -180.0) {
+            d += 360.0;
+        }
+        if (std::abs(d) < step / 2 + margin) {
+            return previous;
+        }
+    }
+    return quantize(degrees, step);
+}
+
+CGRect LiveFaceTracker::boxFromLandmarks(const DlibFaceDetector::Landmarks& pts) {
+    const CGPoint left = DlibFaceDetector::landmarkMean(pts, 36, 41);
+    const CGPoint right = DlibFaceDetector::landmarkMean(pts, 42, 47);
+    const double len = std::hypot(right.x - left.x, right.y - left.y);
+    if (!(len > 0)) {
+        return CGRectZero;
+    }
+    // u along the eye line, v across it pointing to the chin.
+    const CGPoint u{(right.x - left.x) / len, (right.y - left.y) / len};
+    const CGPoint v{-u.y, u.x};
+    double a0 = std::numeric_limits<double>::infinity();
+    double a1 = -a0;
+    double b0 = a0;
+    double b1 = -a0;
+    for (const CGPoint& p : pts) {
+        const double a = p.x * u.x + p.y * u.y;
+        const double b = p.x * v.x + p.y * v.y;
+        a0 = std::min(a0, a);
+        a1 = std::max(a1, a);
+        b0 = std::min(b0, b);
+        b1 = std::max(b1, b);
+    }
+    const double side = std::max(a1 - a0, b1 - b0);
+    if (!(side > 0)) {
+        return CGRectZero;
+    }
+    const double ca = (a0 + a1) / 2;
+    const double cb = (b0 + b1) / 2;
+    const CGPoint c{ca * u.x + cb * v.x, ca * u.y + cb * v.y};
+    return CGRectMake(c.x - side / 2, c.y - side / 2, side, side);
 }
 
 double LiveFaceTracker::rollFromLandmarks(const DlibFaceDetector::Landmarks& pts) {
@@ -311,48 +524,28 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             crop.width = crop.height = static_cast<int>(side * crop.scale);
             addNew(_impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop, &found));
         }
-        const double fine = detectionScale(frame.height);
         if (_impl->mode == Mode::Picture) {
             // A picture too small for the smallest faces to fill the detector's window is enlarged (the area
             // average only shrinks).
-            if (fine > 1.0) {
+            const double scale = detectionScale(frame.height);
+            if (scale > 1.0) {
                 RotatedCrop whole;
                 whole.centre = {frame.width / 2.0, frame.height / 2.0};
-                whole.scale = fine;
-                whole.width = static_cast<int>(frame.width * fine);
-                whole.height = static_cast<int>(frame.height * fine);
-                addNew(_impl->detect(_impl->detector, whole.sample(frame), fine, &whole, &found));
+                whole.scale = scale;
+                whole.width = static_cast<int>(frame.width * scale);
+                whole.height = static_cast<int>(frame.height * scale);
+                addNew(_impl->detect(_impl->detector, whole.sample(frame), scale, &whole, &found));
             } else {
-                addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, fine), fine, nullptr, &found));
+                addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, scale), scale, nullptr, &found));
             }
+        } else if (!_impl->searchedWhole) {
+            _impl->searchedWhole = true;
+            _impl->framesSinceSearch = 0;
+            _impl->search(frame, kFirstStepPixels, found, true);
         } else if (++_impl->framesSinceSearch >=
                    (_impl->tracks.empty() ? kSearchEveryWithoutFaces : kSearchEveryWhileTracking)) {
             _impl->framesSinceSearch = 0;
-            // New faces: small ones at the fine scale in one tile, the tiles taking turns (they overlap by more
-            // than the largest face of the fine levels), large ones over the whole frame at the scale of the level
-            // after the fine ones, in every few steps. While faces are tracked, steps run in every few frames only.
-            const uint64_t step = _impl->tileIndex++;
-            if (step % kCoarseEvery == 0) {
-                const double coarse = fine * std::pow(kPyramidStep, static_cast<double>(kFineLevels));
-                addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, coarse), coarse, nullptr, &found));
-            }
-            const int overlap =
-                static_cast<int>(std::ceil(kDetectorWindow / (fine * std::pow(kPyramidStep, kFineLevels))));
-            const int cols = std::max(1, (frame.width + kTileColumnsDivisor - 1) / kTileColumnsDivisor);
-            const int rows = std::max(1, (frame.height + kTileRowsDivisor - 1) / kTileRowsDivisor);
-            const int tile = static_cast<int>(step % static_cast<uint64_t>(cols * rows));
-            const int tw = (frame.width + cols - 1) / cols;
-            const int th = (frame.height + rows - 1) / rows;
-            const int x0 = std::max(0, (tile % cols) * tw - overlap / 2);
-            const int y0 = std::max(0, (tile / cols) * th - overlap / 2);
-            const int x1 = std::min(frame.width, (tile % cols + 1) * tw + overlap / 2);
-            const int y1 = std::min(frame.height, (tile / cols + 1) * th + overlap / 2);
-            RotatedCrop crop;
-            crop.centre = {(x0 + x1) / 2.0, (y0 + y1) / 2.0};
-            crop.scale = fine;
-            crop.width = static_cast<int>((x1 - x0) * fine);
-            crop.height = static_cast<int>((y1 - y0) * fine);
-            addNew(_impl->detect(_impl->fineDetector, crop.sample(frame), fine, &crop, &found));
+            _impl->search(frame, kStepPixels, found);
         }
 
         // Tracks the upright detector lost are looked for again, turned by the roll steps.
@@ -397,11 +590,13 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
         }
         std::sort(pairs.begin(), pairs.end(), [](const auto& x, const auto& y) { return x.first > y.first; });
         std::vector<NSInteger> idOf(found.size(), 0);
+        std::vector<size_t> trackOf(found.size(), _impl->tracks.size());
         std::vector<bool> trackUsed(_impl->tracks.size(), false);
         for (const auto& [o, ij] : pairs) {
             if (!trackUsed[ij.first] && idOf[ij.second] == 0) {
                 trackUsed[ij.first] = true;
                 idOf[ij.second] = _impl->tracks[ij.first].face.faceID;
+                trackOf[ij.second] = ij.first;
             }
         }
         std::vector<Track> next;
@@ -413,28 +608,38 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             }
         }
         for (size_t j = 0; j < found.size(); ++j) {
-            const Found& f = found[j];
+            Found& f = found[j];
             // Two detections of one face (upright and turned) count once.
             const bool duplicate = std::any_of(out.begin(), out.end(),
                                                [&](const TrackedFace& o) { return matchScore(o.bounds, f.box) > 0; });
             if (duplicate) {
                 continue;
             }
-            TrackedFace face;
+            const Track* before = trackOf[j] < _impl->tracks.size() ? &_impl->tracks[trackOf[j]] : nullptr;
+            Track now;
+            now.recoveryRoll = f.recoveryRoll;
+            TrackedFace& face = now.face;
             face.bounds = f.box;
             face.faceID = idOf[j] != 0 ? idOf[j] : gNextFaceID.fetch_add(1, std::memory_order_relaxed);
             if (f.hasLandmarks) {
-                _impl->refineLandmarks(frame, found[j]);
+                _impl->refineLandmarks(frame, f);
+                const CGRect fit = boxFromLandmarks(f.pts);
+                if (fit.size.width > 0) {
+                    face.bounds = before != nullptr ? steadyBox(before->face.bounds, fit) : fit;
+                }
                 face.hasRollAngle = true;
-                face.rollAngle = quantizedRoll(rollFromLandmarks(f.pts));
+                face.rollAngle = steadyStep(rollFromLandmarks(f.pts), before != nullptr ? before->roll : -1.0, 30.0,
+                                            kRollHysteresis);
+                now.roll = face.rollAngle;
                 const double yaw = yawFromLandmarks(f.pts);
                 if (std::isfinite(yaw)) {
                     face.hasYawAngle = true;
-                    face.yawAngle = quantizedYaw(yaw);
+                    face.yawAngle = steadyStep(yaw, before != nullptr ? before->yaw : -1.0, 45.0, kYawHysteresis);
+                    now.yaw = face.yawAngle;
                 }
             }
             out.push_back(face);
-            next.push_back({face, 0, f.recoveryRoll});
+            next.push_back(now);
         }
         _impl->tracks = std::move(next);
     } catch (...) {

@@ -25,17 +25,30 @@ struct TrackedFace {
 };
 
 /// Finds frontal faces with dlib's HOG detector, measures them with the shared 68-point landmark model and follows
-/// them from frame to frame by overlap. In video, each frame costs a fraction of a full search: tracked faces are
-/// looked for in their neighbourhood in every frame; new faces in search steps, one in every second frame while
-/// no face is tracked and one in every twelfth while faces are: large new faces over the whole frame at a coarse
-/// scale in every second step, and small new faces (down to kMinimumFaceFraction of the frame height, scaled so
-/// that they fill the detector's 80-pixel window) in one tile of the frame per step, the tiles taking turns.
-/// A tracked face that the upright detector loses (a head tilted beyond its reach) is looked for again in its
-/// neighbourhood, turned by the roll steps. An instance is used by one thread at a time.
+/// them from frame to frame by overlap. Faces down to kMinimumFaceFraction of the frame height are found: the
+/// search enlarges the picture so that they fill the detector's 80-pixel window (at most kMaxDetectionScale times).
+/// In video, each frame costs a fraction of a full search: tracked faces are looked for in their neighbourhood in
+/// every frame; new faces in search steps, one in every kSearchEveryWithoutFaces-th frame while no face is tracked
+/// and one in every kSearchEveryWhileTracking-th while faces are. A step searches a share of the enlarged frame's
+/// pyramid (the whole frame at the coarse levels, tiles of it at the fine ones, the middle of the frame first),
+/// the next step the next share; the first frame of a stream gets a longer first step. A tracked face that the upright
+/// detector loses (a head tilted beyond its reach) is looked for again in its neighbourhood, turned by the roll
+/// steps. The box is fitted to the face's landmarks and smoothed while the face holds still; roll and yaw keep
+/// their step until the head has clearly passed the boundary to the next. An instance is used by one thread at a
+/// time.
 class LiveFaceTracker {
 public:
     /// Faces at least this fraction of the frame height are found.
-    static constexpr double kMinimumFaceFraction = 0.1;
+    static constexpr double kMinimumFaceFraction = 0.06;
+    /// A picture is enlarged at most this much for its smallest faces.
+    static constexpr double kMaxDetectionScale = 2.5;
+    /// Search steps run in one analysed frame of this many while no face is tracked...
+    static constexpr int kSearchEveryWithoutFaces = 3;
+    /// ...and in one of this many while faces are.
+    static constexpr int kSearchEveryWhileTracking = 15;
+    /// A reported angle keeps its step until the head is this many degrees past the boundary to the next step.
+    static constexpr double kRollHysteresis = 4.0;
+    static constexpr double kYawHysteresis = 6.0;
     /// A track survives this many analysed frames without its face (a missed detection), then ends.
     static constexpr int kMaxMissedFrames = 2;
     /// Detections overlapping a track by at least this intersection-over-union continue it...
@@ -62,6 +75,12 @@ public:
     static double quantizedRoll(double degrees);
     /// Yaw in degrees reported in steps of 45 in [0, 360); halves round away from frontal.
     static double quantizedYaw(double degrees);
+    /// The step (a multiple of step in [0, 360)) to report for degrees when previous was reported last: previous
+    /// while degrees lies within half a step plus margin of it, else the nearest step. previous < 0: none yet.
+    static double steadyStep(double degrees, double previous, double step, double margin);
+    /// The square box of a face from its landmarks in the picture's pixels: centred on the face's outline, brows and
+    /// chin measured along and across the eye line (so a tilted head keeps its size), as wide as the face is high.
+    static CGRect boxFromLandmarks(const DlibFaceDetector::Landmarks& pts);
     /// The head's roll from its landmarks, degrees clockwise as seen (eye line against the horizontal).
     static double rollFromLandmarks(const DlibFaceDetector::Landmarks& pts);
     /// The face's yaw from its landmarks, degrees, positive when it turns towards the frame's right (the nose

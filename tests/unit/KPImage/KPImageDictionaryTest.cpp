@@ -2,6 +2,7 @@
 // The PNG image store: round trips, replacement, wildcard deletion, links and unusable directories.
 #include "KPImage/KPImageDictionary.h"
 
+#include "KPImage/Platform/ImageIO.h"
 #include "KPImage/Platform/NSSearchPath.h"
 #include "support/PixelProbe.h"
 #include "support/TestSupport.h"
@@ -248,16 +249,66 @@ TEST_F(KPImageDictionaryTest, RemovalNeverTakesTheDirectoryOrWhatIsAboveIt) {
         ASSERT_TRUE(fs::exists(docs / "kept.png"));
         ASSERT_TRUE(fs::exists(docs / "a" / "inner.png"));
     }
-    // Names still reach where they say: a file in a subdirectory, a file beside the directory.
+    // Names still reach into subdirectories, never beside the directory.
     KPImageDictionary::deleteImageWithFileName("a/inner", "png");
     EXPECT_FALSE(fs::exists(docs / "a" / "inner.png"));
     KPImageDictionary::deleteImageWithFileName("../precious", "txt");
-    EXPECT_FALSE(fs::exists(home / "precious.txt"));
+    EXPECT_TRUE(fs::exists(home / "precious.txt"));
     // The wildcard removes the links themselves and keeps the directory.
     KPImageDictionary::deleteImageWithFileName("*", "*");
     EXPECT_TRUE(fs::is_directory(docs));
     EXPECT_TRUE(fs::is_empty(docs));
     EXPECT_TRUE(fs::is_directory(home));
+}
+
+TEST_F(KPImageDictionaryTest, NamesReachingOutsideTheDirectoryAreRefused) {
+    const kp::CGImageRef image = kptest::makeGray(4, 4, std::vector<uint8_t>(16, 7));
+    const fs::path outside = _root / "outside";
+    fs::create_directories(outside);
+    fs::create_directories(_docs / "sub");
+    ASSERT_TRUE(kp::writeToFile(*kp::UIImagePNGRepresentation(kp::UIImage::imageWithCGImage(image)),
+                                (outside / "victim.png").string(), true));
+    ASSERT_TRUE(kp::writeToFile(*kp::UIImagePNGRepresentation(kp::UIImage::imageWithCGImage(image)),
+                                (_root / "victim.png").string(), true));
+    fs::create_directory_symlink(outside, _docs / "out");
+    fs::create_directory_symlink(outside, _docs / "sub" / "deeper");
+    const auto outsideState = [&] {
+        std::set<std::string> state;
+        for (const auto& e : fs::recursive_directory_iterator(_root)) {
+            if (e.path().string().rfind(_docs.string(), 0) != 0) {
+                const auto written = fs::last_write_time(e.path()).time_since_epoch().count();
+                state.insert(e.path().string() + " " + std::to_string(written));
+            }
+        }
+        return state;
+    };
+    const std::set<std::string> before = outsideState();
+    for (const std::string& name : std::vector<std::string>{"../victim", "sub/../../victim", "out/victim",
+                                                            "sub/deeper/victim", "/../victim", "./../victim",
+                                                            (outside / "victim").string(), "sub/../out/victim"}) {
+        SCOPED_TRACE(name);
+        EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(image, name));
+        EXPECT_FALSE(KPImageDictionary::loadImageWithFileName(name));
+        KPImageDictionary::deleteImageWithFileName(name, "png");
+        EXPECT_EQ(outsideState(), before);
+    }
+    // A file link pointing out is not read through; saving replaces the link, deleting removes it.
+    fs::create_symlink(outside / "victim.png", _docs / "leak.png");
+    EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("leak"));
+    KPImageDictionary::deleteImageWithFileName("leak", "png");
+    EXPECT_FALSE(fs::exists(fs::symlink_status(_docs / "leak.png")));
+    fs::create_symlink(outside / "victim.png", _docs / "leak.png");
+    EXPECT_TRUE(KPImageDictionary::saveImageAsPNG(image, "leak"));
+    EXPECT_FALSE(fs::is_symlink(_docs / "leak.png"));
+    EXPECT_EQ(outsideState(), before);
+    // Names that stay inside keep working, "/" and ".." included.
+    for (const char* name : {"sub/inner", "sub/../inner", "/sub/inner", "sub/./x"}) {
+        SCOPED_TRACE(name);
+        EXPECT_TRUE(KPImageDictionary::saveImageAsPNG(image, name));
+        EXPECT_TRUE(KPImageDictionary::loadImageWithFileName(name));
+        KPImageDictionary::deleteImageWithFileName(name, "png");
+        EXPECT_FALSE(KPImageDictionary::loadImageWithFileName(name));
+    }
 }
 
 TEST_F(KPImageDictionaryTest, UnusableDirectoryGivesNoAndNil) {
