@@ -41,7 +41,7 @@ constexpr int kFineTileWidth = 320;
 constexpr int kFineTileHeight = 240;
 constexpr int kMiddleTiles = 2;
 constexpr size_t kFineTilesPerRound = 3;
-constexpr double kStepPixels = 1.6e6;
+constexpr double kStepPixels = 1.0e6;
 // The first frame of a stream gets a longer step, from the start of the plan: the coarse and middle bands whole and
 // the middle of the frame at the fine scale.
 constexpr double kFirstStepPixels = 3 * kStepPixels;
@@ -359,6 +359,9 @@ void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::v
     double spent = 0.0;
     for (size_t visited = 0; visited < (whole ? distinctRegions : plan.size()) && spent < budget; ++visited) {
         const SearchRegion& g = plan[index];
+        if (visited > 0 && spent + g.cost > budget) {
+            break; // the next step starts there
+        }
         index = index + 1 < plan.size() ? index + 1 : distinctRegions;
         spent += g.cost;
         RotatedCrop crop;
