@@ -190,6 +190,11 @@ TEST_F(CameraRollTest, ALateCallbackDeletesTheNextMovieAndEveryCallbackCounts) {
         kp::NSThread::sleepForTimeInterval(0.005);
     }
     ASSERT_FALSE(_recorder->isRecording());
+    // The album takes the movie on its own queue; its callback is what waits for the main queue. A start before
+    // the album has the file would empty the folder under it.
+    for (int i = 0; i < 2000 && kptest::fileCount(album()) == 0; ++i) {
+        kp::NSThread::sleepForTimeInterval(0.005);
+    }
     ASSERT_TRUE(_recorder->startSavingCameraData());
     EXPECT_EQ(_recorder->videoFilePath()->path(), folder() + "/FrontCardData0.mov") << "the counter has not risen";
     EXPECT_TRUE(_recorder->appendCameraData(frame(1)));
