@@ -22,9 +22,11 @@ expect "the first state line" "$work/stdout" \
 expect "the summary" "$work/stdout" \
     '^\{"summary":\{"camera":"sample:front","seconds":[0-9]+\.[0-9]{3},"frames":[1-9][0-9]*,"stills":\[[^]]*\],"barcodeData":"[^"]*","card":(null|\{.*\}),"headCenteredSeconds":[0-9]+\.[0-9]{3}\}\}$'
 # Without --show-card-data no line holds the card's raw text or an unredacted name, number, birth date or street.
-if grep -Eq 'ANSI 636|SAMPLE|MICHAEL|T64235789|1986-06-06|06061986|WEST BROAD|232690000' "$work/stdout" "$work/stderr"; then
+# The card's QR code is not card data and is printed as it is, so its text is taken out before looking.
+private='ANSI 636|SAMPLE|MICHAEL|T64235789|1986-06-06|06061986|WEST BROAD|232690000'
+if sed 's/KPIMAGE SAMPLE CARD T64235789//g' "$work/stdout" "$work/stderr" | grep -Eq "$private"; then
     echo "card data shown without --show-card-data:" >&2
-    grep -E 'ANSI 636|SAMPLE|MICHAEL|T64235789|1986-06-06|06061986|WEST BROAD|232690000' "$work/stdout" "$work/stderr" >&2
+    sed 's/KPIMAGE SAMPLE CARD T64235789//g' "$work/stdout" "$work/stderr" | grep -E "$private" >&2
     failed=1
 fi
 if [ "$mode" = format-only ]; then
