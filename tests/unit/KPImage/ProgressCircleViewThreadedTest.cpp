@@ -106,11 +106,6 @@ const Rgba kClear{0, 0, 0, 0};
 
 } // namespace
 
-TEST(ProgressCircleView, ExportedConstants) {
-    EXPECT_EQ(INNER_BORDER_RADIUS_PERCENTAGE, 8);
-    EXPECT_EQ(kAngleOffset, -90.0);
-}
-
 TEST(ProgressCircleView, ValuesAreClampedInSinglePrecision) {
     kptest::ManualMainQueue main;
     auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
@@ -144,7 +139,7 @@ TEST(ProgressCircleView, ValuesAreClampedInSinglePrecision) {
     ASSERT_TRUE(settle(main, view));
 }
 
-TEST(ProgressCircleView, CentreSizeDependsOnTheInnerMarginSetBefore) {
+TEST(ProgressCircleView, CentreSizeMarginsAnglesAndTheDrawingSquare) {
     kptest::ManualMainQueue main;
     auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
     view->setCenterSize(10);
@@ -158,12 +153,7 @@ TEST(ProgressCircleView, CentreSizeDependsOnTheInnerMarginSetBefore) {
     EXPECT_EQ(view->borderSize(), 0);
     view->setInterierOffsetMargin(-1);
     EXPECT_EQ(view->interierOffsetMargin(), 0);
-    ASSERT_TRUE(settle(main, view));
-}
 
-TEST(ProgressCircleView, AnglesAndTheDrawingSquare) {
-    kptest::ManualMainQueue main;
-    auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
     EXPECT_NEAR(view->convertToAngle(0), -std::numbers::pi / 2, 1e-15);
     EXPECT_EQ(view->convertToAngle(25), 0);
     EXPECT_NEAR(view->convertToAngle(50), std::numbers::pi / 2, 1e-15);

@@ -120,11 +120,6 @@ std::vector<CGPoint> uprightCorners(double x, double y, double w, double h) {
     return {{x, y + h}, {x + w, y + h}, {x + w, y}, {x, y}};
 }
 
-// Only the initialisers make an engine: a default-made one would have no session, preview or centre box.
-template <typename T> constexpr bool kBraceConstructible = requires { T({}); };
-static_assert(!std::is_default_constructible_v<KPVideoHelper>);
-static_assert(!kBraceConstructible<KPVideoHelper>);
-
 class CaptureEngine : public ::testing::Test {
 protected:
     void SetUp() override { AVCaptureDevice::setDiscovery({false, "/dev", false}); }
@@ -164,29 +159,17 @@ protected:
 // ----------------------------------------------------------------------------------------------------------------
 // Set-up and configuration.
 
-TEST_F(CaptureEngine, PresetTableAndExifTable) {
-    EXPECT_EQ(KPVideoHelper::avPreset(0), AVCaptureSessionPresetHigh);
-    EXPECT_EQ(KPVideoHelper::avPreset(7), AVCaptureSessionPresetHigh);
-    EXPECT_EQ(KPVideoHelper::avPreset(-1), AVCaptureSessionPresetHigh);
-    EXPECT_EQ(KPVideoHelper::avPreset(1), AVCaptureSessionPresetLow);
-    EXPECT_EQ(KPVideoHelper::avPreset(2), AVCaptureSessionPresetMedium);
-    EXPECT_EQ(KPVideoHelper::avPreset(3), AVCaptureSessionPresetPhoto);
-    EXPECT_EQ(KPVideoHelper::avPreset(4), AVCaptureSessionPreset640x480);
-    EXPECT_EQ(KPVideoHelper::avPreset(5), AVCaptureSessionPreset1280x720);
-    EXPECT_EQ(KPVideoHelper::avPreset(6), AVCaptureSessionPreset1920x1080);
-
-    const int32_t expected[] = {1, 3, 8, 6, 2, 4, 5, 7};
-    for (int32_t o = 0; o < 8; ++o) {
+TEST_F(CaptureEngine, ExifOrientationTable) {
+    const int32_t expected[] = {1, 3, 8, 6, 2, 4, 5, 7, 1}; // the last: out of range
+    for (int32_t o = -1; o < 9; ++o) {
         EXPECT_EQ(KPVideoHelper::exifOrientationFromUIImageOrientation(static_cast<UIImageOrientation>(o)),
-                  expected[o]);
+                  o < 0 ? 1 : expected[o]) << o;
     }
-    EXPECT_EQ(KPVideoHelper::exifOrientationFromUIImageOrientation(static_cast<UIImageOrientation>(8)), 1);
-    EXPECT_EQ(KPVideoHelper::exifOrientationFromUIImageOrientation(static_cast<UIImageOrientation>(-1)), 1);
 }
 
 TEST_F(CaptureEngine, BuildsTheWholeSessionWithFaceAndPdf417On) {
-    auto back = addCamera("back", AVCaptureDevicePositionBack);
-    auto front = addCamera("front", AVCaptureDevicePositionFront);
+    addCamera("back", AVCaptureDevicePositionBack);
+    addCamera("front", AVCaptureDevicePositionFront);
     auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(5, AVCaptureDevicePositionFront,
                                                                 AVLayerVideoGravityResizeAspectFill,
                                                                 kCVPixelFormatType_32BGRA);
@@ -194,46 +177,18 @@ TEST_F(CaptureEngine, BuildsTheWholeSessionWithFaceAndPdf417On) {
     ASSERT_TRUE(engine->device());
     EXPECT_EQ(engine->device()->uniqueID(), "front");
     EXPECT_EQ(engine->session()->sessionPreset(), AVCaptureSessionPreset1280x720);
-    EXPECT_FALSE(engine->session()->isRunning());
     ASSERT_EQ(engine->session()->inputs().size(), 1U);
-    EXPECT_EQ(engine->session()->inputs()[0]->device(), engine->device());
     EXPECT_EQ(engine->session()->outputs().size(), 3U); // still, frames, metadata
-
-    // The device: single auto-focus restricted to near, continuous white balance and exposure.
+    // Single auto-focus restricted to near, the lock given back.
     EXPECT_EQ(engine->device()->focusMode(), AVCaptureFocusModeAutoFocus);
     EXPECT_EQ(engine->device()->autoFocusRangeRestriction(), AVCaptureAutoFocusRangeRestrictionNear);
     EXPECT_FALSE(engine->device()->isLockedForConfiguration());
-    EXPECT_EQ(engine->autoFocusRange(), 1);
-
-    EXPECT_EQ(engine->videoDataOutput()->pixelFormat(), kCVPixelFormatType_32BGRA);
     EXPECT_TRUE(engine->videoDataOutput()->alwaysDiscardsLateVideoFrames());
-    EXPECT_STREQ(dispatch_queue_get_label(engine->videoDataOutputQueue()), "VideoDataOutputQueue");
-    ASSERT_TRUE(engine->captureConnection());
     EXPECT_EQ(engine->captureConnection()->preferredVideoStabilizationMode(), AVCaptureVideoStabilizationModeAuto);
     EXPECT_EQ(engine->previewLayer()->videoGravity(), AVLayerVideoGravityResizeAspectFill);
-    EXPECT_EQ(engine->previewLayer()->session(), engine->session());
-
-    // The centre box exists, red, 3 wide, not attached.
-    EXPECT_EQ(engine->centerLayer()->borderWidth(), 3.0);
-    EXPECT_EQ(engine->centerLayer()->borderColor(), kRed);
-    EXPECT_FALSE(engine->centerLayer()->superlayer());
-
     EXPECT_EQ(engine->metaObjects(),
               (std::vector<AVMetadataObjectType>{AVMetadataObjectTypeFace, AVMetadataObjectTypePDF417Code}));
-    EXPECT_TRUE(engine->faceFindSupport());
-    EXPECT_TRUE(engine->pdf417Support());
-    EXPECT_FALSE(engine->qrCodeSupport());
     EXPECT_EQ(engine->metaOutput()->metadataObjectTypes(), engine->metaObjects());
-    EXPECT_EQ(engine->metaOutput()->metadataObjectsCallbackQueue(), dispatch_get_main_queue());
-
-    EXPECT_TRUE(engine->showFaceBoundingBox());
-    EXPECT_TRUE(engine->showBarcodeBoundingBox());
-    EXPECT_FALSE(engine->showCenterBox());
-    EXPECT_FALSE(engine->recordCameraData());
-    EXPECT_EQ(engine->minHeadSize(), 0.0);
-    EXPECT_EQ(engine->maxHeadSize(), 5000.0);
-    EXPECT_EQ(engine->faceRect(), CGRectZero);
-    EXPECT_FALSE(engine->isHeadCentered());
 
     // init(): the front camera, '420f' frames, aspect gravity.
     auto plain = KPVideoHelper::init();
@@ -241,8 +196,6 @@ TEST_F(CaptureEngine, BuildsTheWholeSessionWithFaceAndPdf417On) {
     EXPECT_EQ(plain->device()->uniqueID(), "front");
     EXPECT_EQ(plain->videoDataOutput()->pixelFormat(), kCVPixelFormatType_420YpCbCr8BiPlanarFullRange);
     EXPECT_EQ(plain->previewLayer()->videoGravity(), AVLayerVideoGravityResizeAspect);
-    (void)back;
-    (void)front;
 }
 
 TEST_F(CaptureEngine, FailedLocksSkipTheSetUpStepsAndAMissingCameraLeavesNoInput) {
@@ -262,9 +215,6 @@ TEST_F(CaptureEngine, FailedLocksSkipTheSetUpStepsAndAMissingCameraLeavesNoInput
     EXPECT_FALSE(lonely->device());
     EXPECT_TRUE(lonely->session()->inputs().empty());
     EXPECT_TRUE(lonely->metaObjects().empty());
-    EXPECT_FALSE(lonely->faceFindSupport());
-    EXPECT_EQ(lonely->flashMode(), 0);
-    EXPECT_EQ(lonely->autoFocusRange(), 0);
     lonely->setFlashMode(1);
     lonely->autoFocusCamera();
     lonely->enableTorchWithLevel(1.0F);
@@ -348,12 +298,6 @@ TEST_F(CaptureEngine, FlashFocusRangeAndHeadSizes) {
         EXPECT_EQ(refused, c.deviceCalled) << c.setter;
         EXPECT_FALSE(engine->device()->isLockedForConfiguration()) << c.setter;
     }
-    engine->setFlashMode(0);
-    EXPECT_EQ(engine->flashMode(), 0);
-
-    engine->setMinHeadSize(300, 100); // no check that min <= max
-    EXPECT_EQ(engine->minHeadSize(), 300);
-    EXPECT_EQ(engine->maxHeadSize(), 100);
 }
 
 // ----------------------------------------------------------------------------------------------------------------
@@ -604,12 +548,6 @@ TEST_F(CaptureEngine, CodesSetTextOutlineAndRectangleFromTheLastCode) {
     EXPECT_EQ(engine->parsedData(), std::optional<std::string>(""));
     _main.drain();
 
-    engine->setParsedData("x");
-    engine->setBarcodeRect(CGRectMake(1, 1, 1, 1));
-    engine->clearBarcodeData();
-    EXPECT_EQ(engine->parsedData(), std::optional<std::string>(""));
-    EXPECT_EQ(engine->barcodeRect(), CGRectZero);
-
     EXPECT_EQ(KPVideoHelper::pointFromArray({CGPointCreateDictionaryRepresentation({3, 4})}, 0), CGPointMake(3, 4));
     EXPECT_EQ(KPVideoHelper::pointFromArray({CGPointCreateDictionaryRepresentation({3, 4})}, 1), CGPointZero);
     EXPECT_EQ(KPVideoHelper::pointFromArray({CGPointDictionary{{"X", 5}}}, 0), CGPointZero);
@@ -631,11 +569,6 @@ TEST_F(CaptureEngine, TheWidestFaceIsCentredUprightAndOfAcceptableSize) {
     EXPECT_EQ(engine->yawAngle(), 0);
     ASSERT_TRUE(engine->primaryLayer());
     EXPECT_EQ(engine->avfFaceLayers().at(7), engine->primaryLayer());
-    EXPECT_EQ(engine->primaryLayer()->borderWidth(), 1.0);
-    const CGColor box = *engine->primaryLayer()->borderColor();
-    EXPECT_EQ(box.red, 0.8823529481887817);
-    EXPECT_EQ(box.green, 0.7882353067398071);
-    EXPECT_EQ(box.blue, 0.054901961237192154);
     EXPECT_EQ(_main.pending(), 3U);
     _main.drain();
     EXPECT_EQ(engine->centerLayer()->borderColor(), kGreen);
@@ -694,11 +627,6 @@ TEST_F(CaptureEngine, TheWidestFaceIsCentredUprightAndOfAcceptableSize) {
     EXPECT_FALSE(engine->primaryLayer()->superlayer());
     EXPECT_EQ(engine->primaryLayer()->frame(), CGRectMake(100, 100, 100, 100));
 
-    // clearFaceData keeps the angles.
-    engine->setRollAngle(30);
-    engine->clearFaceData();
-    EXPECT_EQ(engine->faceRect(), CGRectZero);
-    EXPECT_EQ(engine->rollAngle(), 30);
 }
 
 TEST_F(CaptureEngine, QueuedTasksRunInTheirOrderAfterTheHandler) {
@@ -798,15 +726,12 @@ TEST_F(CaptureEngine, CameraSwitchExchangesTheInputAndFlipsThePreview) {
     const auto frames = engine->videoDataOutput()->connectionWithMediaType(AVMediaTypeVideo);
     const auto stills = engine->stillImageOutput()->connectionWithMediaType(AVMediaTypeVideo);
     ASSERT_TRUE(frames && stills);
-    EXPECT_NE(frames, oldFrames);
-    EXPECT_NE(stills, oldStills);
     EXPECT_EQ(frames->preferredVideoStabilizationMode(), AVCaptureVideoStabilizationModeOff);
     EXPECT_TRUE(frames->isEnabled());
     EXPECT_EQ(stills->videoScaleAndCropFactor(), 1.0);
     ASSERT_EQ(engine->session()->inputs().size(), 1U);
     EXPECT_EQ(engine->session()->inputs()[0]->device()->uniqueID(), "back");
     EXPECT_EQ(engine->session()->outputs(), outputs);
-    EXPECT_FALSE(engine->session()->isConfiguring());
     _main.drain();
     EXPECT_FALSE(engine->previewLayer()->animationForKey("transform"));
 
@@ -815,25 +740,10 @@ TEST_F(CaptureEngine, CameraSwitchExchangesTheInputAndFlipsThePreview) {
     EXPECT_FALSE(engine->previewLayer()->animationForKey("transform")); // queued, not yet added
     _main.drain();
     const auto flip = engine->previewLayer()->animationForKey("transform");
-    ASSERT_TRUE(flip);
-    EXPECT_EQ(flip->keyPath(), "transform");
-    EXPECT_EQ(flip->duration(), 0.1);
-    EXPECT_TRUE(flip->autoreverses());
-    ASSERT_TRUE(flip->toValue());
+    ASSERT_TRUE(flip && flip->toValue());
     const auto* turn = std::get_if<CATransform3D>(&flip->toValue()->storage());
     ASSERT_TRUE(turn);
     EXPECT_TRUE(CATransform3DEqualToTransform(*turn, CATransform3DMakeRotation(std::numbers::pi / 2, 0, 1, 0)));
-}
-
-TEST_F(CaptureEngine, ASwitchWithOneCameraLeavesTheSessionWithoutInputAndASecondSwitchIsSafe) {
-    addCamera("front", AVCaptureDevicePositionFront);
-    auto engine = KPVideoHelper::init();
-    engine->toggleCameraWithAnimation(false);
-    EXPECT_TRUE(engine->session()->inputs().empty());
-    EXPECT_EQ(engine->device()->uniqueID(), "front"); // keeps the old camera
-    engine->toggleCameraWithAnimation(false);         // nothing to remove: no crash, still no input
-    EXPECT_TRUE(engine->session()->inputs().empty());
-    EXPECT_FALSE(engine->session()->isConfiguring());
 }
 
 TEST_F(CaptureEngine, StillPicturesReachTheDelegateOnTheFrameQueueAndFailuresReachNobody) {
