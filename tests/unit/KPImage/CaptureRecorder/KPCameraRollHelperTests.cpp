@@ -59,13 +59,6 @@ protected:
     std::shared_ptr<KPCameraRollHelper> _recorder;
 };
 
-TEST_F(CameraRollTest, SharedInstanceIsCreatedOnceAndCreateMakesIndependentOnes) {
-    EXPECT_EQ(KPCameraRollHelper::getInstance(), KPCameraRollHelper::getInstance());
-    EXPECT_NE(KPCameraRollHelper::create(), KPCameraRollHelper::getInstance());
-    EXPECT_EQ(_recorder->cameraDataCounter(), 0U);
-    EXPECT_FALSE(_recorder->isRecording());
-}
-
 // An object that must outlive the static objects created after it: checked at exit.
 std::weak_ptr<KPCameraRollHelper> gSharedAtExit;
 
@@ -133,12 +126,6 @@ TEST_F(CameraRollTest, RecordsFromTheFirstFrameAndHandsTheMovieToTheAlbum) {
     const auto first = reader->copyNextSampleBuffer(kp::kCVPixelFormatType_32BGRA);
     EXPECT_TRUE(kptest::samePixels(kp::CMSampleBufferGetImageBuffer(first), kp::CMSampleBufferGetImageBuffer(frame(0))));
 
-    // The next recording is named with the new counter; the album keeps both.
-    ASSERT_TRUE(_recorder->startSavingCameraData());
-    EXPECT_EQ(_recorder->videoFilePath()->path(), folder() + "/FrontCardData1.mov");
-    EXPECT_TRUE(_recorder->appendCameraData(frame(100)));
-    stopAndWaitForSave(2);
-    EXPECT_EQ(kptest::fileCount(album()), 2U);
 }
 
 TEST_F(CameraRollTest, AHomeWithoutADocumentsFolderStillRecords) {
@@ -155,9 +142,6 @@ TEST_F(CameraRollTest, AHomeWithoutADocumentsFolderStillRecords) {
     ASSERT_TRUE(save);
     EXPECT_FALSE(save->error);
     EXPECT_EQ(save->albumPath, album() + "/FrontCardData0.mov");
-    const auto reader = kp::AVAssetReader::assetReaderWithURL(kp::NSURL::fileURLWithPath(save->albumPath), nullptr);
-    ASSERT_TRUE(reader);
-    EXPECT_EQ(reader->videoTrack().frames, 3);
 }
 
 TEST_F(CameraRollTest, AFileInTheMoviesPlaceFailsTheRecordingWhichStillEndsAndCounts) {
