@@ -112,13 +112,17 @@ protected:
         return camera;
     }
 
+    // An engine on the back camera with BGRA frames.
+    static std::shared_ptr<KPVideoHelper> backEngine() {
+        return KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
+                                                             AVLayerVideoGravityResizeAspect, kCVPixelFormatType_32BGRA);
+    }
+
     // An engine on a back camera (not mirrored) whose 400 x 400 preview shows a 400 x 400 frame point for point,
     // so normalised 0.25 is 100 preview points.
     std::shared_ptr<KPVideoHelper> engineWithPreview(bool centerBox = true) {
         addCamera("back", AVCaptureDevicePositionBack);
-        auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
-                                                                    AVLayerVideoGravityResizeAspect,
-                                                                    kCVPixelFormatType_32BGRA);
+        auto engine = backEngine();
         _view = engine->getPreviewView(CGRectMake(0, 0, 400, 400), centerBox);
         engine->previewLayer()->enqueueSampleBuffer(
             kptest::patternFrame(kCVPixelFormatType_32BGRA, 400, 400, 0, CMTimeMake(0, 30)));
@@ -176,9 +180,7 @@ TEST_F(CaptureEngine, BuildsTheWholeSessionWithFaceAndPdf417On) {
 TEST_F(CaptureEngine, FailedLocksSkipTheSetUpStepsAndAMissingCameraLeavesNoInput) {
     auto camera = addCamera("back", AVCaptureDevicePositionBack);
     camera->failNextLocks(3);
-    auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
-                                                                AVLayerVideoGravityResizeAspect,
-                                                                kCVPixelFormatType_32BGRA);
+    auto engine = backEngine();
     EXPECT_EQ(camera->lockAttempts(), 3);
     EXPECT_EQ(engine->device()->focusMode(), AVCaptureFocusModeContinuousAutoFocus); // unchanged
     EXPECT_EQ(engine->device()->autoFocusRangeRestriction(), AVCaptureAutoFocusRangeRestrictionNone);
@@ -231,9 +233,7 @@ TEST_F(CaptureEngine, MetadataTypesChangeOnlyWhileStoppedAndOnlyToWhatTheCameraO
 
 TEST_F(CaptureEngine, FlashAndFocusRangeSettersAndTheirLocks) {
     auto camera = addCamera("back", AVCaptureDevicePositionBack);
-    auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
-                                                                AVLayerVideoGravityResizeAspect,
-                                                                kCVPixelFormatType_32BGRA);
+    auto engine = backEngine();
     engine->setFlashMode(2);
     EXPECT_EQ(engine->flashMode(), 2);
     engine->setAutoFocusRange(2);
@@ -694,9 +694,7 @@ TEST_F(CaptureEngine, FocusAndTorchCommandsFollowTheirLockRules) {
     auto camera = addCamera("back", AVCaptureDevicePositionBack);
     CaptureCapabilities frontCaps = FakeCaptureDevice::noCapabilities();
     addCamera("front", AVCaptureDevicePositionFront, frontCaps);
-    auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
-                                                                AVLayerVideoGravityResizeAspect,
-                                                                kCVPixelFormatType_32BGRA);
+    auto engine = backEngine();
     auto device = engine->device();
     const auto requests = [&] { return camera->appliedControls().back().autoFocusRequests; };
     const uint32_t before = requests();
