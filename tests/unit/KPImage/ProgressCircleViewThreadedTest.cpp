@@ -101,19 +101,19 @@ std::optional<Rgba> at(const std::shared_ptr<KPProgressCircleView>& view, double
     return probe(view, 50 + r * std::cos(a), 50 + r * std::sin(a));
 }
 
+class ProgressCircleView : public ::testing::Test {
+protected:
+    kptest::ManualMainQueue main;
+    std::shared_ptr<SteppedCircle> view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
+    void TearDown() override { EXPECT_TRUE(settle(main, view)); }
+};
+
 const Rgba kTrack{0, 255, 0, 255};
 const Rgba kClear{0, 0, 0, 0};
 
 } // namespace
 
-TEST(ProgressCircleView, ExportedConstants) {
-    EXPECT_EQ(INNER_BORDER_RADIUS_PERCENTAGE, 8);
-    EXPECT_EQ(kAngleOffset, -90.0);
-}
-
-TEST(ProgressCircleView, ValuesAreClampedInSinglePrecision) {
-    kptest::ManualMainQueue main;
-    auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
+TEST_F(ProgressCircleView, ValuesAreClampedInSinglePrecision) {
     EXPECT_EQ(view->maximumValue(), 100);
     view->setValue(150);
     EXPECT_EQ(view->value(), 100);
@@ -141,12 +141,9 @@ TEST(ProgressCircleView, ValuesAreClampedInSinglePrecision) {
     EXPECT_GT(view->convertToAngle(150), 3 * std::numbers::pi / 2);
     view->setValue(10);
     EXPECT_FALSE(view->invert());
-    ASSERT_TRUE(settle(main, view));
 }
 
-TEST(ProgressCircleView, CentreSizeDependsOnTheInnerMarginSetBefore) {
-    kptest::ManualMainQueue main;
-    auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
+TEST_F(ProgressCircleView, CentreSizeMarginsAnglesAndTheDrawingSquare) {
     view->setCenterSize(10);
     EXPECT_EQ(view->centerSize(), 0);
     view->setInterierOffsetMargin(20);
@@ -158,12 +155,7 @@ TEST(ProgressCircleView, CentreSizeDependsOnTheInnerMarginSetBefore) {
     EXPECT_EQ(view->borderSize(), 0);
     view->setInterierOffsetMargin(-1);
     EXPECT_EQ(view->interierOffsetMargin(), 0);
-    ASSERT_TRUE(settle(main, view));
-}
 
-TEST(ProgressCircleView, AnglesAndTheDrawingSquare) {
-    kptest::ManualMainQueue main;
-    auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
     EXPECT_NEAR(view->convertToAngle(0), -std::numbers::pi / 2, 1e-15);
     EXPECT_EQ(view->convertToAngle(25), 0);
     EXPECT_NEAR(view->convertToAngle(50), std::numbers::pi / 2, 1e-15);
@@ -172,12 +164,9 @@ TEST(ProgressCircleView, AnglesAndTheDrawingSquare) {
     EXPECT_TRUE(CGRectEqualToRect(r, CGRectMake(55, 5, 90, 90)));
     EXPECT_TRUE(CGRectEqualToRect(view->calculateDrawRectFromRect(CGRectMake(10, 0, 40, 100), 0),
                                   CGRectMake(10, 30, 40, 40)));
-    ASSERT_TRUE(settle(main, view));
 }
 
-TEST(ProgressCircleView, DrawsTheSectorFromTheTopClockwiseOrItsComplement) {
-    kptest::ManualMainQueue main;
-    auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
+TEST_F(ProgressCircleView, DrawsTheSectorFromTheTopClockwiseOrItsComplement) {
     view->setBorderSize(2);
     view->setBorderOffsetMargin(3); // the sector's outer radius: 50 - 5 = 45
     view->setInterierOffsetMargin(20);
@@ -210,9 +199,7 @@ TEST(ProgressCircleView, DrawsTheSectorFromTheTopClockwiseOrItsComplement) {
     EXPECT_EQ(at(view, 12, 270), (Rgba{0, 0, 255, 255}));
 }
 
-TEST(ProgressCircleView, ValueZeroDrawsAVerticalLineAndDrawingLowersTheInnerMargin) {
-    kptest::ManualMainQueue main;
-    auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
+TEST_F(ProgressCircleView, ValueZeroDrawsAVerticalLineAndDrawingLowersTheInnerMargin) {
     view->setInterierOffsetMargin(20);
     view->setNeedsDisplay();
     ASSERT_TRUE(settle(main, view));
@@ -232,34 +219,31 @@ TEST(ProgressCircleView, ValueZeroDrawsAVerticalLineAndDrawingLowersTheInnerMarg
     EXPECT_EQ(view->interierOffsetMargin(), 49);
 }
 
-TEST(ProgressCircleView, AFullSweepTakesThreeHundredSixtyStepsWithTwoMillisecondPauses) {
-    kptest::ManualMainQueue main;
+TEST_F(ProgressCircleView, AFullSweepTakesThreeHundredSixtyStepsWithTwoMillisecondPauses) {
     for (CGFloat maximum : {100.0, 7.0}) {
-        auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
-        view->setMaximumValue(maximum);
-        ASSERT_TRUE(settle(main, view));
-        const int before = view->steps.load();
-        view->setValue(maximum);
-        ASSERT_TRUE(settle(main, view));
+        auto circle = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
+        circle->setMaximumValue(maximum);
+        ASSERT_TRUE(settle(main, circle));
+        const int before = circle->steps.load();
+        circle->setValue(maximum);
+        ASSERT_TRUE(settle(main, circle));
         // One step per degree; the float sum of 360 steps may fall a hair short of the maximum, and then one
         // more step snaps onto it.
-        const int sweep = view->steps.load() - before;
+        const int sweep = circle->steps.load() - before;
         EXPECT_GE(sweep, 360) << maximum;
         EXPECT_LE(sweep, 361) << maximum;
-        EXPECT_EQ(view->lastPause.load(), 0.002) << maximum;
-        EXPECT_EQ(view->counterValue(), view->value());
+        EXPECT_EQ(circle->lastPause.load(), 0.002) << maximum;
+        EXPECT_EQ(circle->counterValue(), circle->value());
         // Half-way back down: 180 steps.
-        view->setValue(maximum / 2);
-        ASSERT_TRUE(settle(main, view));
-        const int back = view->steps.load() - before - sweep;
+        circle->setValue(maximum / 2);
+        ASSERT_TRUE(settle(main, circle));
+        const int back = circle->steps.load() - before - sweep;
         EXPECT_GE(back, 180) << maximum;
         EXPECT_LE(back, 181) << maximum;
     }
 }
 
-TEST(ProgressCircleView, OneWorkerAtMostPicksUpNewValues) {
-    kptest::ManualMainQueue main;
-    auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
+TEST_F(ProgressCircleView, OneWorkerAtMostPicksUpNewValues) {
     ASSERT_TRUE(settle(main, view));
     view->hold();
     view->setValue(50);
@@ -273,9 +257,7 @@ TEST(ProgressCircleView, OneWorkerAtMostPicksUpNewValues) {
     EXPECT_EQ(view->workerThreads(), 1u);
 }
 
-TEST(ProgressCircleView, EndlessModeTogglesTheRingAndStoppingFreezesIt) {
-    kptest::ManualMainQueue main;
-    auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
+TEST_F(ProgressCircleView, EndlessModeTogglesTheRingAndStoppingFreezesIt) {
     view->setValue(30);
     view->setHidden(true);
     view->startAnimating(); // waits for the worker moving to 30 to end
@@ -305,9 +287,7 @@ TEST(ProgressCircleView, EndlessModeTogglesTheRingAndStoppingFreezesIt) {
     EXPECT_EQ(view->steps.load(), steps);
 }
 
-TEST(ProgressCircleView, StoppingWhileIdleSwallowsTheNextMoveOnly) {
-    kptest::ManualMainQueue main;
-    auto view = SteppedCircle::make(CGRectMake(0, 0, 100, 100));
+TEST_F(ProgressCircleView, StoppingWhileIdleSwallowsTheNextMoveOnly) {
     ASSERT_TRUE(settle(main, view));
     view->stopAnimating(); // no worker to stop: the request waits for the next one
     EXPECT_TRUE(view->stopAnimationCalled());
@@ -321,14 +301,13 @@ TEST(ProgressCircleView, StoppingWhileIdleSwallowsTheNextMoveOnly) {
     EXPECT_EQ(view->counterValue(), 40);
 }
 
-TEST(ProgressCircleView, AViewMadeWithoutASizeDrawsOnceItGetsOne) {
-    kptest::ManualMainQueue main;
-    auto view = SteppedCircle::make(CGRectZero);
-    view->setValue(25);
-    ASSERT_TRUE(settle(main, view));
-    ASSERT_FALSE(view->layer()->contents());
-    view->setFrame(CGRectMake(0, 0, 100, 100));
+TEST_F(ProgressCircleView, AViewMadeWithoutASizeDrawsOnceItGetsOne) {
+    auto circle = SteppedCircle::make(CGRectZero);
+    circle->setValue(25);
+    ASSERT_TRUE(settle(main, circle));
+    ASSERT_FALSE(circle->layer()->contents());
+    circle->setFrame(CGRectMake(0, 0, 100, 100));
     main.drain();
-    ASSERT_TRUE(view->layer()->contents()) << "drawn without any setter asking";
-    EXPECT_EQ(at(view, 35, 45), kTrack);
+    ASSERT_TRUE(circle->layer()->contents()) << "drawn without any setter asking";
+    EXPECT_EQ(at(circle, 35, 45), kTrack);
 }

