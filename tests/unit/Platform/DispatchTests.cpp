@@ -28,6 +28,7 @@ TEST(Dispatch, SerialQueueRunsTasksInOrderOneAtATime) {
             if (running.fetch_add(1) != 0) {
                 overlapped = true;
             }
+            std::this_thread::yield(); // gives a second runner the chance to overlap
             order.push_back(i);
             running.fetch_sub(1);
         });
@@ -125,10 +126,13 @@ TEST(Dispatch, GlobalQueueRunsBlockingTasksSideBySideAndSyncToMainWaitsForTheDri
 
 TEST(Dispatch, AfterAndOnce) {
     kptest::ManualMainQueue main;
-    std::atomic<int> fired{0};
-    dispatch_after(dispatch_time(DISPATCH_TIME_NOW, 5 * NSEC_PER_MSEC), dispatch_get_main_queue(), [&] { ++fired; });
-    dispatch_after(DISPATCH_TIME_FOREVER, dispatch_get_main_queue(), [&] { fired += 100; });
-    ASSERT_TRUE(main.drainUntil([&] { return fired.load() == 1; }));
+    std::vector<int> fired; // main-queue tasks: only this thread touches it
+    const dispatch_time_t soon = dispatch_time(DISPATCH_TIME_NOW, 5 * NSEC_PER_MSEC);
+    dispatch_after(DISPATCH_TIME_FOREVER, dispatch_get_main_queue(), [&] { fired.push_back(0); });
+    dispatch_after(soon, dispatch_get_main_queue(), [&] { fired.push_back(1); });
+    dispatch_after(soon, dispatch_get_main_queue(), [&] { fired.push_back(2); }); // same time: in order
+    ASSERT_TRUE(main.drainUntil([&] { return fired.size() >= 2; }));
+    EXPECT_EQ(fired, (std::vector<int>{1, 2}));
     EXPECT_EQ(dispatch_time(DISPATCH_TIME_FOREVER, 5), DISPATCH_TIME_FOREVER);
     EXPECT_LT(dispatch_time(DISPATCH_TIME_NOW, INT64_MAX), DISPATCH_TIME_FOREVER) << "saturates, never wraps";
 

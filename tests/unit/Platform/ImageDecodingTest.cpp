@@ -97,9 +97,7 @@ TEST(ImageDecoding, RefusalsSayWhatIsWrong) {
     const fs::path dir = scratch.path();
     ASSERT_EQ(::mkfifo((dir / "pipe.png").c_str(), 0600), 0);
     std::vector<uint8_t> badCrc = encoded(false);
-    const auto idat = std::search(badCrc.begin(), badCrc.end(), std::begin("IDAT"), std::end("IDAT") - 1);
-    ASSERT_NE(idat, badCrc.end());
-    idat[10] ^= 0x55; // inside the picture data: the chunk's checksum no longer matches
+    badCrc[29] ^= 0x55; // the header chunk's checksum: its data is intact
 
     struct Case {
         std::string file;           // read from this path, or

@@ -91,6 +91,7 @@ TEST(PixelConverter, VideoRangeFramesConvertWithTheirOwnRange) {
         {k420v, {81, 90, 240}, k420v, {81, 90, 240}},       {k420v, {16, 128, 128}, kCVPixelFormatType_32BGRA, {0, 0, 0}},
         {k420v, {235, 128, 128}, kCVPixelFormatType_32BGRA, {255, 255, 255}},
         {k420f, {255, 128, 128}, kCVPixelFormatType_32BGRA, {255, 255, 255}},
+        {k420v, {126, 236, 20}, k420f, {128, 251, 5}}, // chroma widens by 255 / 224, luma by 255 / 219
     };
     PixelConverter converter;
     for (const Case& c : cases) {
