@@ -169,10 +169,10 @@ std::vector<SearchRegion> bandRegions(int width, int height, double scale, unsig
     const double levelSum = levels == 0 ? 1.0 / (1.0 - kPyramidStep * kPyramidStep)
                                         : (1.0 - std::pow(kPyramidStep * kPyramidStep, static_cast<double>(levels))) /
                                               (1.0 - kPyramidStep * kPyramidStep);
-    const int overlap =
-        levels == 0 ? 0
-                    : static_cast<int>(std::ceil(kDetectorWindow /
-                                                 (scale * std::pow(kPyramidStep, static_cast<double>(levels - 1)))));
+    const int overlap = levels == 0
+                            ? 0
+                            : static_cast<int>(std::ceil(
+                                  kDetectorWindow / (scale * std::pow(kPyramidStep, static_cast<double>(levels - 1)))));
     cols = std::max(1, cols);
     rows = std::max(1, rows);
     const int tw = (width + cols - 1) / cols;
@@ -379,7 +379,7 @@ void LiveFaceTracker::Impl::makePlan(int width, int height) {
     const double middle = fine * std::pow(kPyramidStep, static_cast<double>(kBandLevels));
     const double coarse = middle * std::pow(kPyramidStep, static_cast<double>(kBandLevels));
     auto fineTiles = bandRegions(width, height, fine, kBandLevels, (width + kFineTileWidth - 1) / kFineTileWidth,
-                                       (height + kFineTileHeight - 1) / kFineTileHeight);
+                                 (height + kFineTileHeight - 1) / kFineTileHeight);
     auto middleTiles = bandRegions(width, height, middle, kBandLevels, kMiddleTiles, 1);
     auto coarseTiles = bandRegions(width, height, coarse, 0, 1, 1);
     size_t id = 0;
@@ -396,8 +396,8 @@ void LiveFaceTracker::Impl::makePlan(int width, int height) {
     distinctRegions = plan.size();
     regionSearchedAt.assign(distinctRegions, std::numeric_limits<int>::min());
     regionSkips.assign(distinctRegions, 0);
-    const size_t rounds = std::max<size_t>(middleTiles.size(), (fineTiles.size() + kFineTilesPerRound - 1) /
-                                                                   kFineTilesPerRound);
+    const size_t rounds =
+        std::max<size_t>(middleTiles.size(), (fineTiles.size() + kFineTilesPerRound - 1) / kFineTilesPerRound);
     for (size_t r = 0; r < rounds; ++r) {
         plan.insert(plan.end(), coarseTiles.begin(), coarseTiles.end());
         if (!middleTiles.empty()) {
@@ -410,8 +410,7 @@ void LiveFaceTracker::Impl::makePlan(int width, int height) {
     cursor = distinctRegions;
 }
 
-void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::vector<Found>& found,
-                                   bool fromStart) {
+void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::vector<Found>& found, bool fromStart) {
     makePlan(frame.width, frame.height);
     const bool whole = fromStart;
     size_t index = whole ? 0 : cursor;
@@ -462,7 +461,8 @@ void LiveFaceTracker::Impl::searchChanges(const LumaImage& frame, std::vector<Fo
         }
         for (int bx = 0; bx < gw; ++bx) {
             const int w = std::min(frame.width, (bx + 1) * kChangeBlock) - bx * kChangeBlock;
-            mean[static_cast<size_t>(by) * gw + bx] = static_cast<float>(sum[bx]) / static_cast<float>(w * (y1 - by * kChangeBlock));
+            mean[static_cast<size_t>(by) * gw + bx] =
+                static_cast<float>(sum[bx]) / static_cast<float>(w * (y1 - by * kChangeBlock));
         }
     }
     ++frameIndex;
@@ -553,7 +553,8 @@ void LiveFaceTracker::Impl::searchChanges(const LumaImage& frame, std::vector<Fo
         }
         regions.push_back(r);
     }
-    std::stable_sort(regions.begin(), regions.end(), [](const Region& a, const Region& b) { return a.blocks > b.blocks; });
+    std::stable_sort(regions.begin(), regions.end(),
+                     [](const Region& a, const Region& b) { return a.blocks > b.blocks; });
     const double fine = detectionScale(frame.height);
     const double levelSum = 1.0 / (1.0 - kPyramidStep * kPyramidStep);
     // A region reaches a block past its changed ones and is at least a little larger than the smallest face.
