@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <limits>
 
 using namespace kp;
@@ -83,25 +82,6 @@ TEST(Bitmap, ContextsConvertEveryLayoutAtTheEdges) {
             EXPECT_EQ(std::vector<uint8_t>(o + 4, o + 8), (std::vector<uint8_t>{0, 0, 255, 255}));
         }
     }
-}
-
-TEST(Bitmap, CallerBytesAreReadAtStartAndHoldTheDrawingAfterwards) {
-    // A straight-alpha RGBA buffer with padding: half-transparent green stays exact after a round trip.
-    std::vector<uint8_t> buffer(2 * 12, 0xEE);
-    const uint8_t pixel[4] = {0, 200, 0, 128};
-    std::memcpy(buffer.data(), pixel, 4);
-    {
-        CGContextRef ctx = CGBitmapContextCreate(buffer.data(), 2, 2, 8, 12, CGColorSpaceCreateDeviceRGB(),
-                                                 kCGImageAlphaLast);
-        ASSERT_TRUE(ctx);
-        ctx->setFillColor({0, 0, 1, 1});
-        ctx->fillRect(CGRectMake(0, 1, 2, 1));
-    }
-    EXPECT_EQ(buffer[0], 0);
-    EXPECT_NEAR(buffer[1], 200, 1);
-    EXPECT_EQ(buffer[3], 128);
-    EXPECT_EQ(std::vector<uint8_t>(buffer.begin() + 12, buffer.begin() + 16), (std::vector<uint8_t>{0, 0, 255, 255}));
-    EXPECT_EQ(buffer[8], 0xEE); // the row padding is not touched
 }
 
 TEST(Bitmap, ImageContextsScaleAndNest) {

@@ -15,25 +15,14 @@ namespace {
 namespace fs = std::filesystem;
 
 // Sets an environment variable for the scope and restores it after.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::string& value) : _name(name) {
-        if (const char* old = std::getenv(name)) {
-            _old = old;
-        }
+struct ScopedEnv {
+    ScopedEnv(const char* variable, const std::string& value)
+        : name(variable), old(std::getenv(variable) ? std::getenv(variable) : "") {
         setenv(name, value.c_str(), 1);
     }
-    ~ScopedEnv() {
-        if (_old) {
-            setenv(_name, _old->c_str(), 1);
-        } else {
-            unsetenv(_name);
-        }
-    }
-
-private:
-    const char* _name;
-    std::optional<std::string> _old;
+    ~ScopedEnv() { old.empty() ? unsetenv(name) : setenv(name, old.c_str(), 1); }
+    const char* name;
+    std::string old;
 };
 
 std::string documents() {
