@@ -663,17 +663,18 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 const double h = cand.uprightHeight + 2 * margin;
                 // Fine modules bias the skew measure by a few degrees; neighbouring angles are tried next. A code
                 // read here in the previous frame is tried first at the angle it had then.
-                std::vector<double> angles;
+                // Such a code is looked for in its own format only: a PDF417 crop costs a QR search as much again.
+                std::vector<Hint> angles;
                 for (const Hint& hint : _hints) {
                     if (rectsOverlap(hint.box, cand.box) &&
                         std::abs(hint.skewDegrees - cand.skewDegrees) <= kSkewSearchDegrees) {
-                        angles.push_back(hint.skewDegrees);
+                        angles.push_back(hint);
                     }
                 }
-                const auto attempt = [&](double tried) {
+                const auto attempt = [&](double tried, uint32_t formats) {
                     std::vector<MachineCode> found;
                     bool outlined = false;
-                    if (!secondLookAt(image, cand, tried, w, h, secondLook, found, outlined)) {
+                    if (!secondLookAt(image, cand, tried, w, h, formats, found, outlined)) {
                         return false;
                     }
                     // The library's corners drift when the crop is still skewed, and now and then it reports a
@@ -695,7 +696,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                                       !isNearRectangle(found.front().corners))) {
                         std::vector<MachineCode> refined;
                         bool refinedOutlines = false;
-                        if (secondLookAt(image, cand, measured, w, h, secondLook, refined, refinedOutlines) &&
+                        if (secondLookAt(image, cand, measured, w, h, formats, refined, refinedOutlines) &&
                             isNearRectangle(refined.front().corners)) {
                             found = std::move(refined);
                         }
@@ -703,6 +704,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                     // A crop that only shows again a code read already (a neighbour within the margin) reads
                     // nothing new: the region's own code is looked for further.
                     size_t added = 0;
+                    uint32_t addedFormats = 0;
                     for (MachineCode& c : found) {
                         const CGRect b = boundingRectOfPoints(c.corners);
                         const bool duplicate = std::any_of(codes.begin(), codes.end(), [&](const MachineCode& k) {
@@ -710,19 +712,21 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                                    rectsOverlap(boundingRectOfPoints(k.corners), b);
                         });
                         if (!duplicate) {
+                            addedFormats |= c.type == AVMetadataObjectTypePDF417Code ? bits(BarcodeFormat::PDF417)
+                                                                                      : bits(BarcodeFormat::QRCode);
                             codes.push_back(std::move(c));
                             ++added;
                         }
                     }
                     if (added > 0) {
-                        hints.push_back({cand.box, measured});
+                        hints.push_back({cand.box, measured, addedFormats & secondLook});
                     }
                     return added > 0;
                 };
                 // The skew is sharpened only when the previous frame's angles do not read.
                 bool read = false;
-                for (double tried : angles) {
-                    if (readsLeft-- <= 0 || (read = attempt(tried))) {
+                for (const Hint& hint : angles) {
+                    if (readsLeft-- <= 0 || (read = attempt(hint.skewDegrees, hint.formats))) {
                         break;
                     }
                 }
@@ -735,7 +739,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                             break;
                         }
                         tried = true;
-                        if ((read = attempt(skew + offset))) {
+                        if ((read = attempt(skew + offset, secondLook))) {
                             break;
                         }
                     }
