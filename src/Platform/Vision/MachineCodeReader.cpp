@@ -87,8 +87,11 @@ constexpr int kFullReadEvery = 32;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
 // A region where no angle read is left alone for this many pictures (text and patterns stay where they are from
-// frame to frame; a code that appears there is read at most this many pictures late).
+// frame to frame; a code that appears there is read at most this many pictures late). A region that comes back
+// from its rest is tried at one angle only, the next of the retry angles each time, and rests kLongRest pictures
+// when that does not read either: text seen for a while costs a read every few pictures, not three every third.
 constexpr int kFailedRegionRest = 3;
+constexpr int kLongRest = 6;
 // A failed region and a candidate are the same place when their boxes overlap by this much (intersection over
 // union: a small region next to or inside a code's is another place).
 constexpr double kSameRegionOverlap = 0.5;
@@ -135,6 +138,13 @@ bool containsPoint(const std::array<CGPoint, 4>& c, CGPoint p) {
         }
     }
     return true;
+}
+
+// Whether two regions' boxes show the same place: either holds the other's centre (a region merely touching a
+// code's, text beside it, is another place).
+bool samePlace(CGRect a, CGRect b) {
+    return CGRectContainsPoint(a, {CGRectGetMidX(b), CGRectGetMidY(b)}) ||
+           CGRectContainsPoint(b, {CGRectGetMidX(a), CGRectGetMidY(a)});
 }
 
 bool rectsOverlap(CGRect a, CGRect b) {
@@ -684,7 +694,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
             for (const Candidate& cand : findCandidates(image, kMaxCandidates, known)) {
                 // A region that no angle read in the last pictures rests, unless a code was read there last time.
                 const bool hinted = std::any_of(_hints.begin(), _hints.end(),
-                                                [&](const Hint& hint) { return rectsOverlap(hint.box, cand.box); });
+                                                [&](const Hint& hint) { return samePlace(hint.box, cand.box); });
                 if (!hinted && std::any_of(_resting.begin(), _resting.end(), [&](const Rest& r) {
                         return r.pictures > 1 && intersectionOverUnion(r.box, cand.box) >= kSameRegionOverlap;
                     })) {
@@ -698,7 +708,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 // Such a code is looked for in its own format only: a PDF417 crop costs a QR search as much again.
                 std::vector<Hint> angles;
                 for (const Hint& hint : _hints) {
-                    if (rectsOverlap(hint.box, cand.box) &&
+                    if (samePlace(hint.box, cand.box) &&
                         std::abs(hint.skewDegrees - cand.skewDegrees) <= kSkewSearchDegrees) {
                         angles.push_back(hint);
                     }
@@ -765,18 +775,24 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 if (!read && readsLeft > 0) {
                     const double skew =
                         sharpestSkew(image, cand.centre, cand.uprightWidth, cand.uprightHeight, cand.skewDegrees);
+                    const auto back = std::find_if(_resting.begin(), _resting.end(), [&](const Rest& r) {
+                        return r.pictures == 1 && intersectionOverUnion(r.box, cand.box) >= kSameRegionOverlap;
+                    });
+                    const int strikes = back == _resting.end() ? 0 : back->strikes;
+                    constexpr size_t kOffsets = std::size(kSkewRetryOffsets);
                     bool tried = false;
-                    for (double offset : kSkewRetryOffsets) {
+                    for (size_t i = 0; i < (strikes == 0 ? kOffsets : 1); ++i) {
                         if (readsLeft-- <= 0) {
                             break;
                         }
                         tried = true;
-                        if ((read = attempt(skew + offset, secondLook))) {
+                        const size_t which = strikes == 0 ? i : static_cast<size_t>(strikes - 1) % kOffsets;
+                        if ((read = attempt(skew + kSkewRetryOffsets[which], secondLook))) {
                             break;
                         }
                     }
                     if (tried && !read) {
-                        resting.push_back({cand.box, kFailedRegionRest});
+                        resting.push_back({cand.box, strikes == 0 ? kFailedRegionRest : kLongRest, strikes + 1});
                     }
                 }
             }
