@@ -43,11 +43,6 @@ void FakeCaptureDevice::failNextLocks(int count, NSErrorRef error) {
                                                        "Another holder has the lock.");
 }
 
-void FakeCaptureDevice::setConnected(bool connected) {
-    std::lock_guard lock(_mutex);
-    _connected = connected;
-}
-
 void FakeCaptureDevice::setFormat(CaptureFormat format) {
     std::lock_guard lock(_mutex);
     _format = format;

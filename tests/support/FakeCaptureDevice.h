@@ -25,7 +25,6 @@ public:
     // Script.
     /// The next count locks fail with error (AVErrorDeviceLockedForConfigurationByAnotherProcess when null).
     void failNextLocks(int count, kp::NSErrorRef error = nullptr);
-    void setConnected(bool connected);
     /// The size every known preset streams (default 64 x 48); zero: no preset can be served.
     void setFormat(kp::CaptureFormat format);
     /// The next startStream fails with this error.

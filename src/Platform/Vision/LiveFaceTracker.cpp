@@ -37,14 +37,30 @@ constexpr unsigned long kTrackedLevels = 3;
 // kFineTilesPerRound of them a middle tile and the coarse band come; a search step visits regions until it has
 // scanned about kStepPixels pyramid pixels, the next step goes on from there.
 constexpr unsigned long kBandLevels = 4;
-constexpr int kFineTileWidth = 320;
-constexpr int kFineTileHeight = 240;
+constexpr int kFineTileWidth = 256;
+constexpr int kFineTileHeight = 180;
 constexpr int kMiddleTiles = 2;
 constexpr size_t kFineTilesPerRound = 3;
-constexpr double kStepPixels = 1.0e6;
+constexpr double kStepPixels = 0.5e6;
 // The first frame of a stream gets a longer step, from the start of the plan: the coarse and middle bands whole and
 // the middle of the frame at the fine scale.
-constexpr double kFirstStepPixels = 3 * kStepPixels;
+constexpr double kFirstStepPixels = 3.0e6;
+// Between search steps, the parts of the frame that changed are searched at once: a face that appears is a change.
+// Changes are measured in blocks of kChangeBlock x kChangeBlock pixels whose mean moved by at least kChangeLevel
+// grey levels more than the whole frame's (a change of exposure moves all of them); the changed blocks around a
+// tracked face are left to its own search. Neighbouring changed blocks form one region, searched through every
+// pyramid level at the fine scale, or at a smaller one where that would cost more than a frame's share of
+// kChangeStepPixels pyramid pixels. A searched block waits kChangeRestFrames analysed frames before a change
+// searches it again, and twice as long after each search that found nothing there, up to kChangeLongestRest (a
+// swaying object is not searched in every frame); it stays marked changed until then, and a block that stays still
+// for its rest waits kChangeRestFrames again. A search step passes over the regions of its plan where nothing changed
+// since their last search, kStillSkips times in a row at most (a still scene needs no new search).
+constexpr int kChangeBlock = 16;
+constexpr double kChangeLevel = 14.0;
+constexpr double kChangeStepPixels = 1.0e6;
+constexpr int kChangeRestFrames = 30;
+constexpr int kChangeLongestRest = 120;
+constexpr int kStillSkips = 7;
 // Tracked faces are looked for, and a lost track again (turned by these roll steps), in a square this many times
 // their box.
 constexpr double kSearchAreaFactor = 2.0;
@@ -143,6 +159,7 @@ struct SearchRegion {
     double scale = 1.0;
     unsigned long levels = 0;
     double cost = 0.0;
+    size_t id = 0; // which of the plan's distinct regions
 };
 
 // The regions of one band of the pyramid, cols x rows tiles overlapping by the band's largest face, the middle
@@ -152,10 +169,10 @@ std::vector<SearchRegion> bandRegions(int width, int height, double scale, unsig
     const double levelSum = levels == 0 ? 1.0 / (1.0 - kPyramidStep * kPyramidStep)
                                         : (1.0 - std::pow(kPyramidStep * kPyramidStep, static_cast<double>(levels))) /
                                               (1.0 - kPyramidStep * kPyramidStep);
-    const int overlap =
-        levels == 0 ? 0
-                    : static_cast<int>(std::ceil(kDetectorWindow /
-                                                 (scale * std::pow(kPyramidStep, static_cast<double>(levels - 1)))));
+    const int overlap = levels == 0
+                            ? 0
+                            : static_cast<int>(std::ceil(
+                                  kDetectorWindow / (scale * std::pow(kPyramidStep, static_cast<double>(levels - 1)))));
     cols = std::max(1, cols);
     rows = std::max(1, rows);
     const int tw = (width + cols - 1) / cols;
@@ -222,6 +239,20 @@ struct LiveFaceTracker::Impl {
     size_t cursor = 0;
     int planWidth = 0;
     int planHeight = 0;
+    // Block means of the last analysed frame (gridWidth x gridHeight blocks), blocks changed since their last search
+    // and the frame of that search.
+    int gridWidth = 0;
+    int gridHeight = 0;
+    int frameIndex = 0;
+    std::vector<float> blockMean;
+    std::vector<uint8_t> changed;
+    std::vector<int> searchedAt;
+    std::vector<int> restFor;
+    std::vector<int> changedAt; // the last frame in which a block changed
+    std::vector<int> coveredAt; // the last frame in which the search of a change or of a tracked face covered it
+    // Per distinct region of the plan: the frame of its last search and the still passes since.
+    std::vector<int> regionSearchedAt;
+    std::vector<int> regionSkips;
     dlib::frontal_face_detector detector = sharedDetector();
     // The same detector limited to the first few pyramid levels: faces of a known size range.
     dlib::frontal_face_detector trackedDetector = limited(detector, kTrackedLevels);
@@ -242,7 +273,26 @@ struct LiveFaceTracker::Impl {
     }
 
     void refineLandmarks(const LumaImage& frame, Found& f) const;
+    // Marks the blocks that changed since the last frame and searches the regions they form (none in the first frame
+    // of a stream), leaving out the neighbourhoods of the tracked faces and of those in found.
+    void searchChanges(const LumaImage& frame, std::vector<Found>& found);
     void makePlan(int width, int height);
+    // True when no block of g changed after frame since, but for changes that the search of changes or of a tracked
+    // face covered (a region never searched has changed).
+    bool stillSince(const SearchRegion& g, int since) const {
+        if (since == std::numeric_limits<int>::min() || changedAt.empty()) {
+            return false;
+        }
+        for (int by = g.y0 / kChangeBlock; by <= (g.y1 - 1) / kChangeBlock && by < gridHeight; ++by) {
+            for (int bx = g.x0 / kChangeBlock; bx <= (g.x1 - 1) / kChangeBlock && bx < gridWidth; ++bx) {
+                const size_t i = static_cast<size_t>(by) * gridWidth + bx;
+                if (changedAt[i] > since && changedAt[i] > coveredAt[i]) {
+                    return false;
+                }
+            }
+        }
+        return true;
+    }
     // Scans regions of the plan from the cursor on (from the plan's start, each region at most once, when
     // fromStart) until about budget pyramid pixels are spent, adding new detections to found.
     void search(const LumaImage& frame, double budget, std::vector<Found>& found, bool fromStart = false);
@@ -315,6 +365,7 @@ LiveFaceTracker::~LiveFaceTracker() = default;
 void LiveFaceTracker::reset() {
     _impl->tracks.clear();
     _impl->searchedWhole = false;
+    _impl->blockMean.clear();
 }
 
 void LiveFaceTracker::Impl::makePlan(int width, int height) {
@@ -327,18 +378,26 @@ void LiveFaceTracker::Impl::makePlan(int width, int height) {
     const double fine = detectionScale(height);
     const double middle = fine * std::pow(kPyramidStep, static_cast<double>(kBandLevels));
     const double coarse = middle * std::pow(kPyramidStep, static_cast<double>(kBandLevels));
-    const auto fineTiles = bandRegions(width, height, fine, kBandLevels, (width + kFineTileWidth - 1) / kFineTileWidth,
-                                       (height + kFineTileHeight - 1) / kFineTileHeight);
-    const auto middleTiles = bandRegions(width, height, middle, kBandLevels, kMiddleTiles, 1);
-    const auto coarseTiles = bandRegions(width, height, coarse, 0, 1, 1);
+    auto fineTiles = bandRegions(width, height, fine, kBandLevels, (width + kFineTileWidth - 1) / kFineTileWidth,
+                                 (height + kFineTileHeight - 1) / kFineTileHeight);
+    auto middleTiles = bandRegions(width, height, middle, kBandLevels, kMiddleTiles, 1);
+    auto coarseTiles = bandRegions(width, height, coarse, 0, 1, 1);
+    size_t id = 0;
+    for (auto* band : {&coarseTiles, &middleTiles, &fineTiles}) {
+        for (SearchRegion& g : *band) {
+            g.id = id++;
+        }
+    }
     // Each region once first (a first step from the start stops there), then the rounds of the step-by-step search.
     plan.clear();
     plan.insert(plan.end(), coarseTiles.begin(), coarseTiles.end());
     plan.insert(plan.end(), middleTiles.begin(), middleTiles.end());
     plan.insert(plan.end(), fineTiles.begin(), fineTiles.end());
     distinctRegions = plan.size();
-    const size_t rounds = std::max<size_t>(middleTiles.size(), (fineTiles.size() + kFineTilesPerRound - 1) /
-                                                                   kFineTilesPerRound);
+    regionSearchedAt.assign(distinctRegions, std::numeric_limits<int>::min());
+    regionSkips.assign(distinctRegions, 0);
+    const size_t rounds =
+        std::max<size_t>(middleTiles.size(), (fineTiles.size() + kFineTilesPerRound - 1) / kFineTilesPerRound);
     for (size_t r = 0; r < rounds; ++r) {
         plan.insert(plan.end(), coarseTiles.begin(), coarseTiles.end());
         if (!middleTiles.empty()) {
@@ -351,8 +410,7 @@ void LiveFaceTracker::Impl::makePlan(int width, int height) {
     cursor = distinctRegions;
 }
 
-void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::vector<Found>& found,
-                                   bool fromStart) {
+void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::vector<Found>& found, bool fromStart) {
     makePlan(frame.width, frame.height);
     const bool whole = fromStart;
     size_t index = whole ? 0 : cursor;
@@ -363,6 +421,12 @@ void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::v
             break; // the next step starts there
         }
         index = index + 1 < plan.size() ? index + 1 : distinctRegions;
+        if (!whole && stillSince(g, regionSearchedAt[g.id]) && regionSkips[g.id] < kStillSkips) {
+            ++regionSkips[g.id];
+            continue;
+        }
+        regionSearchedAt[g.id] = frameIndex;
+        regionSkips[g.id] = 0;
         spent += g.cost;
         RotatedCrop crop;
         crop.centre = {(g.x0 + g.x1) / 2.0, (g.y0 + g.y1) / 2.0};
@@ -378,6 +442,160 @@ void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::v
     }
     if (!whole) {
         cursor = index;
+    }
+}
+
+void LiveFaceTracker::Impl::searchChanges(const LumaImage& frame, std::vector<Found>& found) {
+    const int gw = (frame.width + kChangeBlock - 1) / kChangeBlock;
+    const int gh = (frame.height + kChangeBlock - 1) / kChangeBlock;
+    std::vector<float> mean(static_cast<size_t>(gw) * gh, 0.0f);
+    std::vector<uint32_t> sum(static_cast<size_t>(gw), 0);
+    for (int by = 0; by < gh; ++by) {
+        std::fill(sum.begin(), sum.end(), 0u);
+        const int y1 = std::min(frame.height, (by + 1) * kChangeBlock);
+        for (int y = by * kChangeBlock; y < y1; ++y) {
+            const uint8_t* row = frame.row(y);
+            for (int x = 0; x < frame.width; ++x) {
+                sum[x / kChangeBlock] += row[x];
+            }
+        }
+        for (int bx = 0; bx < gw; ++bx) {
+            const int w = std::min(frame.width, (bx + 1) * kChangeBlock) - bx * kChangeBlock;
+            mean[static_cast<size_t>(by) * gw + bx] =
+                static_cast<float>(sum[bx]) / static_cast<float>(w * (y1 - by * kChangeBlock));
+        }
+    }
+    ++frameIndex;
+    if (gw != gridWidth || gh != gridHeight || blockMean.size() != mean.size()) {
+        // A new stream or frame size: the first search step covers the frame; every block may be searched when it
+        // changes.
+        gridWidth = gw;
+        gridHeight = gh;
+        blockMean = std::move(mean);
+        changed.assign(blockMean.size(), 0);
+        searchedAt.assign(blockMean.size(), frameIndex - kChangeRestFrames);
+        restFor.assign(blockMean.size(), kChangeRestFrames);
+        changedAt.assign(blockMean.size(), frameIndex);
+        coveredAt.assign(blockMean.size(), frameIndex - 1);
+        return;
+    }
+    double shift = 0.0;
+    for (size_t i = 0; i < mean.size(); ++i) {
+        shift += mean[i] - blockMean[i];
+    }
+    shift /= static_cast<double>(mean.size());
+    for (size_t i = 0; i < mean.size(); ++i) {
+        if (std::abs(mean[i] - blockMean[i] - shift) >= kChangeLevel) {
+            changed[i] = 1;
+            changedAt[i] = frameIndex;
+        } else if (changed[i] == 0 && frameIndex - searchedAt[i] >= restFor[i]) {
+            restFor[i] = kChangeRestFrames;
+        }
+    }
+    blockMean = std::move(mean);
+    // The blocks a block rectangle of the frame covers, clipped to the grid.
+    const auto forBlocks = [&](double x0, double y0, double x1, double y1, auto&& fn) {
+        const int bx0 = std::max(0, static_cast<int>(std::floor(x0 / kChangeBlock)));
+        const int by0 = std::max(0, static_cast<int>(std::floor(y0 / kChangeBlock)));
+        const int bx1 = std::min(gw - 1, static_cast<int>(std::floor(x1 / kChangeBlock)));
+        const int by1 = std::min(gh - 1, static_cast<int>(std::floor(y1 / kChangeBlock)));
+        for (int by = by0; by <= by1; ++by) {
+            for (int bx = bx0; bx <= bx1; ++bx) {
+                fn(static_cast<size_t>(by) * gw + bx);
+            }
+        }
+    };
+    const auto leaveOut = [&](CGRect b) {
+        const double side = kSearchAreaFactor * std::max(b.size.width, b.size.height);
+        const double cx = b.origin.x + b.size.width / 2;
+        const double cy = b.origin.y + b.size.height / 2;
+        forBlocks(cx - side / 2, cy - side / 2, cx + side / 2, cy + side / 2, [&](size_t i) {
+            changed[i] = 0;
+            coveredAt[i] = frameIndex;
+        });
+    };
+    for (const Track& t : tracks) {
+        leaveOut(t.face.bounds);
+    }
+    for (const Found& f : found) {
+        leaveOut(f.box);
+    }
+    // Regions of changed blocks that have rested, blocks up to two apart joined, the most changed first.
+    const auto ready = [&](size_t i) { return changed[i] != 0 && frameIndex - searchedAt[i] >= restFor[i]; };
+    struct Region {
+        int bx0, by0, bx1, by1, blocks;
+    };
+    std::vector<Region> regions;
+    std::vector<uint8_t> seen(changed.size(), 0);
+    std::vector<size_t> stack;
+    for (size_t start = 0; start < changed.size(); ++start) {
+        if (seen[start] != 0 || !ready(start)) {
+            continue;
+        }
+        Region r{gw, gh, -1, -1, 0};
+        seen[start] = 1;
+        stack.assign(1, start);
+        while (!stack.empty()) {
+            const size_t i = stack.back();
+            stack.pop_back();
+            const int bx = static_cast<int>(i % gw);
+            const int by = static_cast<int>(i / gw);
+            r = {std::min(r.bx0, bx), std::min(r.by0, by), std::max(r.bx1, bx), std::max(r.by1, by), r.blocks + 1};
+            for (int ny = std::max(0, by - 2); ny <= std::min(gh - 1, by + 2); ++ny) {
+                for (int nx = std::max(0, bx - 2); nx <= std::min(gw - 1, bx + 2); ++nx) {
+                    const size_t j = static_cast<size_t>(ny) * gw + nx;
+                    if (seen[j] == 0 && ready(j)) {
+                        seen[j] = 1;
+                        stack.push_back(j);
+                    }
+                }
+            }
+        }
+        regions.push_back(r);
+    }
+    std::stable_sort(regions.begin(), regions.end(),
+                     [](const Region& a, const Region& b) { return a.blocks > b.blocks; });
+    const double fine = detectionScale(frame.height);
+    const double levelSum = 1.0 / (1.0 - kPyramidStep * kPyramidStep);
+    // A region reaches a block past its changed ones and is at least a little larger than the smallest face.
+    const double least = 1.5 * kDetectorWindow / fine;
+    double spent = 0.0;
+    for (const Region& r : regions) {
+        double x0 = (r.bx0 - 1) * kChangeBlock;
+        double y0 = (r.by0 - 1) * kChangeBlock;
+        double x1 = (r.bx1 + 2) * kChangeBlock;
+        double y1 = (r.by1 + 2) * kChangeBlock;
+        const double grow = std::max(0.0, least - (x1 - x0)) / 2;
+        const double rise = std::max(0.0, least - (y1 - y0)) / 2;
+        x0 = std::max(0.0, x0 - grow);
+        x1 = std::min(static_cast<double>(frame.width), x1 + grow);
+        y0 = std::max(0.0, y0 - rise);
+        y1 = std::min(static_cast<double>(frame.height), y1 + rise);
+        const double area = (x1 - x0) * (y1 - y0);
+        const double left = kChangeStepPixels - spent;
+        const double scale = std::min(fine, std::sqrt(std::max(0.0, left) / (area * levelSum)));
+        if (scale * std::min(x1 - x0, y1 - y0) < kDetectorWindow) {
+            break; // the rest waits for the next frame
+        }
+        spent += area * scale * scale * levelSum;
+        RotatedCrop crop;
+        crop.centre = {(x0 + x1) / 2, (y0 + y1) / 2};
+        crop.scale = scale;
+        crop.width = static_cast<int>((x1 - x0) * scale);
+        crop.height = static_cast<int>((y1 - y0) * scale);
+        const size_t before = found.size();
+        for (const Found& f : detect(detector, crop.sample(frame), scale, &crop, &found)) {
+            if (!isKnown(found, f.box)) {
+                found.push_back(f);
+            }
+        }
+        const bool empty = found.size() == before;
+        forBlocks(x0, y0, x1 - 1, y1 - 1, [&](size_t i) {
+            changed[i] = 0;
+            searchedAt[i] = frameIndex;
+            coveredAt[i] = frameIndex;
+            restFor[i] = empty ? std::min(kChangeLongestRest, 2 * restFor[i]) : kChangeRestFrames;
+        });
     }
 }
 
@@ -541,22 +759,25 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             } else {
                 addNew(_impl->detect(_impl->detector, LumaImageScaled(frame, scale), scale, nullptr, &found));
             }
-        } else if (!_impl->searchedWhole) {
-            _impl->searchedWhole = true;
-            _impl->framesSinceSearch = 0;
-            _impl->search(frame, kFirstStepPixels, found, true);
-        } else if (++_impl->framesSinceSearch >=
-                   (_impl->tracks.empty() ? kSearchEveryWithoutFaces : kSearchEveryWhileTracking)) {
-            _impl->framesSinceSearch = 0;
-            _impl->search(frame, kStepPixels, found);
+        } else {
+            _impl->searchChanges(frame, found);
+            if (!_impl->searchedWhole) {
+                _impl->searchedWhole = true;
+                _impl->framesSinceSearch = 0;
+                _impl->search(frame, kFirstStepPixels, found, true);
+            } else if (++_impl->framesSinceSearch >=
+                       (_impl->tracks.empty() ? kSearchEveryWithoutFaces : kSearchEveryWhileTracking)) {
+                _impl->framesSinceSearch = 0;
+                _impl->search(frame, kStepPixels, found);
+            }
         }
 
         // Tracks the upright detector lost are looked for again, turned by the roll steps.
         for (const Track& t : _impl->tracks) {
             const bool seen = std::any_of(found.begin(), found.end(),
                                           [&](const Found& f) { return matchScore(t.face.bounds, f.box) > 0; });
-            if (seen) {
-                continue;
+            if (seen || t.missed > 0) {
+                continue; // a track lost for more than a frame is only looked for upright
             }
             const CGRect b = t.face.bounds;
             const double side = kSearchAreaFactor * std::max(b.size.width, b.size.height);
@@ -637,7 +858,10 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
                 const double yaw = yawFromLandmarks(f.pts);
                 if (std::isfinite(yaw)) {
                     face.hasYawAngle = true;
-                    face.yawAngle = steadyStep(yaw, before != nullptr ? before->yaw : -1.0, 45.0, kYawHysteresis);
+                    // The frontal detector finds heads turned up to about a three-quarter view; on those the outline's
+                    // far side hides behind the cheek and the estimate overshoots towards a profile.
+                    face.yawAngle = steadyStep(std::clamp(yaw, -45.0, 45.0), before != nullptr ? before->yaw : -1.0,
+                                               45.0, kYawHysteresis);
                     now.yaw = face.yawAngle;
                 }
             }

@@ -31,7 +31,9 @@ struct TrackedFace {
 /// every frame; new faces in search steps, one in every kSearchEveryWithoutFaces-th frame while no face is tracked
 /// and one in every kSearchEveryWhileTracking-th while faces are. A step searches a share of the enlarged frame's
 /// pyramid (the whole frame at the coarse levels, tiles of it at the fine ones, the middle of the frame first),
-/// the next step the next share; the first frame of a stream gets a longer first step. A tracked face that the upright
+/// the next step the next share, passing over regions where nothing changed since their last search; the first frame
+/// of a stream gets a longer first step. In every frame the parts of the picture that changed since the last one are
+/// searched at once (a face that appears is found in the frame it appears in). A tracked face that the upright
 /// detector loses (a head tilted beyond its reach) is looked for again in its neighbourhood, turned by the roll
 /// steps. The box is fitted to the face's landmarks and smoothed while the face holds still; roll and yaw keep
 /// their step until the head has clearly passed the boundary to the next. An instance is used by one thread at a

@@ -81,10 +81,12 @@ private:
                       uint32_t formats, std::vector<MachineCode>& codes, bool& outlines) const;
     bool accept(uint32_t format, const std::string& text, AVMetadataObjectType& type) const;
 
-    // Where the previous picture's second look read a code, and at which skew: the next picture tries that first.
+    // Where the previous picture's second look read a code, at which skew and in which formats: the next picture
+    // tries that first.
     struct Hint {
         CGRect box;
         double skewDegrees;
+        uint32_t formats;
     };
     mutable std::vector<Hint> _hints;
     // Where no angle read a code, and for how many more pictures that region is left alone.

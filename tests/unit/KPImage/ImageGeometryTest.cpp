@@ -108,7 +108,9 @@ TEST(ImageGeometry, CropWithPaddingArithmetic) {
     EXPECT_EQ(cutOf(image.cropImageAtCoordinates(CGRectMake(40.9, 30.2, 20.7, 10.99), 0)), (Cut{40, 30, 20, 10}));
     // The fallback is 99 wide, not the room left; the cut then clips it at the edge.
     EXPECT_EQ(cutOf(image.cropImageAtCoordinates(CGRectMake(90, 5, 20, 20), 0)), (Cut{90, 5, 10, 20}));
-    // Exactly touching the right edge already falls back (X + W is not less than the width).
+    // Ending one column before the edge keeps the width; exactly touching it already falls back (X + W is not less
+    // than the width).
+    EXPECT_EQ(cutOf(image.cropImageAtCoordinates(CGRectMake(50, 50, 49, 10), 0)), (Cut{50, 50, 49, 10}));
     EXPECT_EQ(cutOf(image.cropImageAtCoordinates(CGRectMake(50, 50, 50, 10), 0)), (Cut{50, 50, 50, 10}));
     // A negative origin truncates to 0 and becomes 1.
     EXPECT_EQ(cutOf(image.cropImageAtCoordinates(CGRectMake(-30, -5, 20, 20), 0)), (Cut{1, 1, 20, 20}));

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <random>
 
@@ -49,7 +50,7 @@ const Elements kVersion9 = {"DCAD", "DCBNONE", "DCDNONE", "DBA12102030", "DCSSAM
                             "DBD06062019", "DBB06061986", "DBC1", "DAYBRO", "DAU068 in", "DAG2300 WEST BROAD STREET",
                             "DAIRICHMOND", "DAJVA", "DAK232690000  ", "DAQT64235789", "DCF2424244747474786102204",
                             "DCGUSA", "DDEN", "DDFN", "DDGN"};
-const Elements kVersion1 = {"DAAPUBLIC,JOHN,QUINCY", "DAG12 ELM ST", "DAIDENVER", "DAJCO", "DAK80202     ",
+const Elements kVersion1 = {"DAAPUBLIC,JOHN,QUINCY", "DAG12 ELM ST", "DAHAPT 4", "DAIDENVER", "DAJCO", "DAK80202     ",
                             "DAQ123456789", "DARC", "DASNONE", "DATNONE", "DBA20280115", "DBB19700301", "DBCM",
                             "DBD20200115", "DAU510"};
 const Elements kVersion3 = {"DCAC", "DCBNONE", "DCDNONE", "DBA07042027", "DCSDOE", "DCTJANE,ANN", "DBD07042019",
@@ -142,6 +143,8 @@ TEST(CardData, DamagedTextsGiveProblemsNeverACrash) {
     Elements withoutDiscriminator = kVersion9;
     std::erase(withoutDiscriminator, "DCF2424244747474786102204");
     const std::string missingDiscriminator = cardText("636000", 9, {{"DL", withoutDiscriminator}});
+    Elements otherCountry = kOntario; // the issuer alone says the dates are year first
+    std::replace(otherCountry.begin(), otherCountry.end(), std::string("DCGCAN"), std::string("DCGUSA"));
     struct Case {
         const char* what;
         std::string text;
@@ -165,6 +168,7 @@ TEST(CardData, DamagedTextsGiveProblemsNeverACrash) {
         {"year-first date on a U.S. card", reordered, true, {"date in DBA is not in the issuer's order"}, "SAMPLE"},
         {"version 12", unknownVersion, true, {"unknown version 12"}, "SAMPLE"},
         {"no discriminator", missingDiscriminator, true, {"missing mandatory elements: DCF"}, "SAMPLE"},
+        {"Ontario card marked USA", cardText("636012", 8, {{"DL", otherCountry}}), true, {}, "TREMBLAY"},
         {"no directory", "@\n\x1e\rANSI 636000090100DLDCSX\nDACY\r", true,
          {"no subfile directory", "missing mandatory elements: DCA, DCB, DCD, DBA, DAD, DBD, DBB, DBC, DAY, DAU, DAG, "
                                   "DAI, DAJ, DAK, DAQ, DCF, DCG, DDE, DDF, DDG"},
@@ -240,11 +244,13 @@ TEST(CardData, RedactedFormKeepsNoPersonalValue) {
         const std::string& number = full.fields.documentNumber;
         EXPECT_EQ(r.fields.documentNumber, "***" + number.substr(number.size() - 3));
         EXPECT_EQ(r.fields.dateOfBirth, (CardDate{full.fields.dateOfBirth->year, 0, 0}));
-        EXPECT_TRUE(r.fields.street.empty() && r.fields.postalCode.empty() && r.fields.documentDiscriminator.empty());
+        EXPECT_TRUE(r.fields.street.empty() && r.fields.street2.empty() && r.fields.postalCode.empty() &&
+                    r.fields.documentDiscriminator.empty());
         // No element of the redacted form carries a personal value of the full one.
         for (const CardElement& e : r.elements) {
             for (const std::string& secret : {full.fields.familyName, full.fields.firstName, full.fields.documentNumber,
-                                              full.fields.street, full.fields.postalCode, full.fields.fullName}) {
+                                              full.fields.street, full.fields.street2, full.fields.postalCode,
+                                              full.fields.fullName}) {
                 if (!secret.empty()) {
                     EXPECT_EQ(e.value.find(secret), std::string::npos) << e.id;
                 }

@@ -1,18 +1,15 @@
 // SPDX-License-Identifier: MIT
 // The media-file camera plays a video made here, frame by frame, looping, with increasing time stamps.
+#include "KPImage/Platform/AVAssetReader.h"
+#include "KPImage/Platform/AVAssetWriter.h"
 #include "KPImage/Platform/AVCaptureDevice.h"
 #include "KPImage/Platform/AVCaptureInput.h"
 #include "KPImage/Platform/AVCaptureSession.h"
 #include "KPImage/Platform/AVCaptureVideoDataOutput.h"
+#include "KPImage/Platform/NSThread.h"
 #include "Platform/Capture/MediaFileCamera.h"
 #include "support/FakeCaptureDevice.h"
 #include "support/ManualMainQueue.h"
-
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libavutil/frame.h>
-}
 
 #include <gtest/gtest.h>
 
@@ -21,7 +18,7 @@ extern "C" {
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <fstream>
+#include <future>
 #include <mutex>
 #include <unistd.h>
 
@@ -35,66 +32,37 @@ constexpr int kFrames = 5;
 
 uint8_t level(int frame) { return static_cast<uint8_t>(30 + 45 * frame); }
 
-// Writes kFrames grey frames (levels 30, 75, 120, ...) as MJPEG in a QuickTime file, frame i at stamp
-// stamps(i) in units of 1/rate seconds (default: 20 frames per second).
+// Writes kFrames grey frames (levels 30, 75, 120, ...) with the movie writer, frame i at stamp stamps(i) in units
+// of 1/rate seconds (default: 20 frames per second).
 bool writeMovie(const std::string& path, int rate = 20, const std::function<int64_t(int)>& stamps = [](int i) {
     return static_cast<int64_t>(i);
 }) {
-    AVFormatContext* format = nullptr;
-    if (avformat_alloc_output_context2(&format, nullptr, "mov", path.c_str()) < 0) {
-        return false;
-    }
-    const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
-    AVCodecContext* encoder = avcodec_alloc_context3(codec);
-    encoder->width = kWidth;
-    encoder->height = kHeight;
-    encoder->pix_fmt = AV_PIX_FMT_YUVJ420P;
-    encoder->time_base = AVRational{1, rate};
-    encoder->color_range = AVCOL_RANGE_JPEG;
-    bool ok = avcodec_open2(encoder, codec, nullptr) >= 0;
-    AVStream* stream = avformat_new_stream(format, nullptr);
-    ok = ok && stream != nullptr && avcodec_parameters_from_context(stream->codecpar, encoder) >= 0;
-    if (ok) {
-        stream->time_base = encoder->time_base;
-        ok = avio_open(&format->pb, path.c_str(), AVIO_FLAG_WRITE) >= 0 && avformat_write_header(format, nullptr) >= 0;
-    }
-    AVFrame* frame = av_frame_alloc();
-    AVPacket* packet = av_packet_alloc();
-    for (int i = 0; ok && i <= kFrames; ++i) {
-        if (i < kFrames) {
-            frame->format = encoder->pix_fmt;
-            frame->width = kWidth;
-            frame->height = kHeight;
-            ok = av_frame_get_buffer(frame, 0) >= 0;
-            for (int y = 0; ok && y < kHeight; ++y) {
-                std::memset(frame->data[0] + y * frame->linesize[0], level(i), kWidth);
-            }
-            for (int y = 0; ok && y < kHeight / 2; ++y) {
-                std::memset(frame->data[1] + y * frame->linesize[1], 128, kWidth / 2);
-                std::memset(frame->data[2] + y * frame->linesize[2], 128, kWidth / 2);
-            }
-            frame->pts = stamps(i);
-            ok = ok && avcodec_send_frame(encoder, frame) >= 0;
-            av_frame_unref(frame);
-        } else {
-            avcodec_send_frame(encoder, nullptr);
+    auto writer = AVAssetWriter::assetWriterWithURL(NSURL::fileURLWithPath(path), AVFileTypeQuickTimeMovie, nullptr);
+    auto input = AVAssetWriterInput::assetWriterInputWithMediaType(AVMediaTypeVideo, std::nullopt);
+    writer->addInput(input);
+    bool ok = writer->startWriting();
+    writer->startSessionAtSourceTime(kCMTimeZero);
+    for (int i = 0; ok && i < kFrames; ++i) {
+        CVPixelBufferRef pixels;
+        if (CVPixelBufferCreate(kWidth, kHeight, kCVPixelFormatType_32BGRA, &pixels) != kCVReturnSuccess) {
+            return false;
         }
-        while (ok && avcodec_receive_packet(encoder, packet) >= 0) {
-            packet->duration = 1; // one frame; without it the container drops the last frame
-            av_packet_rescale_ts(packet, encoder->time_base, stream->time_base);
-            packet->stream_index = stream->index;
-            ok = av_interleaved_write_frame(format, packet) >= 0;
+        std::memset(pixels->bytes(), level(i), pixels->dataSize());
+        CMSampleTimingInfo timing;
+        timing.presentationTimeStamp = CMTimeMake(stamps(i), rate);
+        timing.duration = CMTimeMake(1, rate);
+        CMSampleBufferRef sample;
+        ok = CMSampleBufferCreateForImageBuffer(pixels, true, timing, &sample) == noErr;
+        for (int wait = 0; ok && wait < 10000 && !input->isReadyForMoreMediaData(); ++wait) {
+            NSThread::sleepForTimeInterval(0.001);
         }
+        ok = ok && input->appendSampleBuffer(sample);
     }
-    ok = ok && av_write_trailer(format) >= 0;
-    av_packet_free(&packet);
-    av_frame_free(&frame);
-    avcodec_free_context(&encoder);
-    if (format->pb != nullptr) {
-        avio_closep(&format->pb);
-    }
-    avformat_free_context(format);
-    return ok;
+    input->markAsFinished();
+    std::promise<void> finished;
+    writer->finishWritingWithCompletionHandler([&] { finished.set_value(); });
+    finished.get_future().wait();
+    return ok && writer->status() == AVAssetWriterStatusCompleted;
 }
 
 class Frames final : public AVCaptureVideoDataOutputSampleBufferDelegate {
@@ -191,6 +159,11 @@ TEST(MediaFileCamera, StopEndsTheWaitForTheNextFrameAtOnce) {
     const std::string path = folder.path + "/gap.mov";
     // One frame a second, with a minute between the first two frames.
     ASSERT_TRUE(writeMovie(path, 1, [](int i) { return i == 0 ? 0 : 60 + i; }));
+    auto reader = AVAssetReader::assetReaderWithURL(NSURL::fileURLWithPath(path), nullptr);
+    ASSERT_TRUE(reader && reader->copyNextSampleBuffer(kCVPixelFormatType_32BGRA));
+    ASSERT_GE(CMTimeGetSeconds(CMSampleBufferGetPresentationTimeStamp(
+                  reader->copyNextSampleBuffer(kCVPixelFormatType_32BGRA))),
+              60.0);
     kptest::ManualMainQueue main;
     NSErrorRef error;
     auto device = AVCaptureDevice::addMediaFileCamera(path, AVCaptureDevicePositionBack, &error);

@@ -191,49 +191,29 @@ TEST(CaptureSessionStates, RuntimeFailuresStopTheSessionAndAreReportedOnTheMainQ
     }
 }
 
-TEST(CaptureSessionStates, MetadataOutputOffersTheCamerasTypesOnlyWithAnInput) {
+TEST(CaptureSessionStates, OutputsOfferWhatTheCameraHasOnlyWithAnInput) {
     World w(State::NotRunning, false);
     auto metadata = AVCaptureMetadataOutput::create();
-    EXPECT_TRUE(metadata->availableMetadataObjectTypes().empty());
     w.session->addOutput(metadata);
     EXPECT_TRUE(metadata->availableMetadataObjectTypes().empty());
     metadata->setMetadataObjectTypes({AVMetadataObjectTypeFace});
     EXPECT_TRUE(metadata->metadataObjectTypes().empty()) << "types not available are ignored";
     w.session->addInput(w.input);
-    // Faces and every code type the reader supports.
-    EXPECT_EQ(metadata->availableMetadataObjectTypes().size(), 13U);
     metadata->setMetadataObjectTypes(
         {AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeFace, AVMetadataObjectTypePDF417Code, "unknown"});
     EXPECT_EQ(metadata->metadataObjectTypes(),
               (std::vector<AVMetadataObjectType>{AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeFace}));
-    auto connection = metadata->connectionWithMediaType(AVMediaTypeMetadata);
-    ASSERT_TRUE(connection);
-    connection->setEnabled(false);
-    EXPECT_FALSE(connection->isEnabled());
-    EXPECT_EQ(metadata->connectionWithMediaType(AVMediaTypeMetadata), connection) << "one connection object";
-}
 
-TEST(CaptureSessionStates, ConnectionStabilisationFollowsTheCamera) {
-    World w(State::NotRunning, true);
+    // Stabilisation follows the camera: auto is the standard mode where it exists, off where it does not.
     auto connection = w.frames->connectionWithMediaType(AVMediaTypeVideo);
-    ASSERT_TRUE(connection);
-    EXPECT_TRUE(connection->isVideoStabilizationSupported());
-    EXPECT_EQ(connection->activeVideoStabilizationMode(), AVCaptureVideoStabilizationModeOff);
     connection->setPreferredVideoStabilizationMode(AVCaptureVideoStabilizationModeAuto);
-    EXPECT_EQ(connection->preferredVideoStabilizationMode(), AVCaptureVideoStabilizationModeAuto);
     EXPECT_EQ(connection->activeVideoStabilizationMode(), AVCaptureVideoStabilizationModeStandard);
     connection->setVideoScaleAndCropFactor(0.5);
     EXPECT_DOUBLE_EQ(connection->videoScaleAndCropFactor(), 1.0);
-    connection->setVideoScaleAndCropFactor(2.0);
-    EXPECT_DOUBLE_EQ(connection->videoScaleAndCropFactor(), 2.0);
-
-    auto plain = std::make_shared<FakeCaptureDevice>("plain", FakeCaptureDevice::noCapabilities());
     World v(State::NotRunning, false);
-    v.session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(
-        std::make_shared<AVCaptureDevice>(plain, AVCaptureDevicePositionBack)));
-    auto c2 = v.frames->connectionWithMediaType(AVMediaTypeVideo);
-    ASSERT_TRUE(c2);
-    EXPECT_FALSE(c2->isVideoStabilizationSupported());
-    c2->setPreferredVideoStabilizationMode(AVCaptureVideoStabilizationModeAuto);
-    EXPECT_EQ(c2->activeVideoStabilizationMode(), AVCaptureVideoStabilizationModeOff);
+    v.session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(std::make_shared<AVCaptureDevice>(
+        std::make_shared<FakeCaptureDevice>("plain", FakeCaptureDevice::noCapabilities()), AVCaptureDevicePositionBack)));
+    auto plain = v.frames->connectionWithMediaType(AVMediaTypeVideo);
+    plain->setPreferredVideoStabilizationMode(AVCaptureVideoStabilizationModeAuto);
+    EXPECT_EQ(plain->activeVideoStabilizationMode(), AVCaptureVideoStabilizationModeOff);
 }

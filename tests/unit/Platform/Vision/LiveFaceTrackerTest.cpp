@@ -19,6 +19,7 @@
 #include <numbers>
 #include <regex>
 #include <sstream>
+#include <tuple>
 
 using namespace kp;
 
@@ -98,22 +99,16 @@ DlibFaceDetector::Landmarks frontalLandmarks() {
 
 TEST(LiveFaceTracker, QuantisesAnglesToThePlatformSteps) {
     // Roll in steps of 30, yaw in steps of 45, both in [0, 360); halves round away from upright.
-    EXPECT_EQ(LiveFaceTracker::quantizedRoll(0.0), 0.0);
-    EXPECT_FALSE(std::signbit(LiveFaceTracker::quantizedRoll(-0.0)));
-    EXPECT_FALSE(std::signbit(LiveFaceTracker::quantizedRoll(-14.9)));
-    EXPECT_EQ(LiveFaceTracker::quantizedRoll(14.9), 0.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedRoll(15.0), 30.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedRoll(-15.0), 330.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedRoll(-14.9), 0.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedRoll(359.0), 0.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedRoll(345.0), 0.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedRoll(344.9), 330.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedRoll(-720.0), 0.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedYaw(22.4), 0.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedYaw(22.5), 45.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedYaw(-22.5), 315.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedYaw(-90.0), 270.0);
-    EXPECT_EQ(LiveFaceTracker::quantizedYaw(std::nan("")), 0.0);
+    const std::pair<double, double> rolls[] = {{0, 0},     {-0.0, 0}, {-14.9, 0}, {14.9, 0},    {15, 30},
+                                               {-15, 330}, {359, 0},  {345, 0},   {344.9, 330}, {-720, 0}};
+    for (const auto& [degrees, expected] : rolls) {
+        EXPECT_EQ(LiveFaceTracker::quantizedRoll(degrees), expected) << degrees;
+        EXPECT_FALSE(std::signbit(LiveFaceTracker::quantizedRoll(degrees))) << degrees;
+    }
+    const std::pair<double, double> yaws[] = {{22.4, 0}, {22.5, 45}, {-22.5, 315}, {-90, 270}, {std::nan(""), 0}};
+    for (const auto& [degrees, expected] : yaws) {
+        EXPECT_EQ(LiveFaceTracker::quantizedYaw(degrees), expected) << degrees;
+    }
 
     // Near a boundary the step reported last holds until the head is clearly past it.
     struct Case {
@@ -177,7 +172,6 @@ TEST(LiveFaceTracker, FindsFacesAndFollowsThemWithStableIds) {
     EXPECT_LT(f.bounds.origin.x + f.bounds.size.width, 560);
     EXPECT_TRUE(f.hasRollAngle);
     EXPECT_EQ(f.rollAngle, 0.0);
-    EXPECT_FALSE(std::signbit(f.rollAngle));
     EXPECT_TRUE(f.hasYawAngle);
     EXPECT_EQ(f.yawAngle, 0.0);
 
@@ -269,7 +263,7 @@ TEST(LiveFaceTracker, HoldsTheBoxOfAStillFaceStill) {
     LiveFaceTracker tracker(CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Video);
     uint32_t seed = 7;
     std::vector<TrackedFace> before;
-    for (int i = 0; i < 12; ++i) {
+    for (int i = 0; i < 8; ++i) {
         LumaImage noisy = frame;
         for (uint8_t& v : noisy.pixels) {
             seed = seed * 1664525u + 1013904223u;
@@ -292,8 +286,8 @@ TEST(LiveFaceTracker, FindsSmallFacesAndTheSampleScenesFace) {
     LiveFaceTracker tracker(CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Picture);
     EXPECT_EQ(tracker.track(sampleSceneAt(0.0, 1280, 720)).size(), 1u);
 
-    // In video a face of 48 pixels that steps into a 720p frame is found within four seconds at 15 analysed frames a
-    // second (the search goes through the frame step by step), then tracked in every frame.
+    // In video a face of 48 pixels that steps into a 720p frame is found in the frame it appears in (it is a change),
+    // then tracked in every frame.
     LiveFaceTracker video(CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Video);
     LumaImage empty;
     empty.resize(1280, 720);
@@ -301,22 +295,22 @@ TEST(LiveFaceTracker, FindsSmallFacesAndTheSampleScenesFace) {
     EXPECT_TRUE(video.track(empty).empty());
     CGRect truth;
     const LumaImage frame = portraitAt(kPortraits[0], 48, 1280, 720, 1000, 120, truth);
-    std::vector<TrackedFace> seen;
-    for (int frames = 0; frames < 60 && seen.empty(); ++frames) {
-        seen = video.track(frame);
-    }
+    const std::vector<TrackedFace> seen = video.track(frame);
     ASSERT_EQ(seen.size(), 1u);
     EXPECT_GE(LiveFaceTracker::overlap(seen[0].bounds, truth), 0.5);
-    for (int i = 0; i < 3; ++i) {
-        const auto again = video.track(frame);
-        ASSERT_EQ(again.size(), 1u);
-        EXPECT_EQ(again[0].faceID, seen[0].faceID);
-    }
+    const auto again = video.track(frame);
+    ASSERT_EQ(again.size(), 1u);
+    EXPECT_EQ(again[0].faceID, seen[0].faceID);
 }
 
 TEST(LiveFaceTracker, FindsTheFacesOfHandMarkedGroupPhotos) {
     // dlib's example group photos with their hand-marked faces (37 to 109 pixels in pictures of about 500), where
-    // the system has them: nearly all found, hardly anything else.
+    // the system has them: nearly all found, hardly anything else; heads that are clearly turned (by eye) or frontal
+    // report their yaw.
+    const std::tuple<std::string, double, double, double> turnedHeads[] = {
+        {"2008_002079.jpg", 41, 194, 45},  {"2008_002079.jpg", 62, 134, 45}, {"2008_002079.jpg", 433, 171, 315},
+        {"2007_007763.jpg", 381, 89, 315}, {"2008_002079.jpg", 346, 138, 0}, {"2008_004176.jpg", 162, 118, 0}};
+    int turnedSeen = 0;
     const std::string folder = "/usr/share/doc/libdlib19.1/examples/faces/";
     if (!std::filesystem::exists(folder + "testing.xml")) {
         GTEST_SKIP() << "no example photos";
@@ -347,6 +341,12 @@ TEST(LiveFaceTracker, FindsTheFacesOfHandMarkedGroupPhotos) {
                     if (!used[i] && LiveFaceTracker::overlap(m, reported[i].bounds) >= 0.3) {
                         used[i] = true;
                         ++found;
+                        for (const auto& [name, left, top, yaw] : turnedHeads) {
+                            if (file == name && m.origin.x == left && m.origin.y == top) {
+                                ++turnedSeen;
+                                EXPECT_EQ(reported[i].yawAngle, yaw) << file << " " << left << "," << top;
+                            }
+                        }
                         break;
                     }
                 }
@@ -354,6 +354,7 @@ TEST(LiveFaceTracker, FindsTheFacesOfHandMarkedGroupPhotos) {
             falses += static_cast<int>(std::count(used.begin(), used.end(), false));
         }
     }
+    EXPECT_EQ(turnedSeen, static_cast<int>(std::size(turnedHeads)));
     EXPECT_EQ(faces, 43);
     EXPECT_GE(found, 40);
     EXPECT_LE(falses, 2);
