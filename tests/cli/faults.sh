@@ -36,7 +36,7 @@ summary_paths() {
     >"$work/int.out" 2>"$work/int.err" &
 pid=$!
 for _ in $(seq 1 300); do grep -q '"time"' "$work/int.out" 2>/dev/null && break; sleep 0.1; done
-sleep 2
+sleep 1
 kill -INT "$pid"
 wait "$pid"
 status=$?
@@ -49,7 +49,7 @@ fi
 # A second run into the same folder keeps the first run's files: the movie and stills get new names.
 mkdir -p "$work/again" && : >"$work/again/still-7.png" && cp "$movie" "$work/again/FrontCardData0.mov"
 before=$(cksum "$work/again/FrontCardData0.mov")
-"$kpimage" capture --sample --seconds 3 --record --no-guidance --out "$work/again" >"$work/again.out" 2>"$work/again.err"
+"$kpimage" capture --sample --seconds 2 --record --no-guidance --out "$work/again" >"$work/again.out" 2>"$work/again.err"
 status=$?
 if [ "$status" -ne 0 ] || ! grep -q '"movie":"[^"]*/FrontCardData0-1\.mov"' "$work/again.out" ||
     [ "$(cksum "$work/again/FrontCardData0.mov")" != "$before" ] || [ -s "$work/again/still-7.png" ] ||
@@ -57,10 +57,10 @@ if [ "$status" -ne 0 ] || ! grep -q '"movie":"[^"]*/FrontCardData0-1\.mov"' "$wo
     problem "a second run overwrote or misnamed files (exit $status)"; show again
 fi
 
-# A FIFO as --media is refused at once by every command that plays it (within a second of what the same
-# command takes to refuse a missing file, which says so).
+# A FIFO as --media is refused at once by the camera commands, which share the check (within a second of what the
+# same command takes to refuse a missing file, which says so).
 mkfifo "$work/camera.fifo"
-for command in frames metadata capture record; do
+for command in capture record; do
     start=$(now_ms)
     "$kpimage" "$command" --media "$work/missing.mp4" --seconds 1 >"$work/missing.out" 2>"$work/missing.err"
     status=$? baseline=$(($(now_ms) - start))

@@ -71,7 +71,7 @@ TEST(CameraLifetime, StreamsKeepTheirBackEndAliveWhenTheLastReferenceGoesInAFram
 TEST(CameraLifetime, SessionsDroppedAndDevicesRemovedWhileFramesFlow) {
     kptest::ManualMainQueue main;
     auto queue = dispatch_queue_create("VideoDataOutputQueue", DISPATCH_QUEUE_SERIAL);
-    constexpr int kRounds = 200;
+    constexpr int kRounds = 100;
     int stopsInsideFrames = 0;
     for (int round = 0; round < kRounds; ++round) {
         SCOPED_TRACE(round);

@@ -56,9 +56,9 @@ constexpr double kFirstStepPixels = 3.0e6;
 // for its rest waits kChangeRestFrames again. A search step passes over the regions of its plan where nothing changed
 // since their last search, kStillSkips times in a row at most (a still scene needs no new search).
 constexpr int kChangeBlock = 16;
-constexpr double kChangeLevel = 10.0;
+constexpr double kChangeLevel = 14.0;
 constexpr double kChangeStepPixels = 1.0e6;
-constexpr int kChangeRestFrames = 15;
+constexpr int kChangeRestFrames = 30;
 constexpr int kChangeLongestRest = 120;
 constexpr int kStillSkips = 7;
 // Tracked faces are looked for, and a lost track again (turned by these roll steps), in a square this many times

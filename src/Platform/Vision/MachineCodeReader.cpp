@@ -87,8 +87,11 @@ constexpr int kFullReadEvery = 32;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
 // A region where no angle read is left alone for this many pictures (text and patterns stay where they are from
-// frame to frame; a code that appears there is read at most this many pictures late).
+// frame to frame; a code that appears there is read at most this many pictures late). A region that comes back
+// from its rest is tried at one angle only, the next of the retry angles each time, and rests kLongRest pictures
+// when that does not read either: text seen for a while costs a read every few pictures, not three every third.
 constexpr int kFailedRegionRest = 3;
+constexpr int kLongRest = 6;
 // A failed region and a candidate are the same place when their boxes overlap by this much (intersection over
 // union: a small region next to or inside a code's is another place).
 constexpr double kSameRegionOverlap = 0.5;
@@ -135,6 +138,13 @@ bool containsPoint(const std::array<CGPoint, 4>& c, CGPoint p) {
         }
     }
     return true;
+}
+
+// Whether two regions' boxes show the same place: either holds the other's centre (a region merely touching a
+// code's, text beside it, is another place).
+bool samePlace(CGRect a, CGRect b) {
+    return CGRectContainsPoint(a, {CGRectGetMidX(b), CGRectGetMidY(b)}) ||
+           CGRectContainsPoint(b, {CGRectGetMidX(a), CGRectGetMidY(a)});
 }
 
 bool rectsOverlap(CGRect a, CGRect b) {
@@ -206,9 +216,33 @@ double sharpestSkew(const LumaImage& image, CGPoint centre, double w, double h, 
         std::fill(count.begin(), count.end(), 0);
         for (int y = y0; y < y1; y += 2) {
             const uint8_t* row = image.row(y);
-            for (int x = x0; x < x1; x += 2) {
+            const double dy = y - centre.y;
+            // The pixels of the row inside the turned box lie between two bounds of dx (one pixel of slack on
+            // each side; the test below keeps exactly those inside).
+            double lo = x0 - centre.x;
+            double hi = x1 - centre.x;
+            const auto within = [&](double k, double offset, double half) {
+                // k * dx + offset in [-half, half].
+                if (std::abs(k) < 1e-12) {
+                    if (std::abs(offset) > half) {
+                        hi = lo - 1;
+                    }
+                    return;
+                }
+                const double from = (-half - offset) / k;
+                const double to = (half - offset) / k;
+                lo = std::max(lo, std::min(from, to) - 1);
+                hi = std::min(hi, std::max(from, to) + 1);
+            };
+            within(ca, dy * sa, w / 2);
+            within(-sa, dy * ca, h / 2);
+            if (hi < lo) {
+                continue;
+            }
+            const int first = x0 + 2 * std::max(0, static_cast<int>(std::ceil((centre.x + lo - x0) / 2)));
+            const int last = std::min(x1, static_cast<int>(centre.x + hi) + 1);
+            for (int x = first; x < last; x += 2) {
                 const double dx = x - centre.x;
-                const double dy = y - centre.y;
                 const double u = dx * ca + dy * sa;
                 const double v = -dx * sa + dy * ca;
                 if (std::abs(u) > w / 2 || std::abs(v) > h / 2) {
@@ -361,23 +395,31 @@ std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(cons
         const uint8_t* mid = image.row(y);
         const uint8_t* down = image.row(y + 1);
         Cell* cellRow = &cells[static_cast<size_t>(y / kCell) * static_cast<size_t>(cols)];
-        for (int x = 1; x < cols * kCell - 1; x += 2) {
-            Cell& cell = cellRow[x / kCell];
-            ++cell.samples;
-            const int gx = mid[x + 1] - mid[x - 1];
-            const int gy = down[x] - up[x];
-            if (std::abs(gx) + std::abs(gy) < kEdgeThreshold) {
-                continue;
+        for (int cx = 0; cx < cols; ++cx) {
+            Cell& cell = cellRow[cx];
+            const int xEnd = std::min((cx + 1) * kCell, cols * kCell - 1);
+            for (int x = cx * kCell + 1; x < xEnd; x += 2) {
+                ++cell.samples;
+                const int gx = mid[x + 1] - mid[x - 1];
+                const int gy = down[x] - up[x];
+                if (std::abs(gx) + std::abs(gy) < kEdgeThreshold) {
+                    continue;
+                }
+                ++cell.edges;
+                // Doubling the angle twice makes directions 90 degrees apart agree (a code's two edge families):
+                // with c2 = (gx^2 - gy^2) / m^2 and s2 = 2 gx gy / m^2, the cell sums m (c2^2 - s2^2) and
+                // m (2 c2 s2), here with one division.
+                const double xx = gx * gx;
+                const double yy = gy * gy;
+                const double m2 = xx + yy;
+                const double m = std::sqrt(m2);
+                const double k = 1.0 / (m2 * m);
+                const double d = xx - yy;
+                const double p = 2.0 * gx * gy;
+                cell.c4 += (d * d - p * p) * k;
+                cell.s4 += 2.0 * d * p * k;
+                cell.weight += m;
             }
-            ++cell.edges;
-            // Doubling the angle twice makes directions 90 degrees apart agree (a code's two edge families).
-            const double m2 = static_cast<double>(gx * gx + gy * gy);
-            const double c2 = (gx * gx - gy * gy) / m2;
-            const double s2 = 2.0 * gx * gy / m2;
-            const double m = std::sqrt(m2);
-            cell.c4 += m * (c2 * c2 - s2 * s2);
-            cell.s4 += m * (2 * c2 * s2);
-            cell.weight += m;
         }
     }
     for (size_t i = 0; i < cells.size(); ++i) {
@@ -652,7 +694,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
             for (const Candidate& cand : findCandidates(image, kMaxCandidates, known)) {
                 // A region that no angle read in the last pictures rests, unless a code was read there last time.
                 const bool hinted = std::any_of(_hints.begin(), _hints.end(),
-                                                [&](const Hint& hint) { return rectsOverlap(hint.box, cand.box); });
+                                                [&](const Hint& hint) { return samePlace(hint.box, cand.box); });
                 if (!hinted && std::any_of(_resting.begin(), _resting.end(), [&](const Rest& r) {
                         return r.pictures > 1 && intersectionOverUnion(r.box, cand.box) >= kSameRegionOverlap;
                     })) {
@@ -666,7 +708,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 // Such a code is looked for in its own format only: a PDF417 crop costs a QR search as much again.
                 std::vector<Hint> angles;
                 for (const Hint& hint : _hints) {
-                    if (rectsOverlap(hint.box, cand.box) &&
+                    if (samePlace(hint.box, cand.box) &&
                         std::abs(hint.skewDegrees - cand.skewDegrees) <= kSkewSearchDegrees) {
                         angles.push_back(hint);
                     }
@@ -733,18 +775,24 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 if (!read && readsLeft > 0) {
                     const double skew =
                         sharpestSkew(image, cand.centre, cand.uprightWidth, cand.uprightHeight, cand.skewDegrees);
+                    const auto back = std::find_if(_resting.begin(), _resting.end(), [&](const Rest& r) {
+                        return r.pictures == 1 && intersectionOverUnion(r.box, cand.box) >= kSameRegionOverlap;
+                    });
+                    const int strikes = back == _resting.end() ? 0 : back->strikes;
+                    constexpr size_t kOffsets = std::size(kSkewRetryOffsets);
                     bool tried = false;
-                    for (double offset : kSkewRetryOffsets) {
+                    for (size_t i = 0; i < (strikes == 0 ? kOffsets : 1); ++i) {
                         if (readsLeft-- <= 0) {
                             break;
                         }
                         tried = true;
-                        if ((read = attempt(skew + offset, secondLook))) {
+                        const size_t which = strikes == 0 ? i : static_cast<size_t>(strikes - 1) % kOffsets;
+                        if ((read = attempt(skew + kSkewRetryOffsets[which], secondLook))) {
                             break;
                         }
                     }
                     if (tried && !read) {
-                        resting.push_back({cand.box, kFailedRegionRest});
+                        resting.push_back({cand.box, strikes == 0 ? kFailedRegionRest : kLongRest, strikes + 1});
                     }
                 }
             }

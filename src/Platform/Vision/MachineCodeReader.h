@@ -89,10 +89,12 @@ private:
         uint32_t formats;
     };
     mutable std::vector<Hint> _hints;
-    // Where no angle read a code, and for how many more pictures that region is left alone.
+    // Where no angle read a code, for how many more pictures that region is left alone, and how many times in a
+    // row it was tried in vain.
     struct Rest {
         CGRect box;
         int pictures;
+        int strikes = 1;
     };
     mutable std::vector<Rest> _resting;
     // Where the first look (the library over the picture) read codes in the previous picture, and how many pictures

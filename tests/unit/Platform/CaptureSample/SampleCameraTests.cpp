@@ -188,21 +188,6 @@ TEST(SampleCamera, DeliversFramesOfThePresetInTheRequestedFormatInReusedMemory) 
                           0);
             }
         }
-        // The picture has content: plane 0 is far from uniform.
-        const auto pixels = CMSampleBufferGetImageBuffer(frames[0]);
-        CVPixelBufferLockBaseAddress(pixels, 0);
-        const auto* p = static_cast<const uint8_t*>(CVPixelBufferGetBaseAddressOfPlane(pixels, 0));
-        const size_t stride = CVPixelBufferGetBytesPerRowOfPlane(pixels, 0);
-        uint8_t lo = 255;
-        uint8_t hi = 0;
-        for (size_t y = 0; y < 480; y += 3) {
-            for (size_t x = 0; x < CVPixelBufferGetWidthOfPlane(pixels, 0); x += 3) {
-                lo = std::min(lo, p[y * stride + x]);
-                hi = std::max(hi, p[y * stride + x]);
-            }
-        }
-        CVPixelBufferUnlockBaseAddress(pixels, 0);
-        EXPECT_GT(hi - lo, 150);
     }
 }
 

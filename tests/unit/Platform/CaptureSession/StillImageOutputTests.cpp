@@ -92,7 +92,7 @@ TEST(StillImageOutput, ScaleAndCropFactorTakesTheCentreOfTheFrame) {
         int corner; // green of the picture's corner pixels
     };
     // The picture keeps the frame's size: the centre 1/factor of it, enlarged.
-    for (const Case& c : {Case{1.0, 0}, Case{2.0, 255}, Case{4.0, 255}, Case{1.5, 0}}) {
+    for (const Case& c : {Case{1.0, 0}, Case{2.0, 255}, Case{1.5, 0}}) {
         SCOPED_TRACE(c.factor);
         connection->setVideoScaleAndCropFactor(c.factor);
         auto outcome = request(rig.still, connection);
