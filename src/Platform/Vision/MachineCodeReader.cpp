@@ -50,6 +50,16 @@ const std::vector<TypeFormat>& typeFormats() {
     return table;
 }
 
+// The library's formats of a code type (0 for a type it does not read).
+uint32_t formatsOf(const AVMetadataObjectType& type) {
+    for (const auto& tf : typeFormats()) {
+        if (*tf.type == type) {
+            return tf.formats;
+        }
+    }
+    return 0;
+}
+
 constexpr uint32_t kSecondLookFormats =
     static_cast<uint32_t>(BarcodeFormat::PDF417) | static_cast<uint32_t>(BarcodeFormat::QRCode);
 // Edges weaker than this (sum of absolute central differences) are not counted.
@@ -754,8 +764,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                                    rectsOverlap(boundingRectOfPoints(k.corners), b);
                         });
                         if (!duplicate) {
-                            addedFormats |= c.type == AVMetadataObjectTypePDF417Code ? bits(BarcodeFormat::PDF417)
-                                                                                      : bits(BarcodeFormat::QRCode);
+                            addedFormats |= formatsOf(c.type);
                             codes.push_back(std::move(c));
                             ++added;
                         }
