@@ -20,17 +20,13 @@ namespace {
 class SharingDelegate final : public AVCaptureVideoDataOutputSampleBufferDelegate {
 public:
     std::atomic<double> faceWidth{0};
-    std::atomic<uint64_t> frames{0};
-    std::atomic<uint64_t> sawFace{0};
-    std::atomic<uint64_t> mainTasks{0};
+    std::atomic<uint64_t> frames{0}, sawFace{0}, mainTasks{0};
 
     void captureOutput(const std::shared_ptr<AVCaptureOutput>&, const CMSampleBufferRef& sample,
                        const std::shared_ptr<AVCaptureConnection>&) override {
-        // Read the pixels the way a consumer does.
-        const auto pixels = CMSampleBufferGetImageBuffer(sample);
+        const auto pixels = CMSampleBufferGetImageBuffer(sample); // read the pixels the way a consumer does
         CVPixelBufferLockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
-        const auto* p = static_cast<const uint8_t*>(CVPixelBufferGetBaseAddress(pixels));
-        volatile uint8_t first = p != nullptr ? p[0] : 0;
+        volatile uint8_t first = static_cast<const uint8_t*>(CVPixelBufferGetBaseAddress(pixels))[0];
         (void)first;
         CVPixelBufferUnlockBaseAddress(pixels, kCVPixelBufferLock_ReadOnly);
         if (faceWidth.load(std::memory_order_relaxed) == 0) {
@@ -44,23 +40,23 @@ public:
 };
 } // namespace
 
-TEST(FrameQueueStress, HundredThousandFramesWhileTheMainQueueSharesState) {
+TEST(FrameQueueStress, ManyFramesWhileTheMainQueueSharesState) {
     kptest::ManualMainQueue main;
     auto fake = std::make_shared<kptest::FakeCaptureDevice>("stress");
     fake->setFormat({8, 8});
-    auto device = std::make_shared<AVCaptureDevice>(fake, AVCaptureDevicePositionFront);
     auto session = AVCaptureSession::create();
     auto output = AVCaptureVideoDataOutput::create();
     auto delegate = std::make_shared<SharingDelegate>();
     auto queue = dispatch_queue_create("VideoDataOutputQueue", DISPATCH_QUEUE_SERIAL);
     output->setVideoSettings({{kCVPixelBufferPixelFormatTypeKey, kCVPixelFormatType_32BGRA}});
     output->setSampleBufferDelegate(delegate, queue);
-    session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
+    session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(
+        std::make_shared<AVCaptureDevice>(fake, AVCaptureDevicePositionFront)));
     session->addOutput(output);
     session->startRunning();
     ASSERT_TRUE(fake->isStreaming());
 
-    constexpr int kFrames = 100000;
+    constexpr int kFrames = 20000;
     std::atomic<bool> producing{true};
     std::thread camera([&] {
         for (int i = 0; i < kFrames; ++i) {
@@ -80,20 +76,15 @@ TEST(FrameQueueStress, HundredThousandFramesWhileTheMainQueueSharesState) {
         delegate->faceWidth.store((++flips % 2) ? 120.0 : 0.0, std::memory_order_relaxed);
         const auto counts = output->frameCounts();
         ASSERT_LE(counts.delivered + counts.dropped, counts.produced);
-        ASSERT_GE(counts.produced, last.produced);
-        ASSERT_GE(counts.delivered, last.delivered);
-        ASSERT_GE(counts.dropped, last.dropped);
+        ASSERT_TRUE(counts.produced >= last.produced && counts.delivered >= last.delivered &&
+                    counts.dropped >= last.dropped);
         last = counts;
-        auto connection = output->connectionWithMediaType(AVMediaTypeVideo);
-        ASSERT_TRUE(connection);
-        EXPECT_TRUE(connection->isEnabled());
-        EXPECT_TRUE(session->isRunning());
+        ASSERT_TRUE(output->connectionWithMediaType(AVMediaTypeVideo)->isEnabled() && session->isRunning());
     }
     camera.join();
     session->stopRunning();
     dispatch_sync(queue, [] {});
     main.drain();
-
     const auto counts = output->frameCounts();
     EXPECT_EQ(counts.produced, static_cast<uint64_t>(kFrames));
     EXPECT_EQ(counts.produced, counts.delivered + counts.dropped);
