@@ -1,14 +1,40 @@
 // SPDX-License-Identifier: MIT
-// Bitmaps and the drawing context: layout validation, size limits, cutting, layout conversion and drawing.
+// Geometry, bitmaps and the drawing context: rectangle rules, layout validation, size limits, cutting, layout
+// conversion, drawing and text.
 #include "KPImage/Platform/CGContext.h"
+#include "KPImage/Platform/NSStringDrawing.h"
 #include "KPImage/Platform/UIGraphics.h"
+#include "support/PixelProbe.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <numbers>
 
 using namespace kp;
+using kptest::Rgba;
+
+TEST(Geometry, RectanglesFollowNullAndEmptyRulesAndTransformsComposeInPlatformOrder) {
+    EXPECT_EQ(CGRectStandardize(CGRectMake(10, 10, -4, -6)), CGRectMake(6, 4, 4, 6));
+    EXPECT_TRUE(CGRectIsNull(CGRectIntersection(CGRectMake(0, 0, 1, 1), CGRectMake(2, 2, 1, 1))));
+    EXPECT_FALSE(CGRectIsNull(CGRectZero));
+    // Touching edges meet in an empty, not null, rectangle.
+    EXPECT_EQ(CGRectIntersection(CGRectMake(0, 0, 1, 1), CGRectMake(1, 0, 1, 1)), CGRectMake(1, 0, 0, 1));
+    EXPECT_EQ(CGRectUnion(CGRectNull, CGRectMake(1, 2, 3, 4)), CGRectMake(1, 2, 3, 4));
+    EXPECT_FALSE(CGRectContainsRect(CGRectNull, CGRectZero) || CGRectContainsPoint(CGRectMake(0, 0, 2, 2), {2, 1}));
+    EXPECT_EQ(CGRectIntegral(CGRectMake(0.5, 1.2, 2, 2.1)), CGRectMake(0, 1, 3, 3));
+    EXPECT_TRUE(CGRectIsNull(CGRectInset(CGRectMake(0, 0, 10, 10), 6, 0)));
+    EXPECT_DOUBLE_EQ(CGRectGetMidX(CGRectMake(10, 20, -4, 8)), 8);
+    // translate(scale(1, -1), 0, -H) maps (x, y) to (x, H - y): the detector flip. 45 degrees of a 100 x 100
+    // rectangle has a bounding box 141.42 wide.
+    const CGAffineTransform flip = CGAffineTransformTranslate(CGAffineTransformMakeScale(1, -1), 0, -480);
+    EXPECT_EQ(CGRectApplyAffineTransform(CGRectMake(10, 20, 100, 120), flip), CGRectMake(10, 340, 100, 120));
+    EXPECT_NEAR(
+        CGRectApplyAffineTransform(CGRectMake(0, 0, 100, 100), CGAffineTransformMakeRotation(std::numbers::pi / 4))
+            .size.width,
+        141.4213562, 1e-6);
+}
 
 TEST(Bitmap, CreationRefusesInconsistentOrOversizedLayoutsAndCutsClip) {
     const auto rgb = CGColorSpaceCreateDeviceRGB(), grey = CGColorSpaceCreateDeviceGray();
@@ -125,5 +151,28 @@ TEST(Bitmap, ImagesTooWideToShowFailTheContext) {
         UIImage::imageWithCGImage(wide).drawInRect(CGRectMake(0, 0, 8, 8));
         EXPECT_FALSE(UIGraphicsGetImageFromCurrentImageContext());
         UIGraphicsEndImageContext();
+    }
+}
+
+TEST(NSStringDrawing, InkIsBlackUnlessAForegroundColourIsGiven) {
+    NSStringAttributes attributes;
+    attributes.font = UIFont::boldSystemFontOfSize(24);
+    for (const auto& [colour, ink] : {std::pair{std::optional<UIColor>{}, Rgba{0, 0, 0, 255}},
+                                      std::pair{std::optional{UIColor::blueColor()}, Rgba{0, 0, 255, 255}}}) {
+        // Text drawn over white with red set as fill and stroke colour: the darkest pixel is the ink.
+        attributes.foregroundColor = colour;
+        UIGraphicsBeginImageContextWithOptions(CGSizeMake(120, 40), false, 1.0);
+        UIColor::whiteColor().setFill();
+        CGContextFillRect(UIGraphicsGetCurrentContext(), CGRectMake(0, 0, 120, 40));
+        UIColor::redColor().set();
+        NSStringDrawInRect("HHHH", CGRectMake(4, 4, 112, 32), attributes);
+        const auto image = UIGraphicsGetImageFromCurrentImageContext();
+        UIGraphicsEndImageContext();
+        Rgba darkest{255, 255, 255, 255};
+        for (size_t i = 0; i < 120 * 40; ++i) {
+            const Rgba p = *kptest::pixelAt(*image, i % 120, i / 120);
+            darkest = p.r + p.g + p.b < darkest.r + darkest.g + darkest.b ? p : darkest;
+        }
+        EXPECT_EQ(darkest, ink);
     }
 }

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
-// The layer renderer: backgrounds, borders, z-order, clipping, hidden layers, transforms, shape layers
-// and animations, checked by probing pixels of rendered trees.
+// The layer renderer and the views over it: backgrounds, borders, z-order, clipping, hidden layers, transforms,
+// shape layers, animations, and views drawn on the main queue, checked by probing pixels of rendered trees.
 #include "KPImage/Platform/CABasicAnimation.h"
 #include "KPImage/Platform/CALayer.h"
 #include "KPImage/Platform/CARenderer.h"
 #include "KPImage/Platform/CAShapeLayer.h"
+#include "KPImage/Platform/CGContextPath.h"
 #include "KPImage/Platform/CGPath.h"
+#include "KPImage/Platform/UIGraphics.h"
+#include "KPImage/Platform/UIView.h"
 #include "support/ManualMainQueue.h"
 #include "support/PixelProbe.h"
 
@@ -28,16 +31,41 @@ std::shared_ptr<CALayer> solid(CGRect frame, UIColor color) {
     return layer;
 }
 
-// Each probe (x, y) of the rendered tree has the colour given.
-void expectPixels(const std::shared_ptr<CALayer>& root,
-                  std::initializer_list<std::tuple<size_t, size_t, Rgba>> probes) {
-    auto image = CARenderLayerToImage(root, root->bounds().size, 1);
+using Probes = std::initializer_list<std::tuple<size_t, size_t, Rgba>>;
+
+// Each probe (x, y) of the rendered picture has the colour given.
+void expectPixels(const std::optional<UIImage>& image, Probes probes) {
     ASSERT_TRUE(image);
     for (const auto& [x, y, colour] : probes) {
         const Rgba got = kptest::pixelAt(*image, x, y).value_or(Rgba{});
         EXPECT_TRUE(kptest::near(got, colour, 2)) << x << ", " << y << ": " << got;
     }
 }
+
+void expectPixels(const std::shared_ptr<CALayer>& root, Probes probes) {
+    expectPixels(CARenderLayerToImage(root, root->bounds().size, 1), probes);
+}
+
+// Draws a red disc with a blue outline and a green polyline, counting its drawings.
+class DiscView : public UIView {
+public:
+    using UIView::UIView;
+    int draws = 0;
+    void drawRect(CGRect rect) override {
+        ++draws;
+        CGContextRef context = UIGraphicsGetCurrentContext();
+        UIColor::redColor().setFill();
+        UIColor::blueColor().setStroke();
+        CGContextSetLineWidth(context, 4);
+        CGContextAddEllipseInRect(context, CGRectInset(rect, 10, 10));
+        CGContextDrawPath(context, kCGPathFillStroke);
+        UIColor::greenColor().set();
+        CGContextSetLineWidth(context, 2);
+        const CGPoint points[3] = {{0, 2}, {50, 2}, {50, 8}};
+        CGContextAddLines(context, points, 3);
+        CGContextStrokePath(context);
+    }
+};
 
 } // namespace
 
@@ -145,13 +173,50 @@ TEST(LayerRender, ShapeLayersFillAndStrokeTheirPath) {
     shape->setPath(outline);
     shape->setLineWidth(3);
     expectPixels(root, {{50, 10, G}, {90, 50, G}, {50, 50, W}});
+}
 
-    const CGAffineTransform shift = CGAffineTransformMakeTranslation(5, 0);
-    auto rect = CGPathCreateMutable();
-    CGPathAddRect(rect, &shift, CGRectMake(0, 0, 10, 10));
-    CGPathAddLineToPoint(rect, nullptr, NAN, 3); // non-finite points are ignored
-    CGPathAddPath(rect, nullptr, rect);          // adding a path to itself doubles it
-    EXPECT_EQ(CGPathGetBoundingBox(rect).origin.x, 5);
-    EXPECT_EQ(rect->elements().size(), 10u);
-    EXPECT_TRUE(CGRectIsNull(CGPathGetBoundingBox(CGPathCreateMutable())));
+TEST(UIView, DrawingIsCoalescedOnTheMainQueueAndSubviewsFollowTheLayerTree) {
+    kptest::ManualMainQueue main;
+    auto root = UIView::initWithFrame(CGRectMake(0, 0, 100, 100));
+    root->setBackgroundColor(UIColor::whiteColor());
+    auto view = std::make_shared<DiscView>(CGRectMake(0, 0, 60, 60));
+    view->setNeedsDisplay();
+    view->setNeedsDisplay();
+    EXPECT_EQ(view->draws, 0);
+    main.drain();
+    EXPECT_EQ(view->draws, 1);
+    // The renderer draws the contents made on the main queue; nothing is redrawn without a request. The outline lies
+    // over the fill's edge; a view has no fill of its own.
+    expectPixels(UIViewRenderToImage(view, CGSizeMake(60, 60), 1),
+                 {{30, 30, R}, {30, 11, B}, {5, 30, Rgba{0, 0, 0, 0}}, {50, 6, G}});
+    EXPECT_EQ(view->draws, 1);
+    // A view that asked for drawing and was rendered before the queue ran is drawn by the renderer, once.
+    view->setNeedsDisplay();
+    root->addSubview(view);
+    view->setFrame(CGRectMake(20, 20, 60, 60));
+    EXPECT_EQ(view->layer()->superlayer(), root->layer());
+    expectPixels(UIViewRenderToImage(root, CGSizeMake(100, 100), 1), {{50, 50, R}, {10, 50, W}});
+    main.drain();
+    EXPECT_EQ(view->draws, 2);
+
+    // A size change through setBounds keeps the centre and redraws a view that draws.
+    view->setBounds(CGRectMake(0, 0, 80, 80));
+    EXPECT_EQ(view->frame().origin.x, 10);
+    main.drain();
+    EXPECT_EQ(view->draws, 3);
+    EXPECT_EQ(view->layer()->contents()->width(), 80u);
+    view->removeFromSuperview();
+    EXPECT_EQ(view->superview(), nullptr);
+    EXPECT_TRUE(root->layer()->sublayers().empty());
+    root->addSubview(root); // a view cannot contain itself
+    EXPECT_TRUE(root->subviews().empty());
+
+    // The layer outlives its view without calling back: the queued display finds no view to draw.
+    view = std::make_shared<DiscView>(CGRectMake(0, 0, 10, 10));
+    const std::shared_ptr<CALayer> layer = view->layer();
+    view->setNeedsDisplay();
+    view.reset();
+    EXPECT_EQ(layer->delegate(), nullptr);
+    main.drain();
+    EXPECT_FALSE(layer->contents());
 }
