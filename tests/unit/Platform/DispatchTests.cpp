@@ -38,8 +38,6 @@ TEST(Dispatch, SerialQueueRunsTasksInOrderOneAtATime) {
     EXPECT_EQ(order, expected);
     EXPECT_FALSE(overlapped);
     EXPECT_TRUE(onQueue && nested);
-    dispatch_async(nullptr, [] {}); // null queues and tasks are ignored
-    dispatch_sync(queue, nullptr);
 }
 
 TEST(Dispatch, MainQueueRunsWhenDrainedHoldsCapturesUntilRunAndWakesAHostLoop) {
@@ -107,7 +105,6 @@ TEST(Dispatch, AfterKeepsTheOrderOfTiesAndStopEndsRun) {
     }
     ASSERT_TRUE(main.drainUntil([&] { return fired.size() >= 3; }));
     EXPECT_EQ(fired, (std::vector<int>{1, 2, 3}));
-    EXPECT_LT(dispatch_time(DISPATCH_TIME_NOW, INT64_MAX), DISPATCH_TIME_FOREVER) << "saturates, never wraps";
 
     int calls = 0;
     NSRunLoop& loop = NSRunLoop::mainRunLoop();
@@ -120,26 +117,18 @@ TEST(Dispatch, AfterKeepsTheOrderOfTiesAndStopEndsRun) {
 
 TEST(Dispatch, RepeatingTimerFiresOnTheClockSkipsMissedFiringsAndStopsWhenInvalidated) {
     kptest::ManualMainQueue main;
-    const auto step = [&](double seconds) { main.advance(seconds), main.drain(); };
-    auto owner = std::make_shared<int>(0);
-    std::weak_ptr<int> watch = owner;
-    int ticks = 0, once = 0;
-    auto timer = NSTimer::scheduledTimerWithTimeInterval(3.0, true, [owner, &ticks](NSTimer&) { ++ticks; });
-    auto single = NSTimer::scheduledTimerWithTimeInterval(0.5, false, [&](NSTimer&) { ++once; });
-    owner.reset();
-    step(2.9);
-    EXPECT_EQ(ticks, 0);
-    step(0.1);
-    EXPECT_EQ(ticks, 1);
-    step(30.0); // ten intervals late: one firing, and the next one lands on the original grid
-    EXPECT_EQ(ticks, 2);
+    int ticks = 0;
+    auto timer = NSTimer::scheduledTimerWithTimeInterval(3.0, true, [&ticks](NSTimer&) { ++ticks; });
+    // Ten intervals late: one firing, and the next one lands on the original grid.
+    for (const auto& [seconds, expected] : {std::pair{2.9, 0}, {0.1, 1}, {30.0, 2}}) {
+        main.advance(seconds);
+        main.drain();
+        EXPECT_EQ(ticks, expected) << seconds;
+    }
     EXPECT_NEAR(*NSRunLoop::mainRunLoop().timeUntilNextTimer(), 3.0, 1e-9);
-    EXPECT_EQ(once, 1);
-    EXPECT_FALSE(single->isValid());
-    EXPECT_FALSE(watch.expired()) << "the run loop holds the scheduled timer's block";
     timer->invalidate();
-    EXPECT_TRUE(watch.expired()) << "invalidating releases the block";
-    step(10.0);
+    main.advance(10.0);
+    main.drain();
     EXPECT_EQ(ticks, 2);
     EXPECT_FALSE(NSRunLoop::mainRunLoop().timeUntilNextTimer().has_value());
 }
