@@ -132,21 +132,3 @@ TEST(Dispatch, RepeatingTimerFiresOnTheClockSkipsMissedFiringsAndStopsWhenInvali
     EXPECT_EQ(ticks, 2);
     EXPECT_FALSE(NSRunLoop::mainRunLoop().timeUntilNextTimer().has_value());
 }
-
-TEST(Dispatch, AProcessMayExitWhileGlobalTasksStillPostToTheMainQueue) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            for (int i = 0; i < 4; ++i) {
-                dispatch_async(dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0), [] {
-                    for (;;) {
-                        dispatch_async(dispatch_get_main_queue(), [] {});
-                        std::this_thread::sleep_for(std::chrono::microseconds(50));
-                    }
-                });
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            std::exit(0);
-        },
-        ::testing::ExitedWithCode(0), "");
-}

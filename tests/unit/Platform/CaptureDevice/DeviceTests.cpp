@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Capture devices: enumeration (webcams, sample cameras) and positions, the configuration lock, controls and their support.
+// Capture devices: enumeration (webcams, sample cameras) and positions, the configuration lock, controls and their
+// support.
 #include "KPImage/Platform/AVCaptureDevice.h"
 #include "Platform/Capture/CaptureDeviceRegistry.h"
 #include "support/FakeCaptureDevice.h"
@@ -140,8 +141,8 @@ TEST(CaptureDevice, SampleCamerasStandInOnlyWhenNoWebcamIsFound) {
         EXPECT_EQ(firstAt(AVCaptureDevicePositionBack), nullptr);
 
         // Host-added cameras still come first.
-        auto added = AVCaptureDevice::addDevice(std::make_shared<FakeCaptureDevice>("added"),
-                                                AVCaptureDevicePositionBack);
+        auto added =
+            AVCaptureDevice::addDevice(std::make_shared<FakeCaptureDevice>("added"), AVCaptureDevicePositionBack);
         EXPECT_EQ(ids(AVCaptureDevice::devices()), (std::vector<std::string>{"added", "/fake/video0"}));
         EXPECT_EQ(firstAt(AVCaptureDevicePositionBack), added);
         EXPECT_EQ(AVCaptureDevice::devices()[1], AVCaptureDevice::deviceWithUniqueID("/fake/video0"))

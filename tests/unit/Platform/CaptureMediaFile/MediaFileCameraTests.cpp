@@ -30,13 +30,15 @@ constexpr int kWidth = 64;
 constexpr int kHeight = 48;
 constexpr int kFrames = 5;
 
-uint8_t level(int frame) { return static_cast<uint8_t>(30 + 45 * frame); }
+uint8_t level(int frame) {
+    return static_cast<uint8_t>(30 + 45 * frame);
+}
 
 // Writes kFrames grey frames (levels 30, 75, 120, ...) with the movie writer, frame i at stamp stamps(i) in units
 // of 1/rate seconds (default: 20 frames per second).
-bool writeMovie(const std::string& path, int rate = 20, const std::function<int64_t(int)>& stamps = [](int i) {
-    return static_cast<int64_t>(i);
-}) {
+bool writeMovie(
+    const std::string& path, int rate = 20,
+    const std::function<int64_t(int)>& stamps = [](int i) { return static_cast<int64_t>(i); }) {
     auto writer = AVAssetWriter::assetWriterWithURL(NSURL::fileURLWithPath(path), AVFileTypeQuickTimeMovie, nullptr);
     auto input = AVAssetWriterInput::assetWriterInputWithMediaType(AVMediaTypeVideo, std::nullopt);
     writer->addInput(input);
@@ -109,8 +111,7 @@ struct Playback {
 struct MovieFolder {
     const std::string path;
     explicit MovieFolder(const std::string& name)
-        : path((std::filesystem::temp_directory_path() /
-                ("kpimage-" + name + "-" + std::to_string(getpid())))
+        : path((std::filesystem::temp_directory_path() / ("kpimage-" + name + "-" + std::to_string(getpid())))
                    .string()) {
         std::filesystem::create_directories(path);
     }
@@ -161,8 +162,8 @@ TEST(MediaFileCamera, StopEndsTheWaitForTheNextFrameAtOnce) {
     ASSERT_TRUE(writeMovie(path, 1, [](int i) { return i == 0 ? 0 : 60 + i; }));
     auto reader = AVAssetReader::assetReaderWithURL(NSURL::fileURLWithPath(path), nullptr);
     ASSERT_TRUE(reader && reader->copyNextSampleBuffer(kCVPixelFormatType_32BGRA));
-    ASSERT_GE(CMTimeGetSeconds(CMSampleBufferGetPresentationTimeStamp(
-                  reader->copyNextSampleBuffer(kCVPixelFormatType_32BGRA))),
+    ASSERT_GE(CMTimeGetSeconds(
+                  CMSampleBufferGetPresentationTimeStamp(reader->copyNextSampleBuffer(kCVPixelFormatType_32BGRA))),
               60.0);
     kptest::ManualMainQueue main;
     NSErrorRef error;

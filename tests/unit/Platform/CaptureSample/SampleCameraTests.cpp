@@ -219,8 +219,8 @@ TEST(SampleCamera, StillIsAPictureOfTheSceneAndTheTorchBrightensIt) {
     SampleOnly only;
     kptest::ManualMainQueue main;
     auto delegate = std::make_shared<Collector>();
-    Rig rig(AVCaptureDevicePositionBack, AVCaptureSessionPreset1920x1080, kCVPixelFormatType_420YpCbCr8BiPlanarFullRange,
-            delegate);
+    Rig rig(AVCaptureDevicePositionBack, AVCaptureSessionPreset1920x1080,
+            kCVPixelFormatType_420YpCbCr8BiPlanarFullRange, delegate);
 
     // Before the session runs, a still fails with an error and no picture.
     auto [none, notRunning] = takeStill(main, rig);

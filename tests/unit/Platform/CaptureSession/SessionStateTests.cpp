@@ -166,7 +166,8 @@ TEST(CaptureSessionStates, RuntimeFailuresStopTheSessionAndAreReportedOnTheMainQ
     { // The camera refuses to start.
         World w(State::NotRunning, true);
         w.session->setRuntimeErrorHandler([&](const NSErrorRef& e) { errors.push_back(e->code()); });
-        w.camera->failNextStart(NSError::errorWithDomain(AVFoundationErrorDomain, AVErrorDeviceAlreadyUsedByAnotherSession));
+        w.camera->failNextStart(
+            NSError::errorWithDomain(AVFoundationErrorDomain, AVErrorDeviceAlreadyUsedByAnotherSession));
         w.session->startRunning();
         EXPECT_FALSE(w.session->isRunning());
         EXPECT_TRUE(errors.empty()) << "reported through the main queue, not from inside startRunning";
@@ -212,7 +213,8 @@ TEST(CaptureSessionStates, OutputsOfferWhatTheCameraHasOnlyWithAnInput) {
     EXPECT_DOUBLE_EQ(connection->videoScaleAndCropFactor(), 1.0);
     World v(State::NotRunning, false);
     v.session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(std::make_shared<AVCaptureDevice>(
-        std::make_shared<FakeCaptureDevice>("plain", FakeCaptureDevice::noCapabilities()), AVCaptureDevicePositionBack)));
+        std::make_shared<FakeCaptureDevice>("plain", FakeCaptureDevice::noCapabilities()),
+        AVCaptureDevicePositionBack)));
     auto plain = v.frames->connectionWithMediaType(AVMediaTypeVideo);
     plain->setPreferredVideoStabilizationMode(AVCaptureVideoStabilizationModeAuto);
     EXPECT_EQ(plain->activeVideoStabilizationMode(), AVCaptureVideoStabilizationModeOff);

@@ -148,8 +148,7 @@ std::array<int, 3> centre(const CMSampleBufferRef& sample) {
     return pixel(sample, pixels->width() / 2, pixels->height() / 2);
 }
 
-void expectNear(const std::array<int, 3>& actual, const std::array<int, 3>& expected, int tolerance,
-                const char* what) {
+void expectNear(const std::array<int, 3>& actual, const std::array<int, 3>& expected, int tolerance, const char* what) {
     for (size_t i = 0; i < 3; ++i) {
         EXPECT_NEAR(actual[i], expected[i], tolerance) << what << ", component " << i;
     }
@@ -220,8 +219,10 @@ TEST(V4L2Camera, ScanProbeAndFormatNegotiation) {
     EXPECT_EQ(camera->localizedName(), "Fake HD Webcam");
     // Known sizes as they are; larger ones fall back to the largest there is.
     for (const auto& [preset, format] : std::vector<std::pair<AVCaptureSessionPreset, CaptureFormat>>{
-             {AVCaptureSessionPreset1280x720, {1280, 720}}, {AVCaptureSessionPresetLow, {320, 240}},
-             {AVCaptureSessionPresetMedium, {640, 480}}, {AVCaptureSessionPreset1920x1080, {1280, 720}}}) {
+             {AVCaptureSessionPreset1280x720, {1280, 720}},
+             {AVCaptureSessionPresetLow, {320, 240}},
+             {AVCaptureSessionPresetMedium, {640, 480}},
+             {AVCaptureSessionPreset1920x1080, {1280, 720}}}) {
         EXPECT_EQ(camera->formatForPreset(preset), format) << preset;
     }
     EXPECT_EQ(camera->formatForPreset("nonsense"), (CaptureFormat{}));

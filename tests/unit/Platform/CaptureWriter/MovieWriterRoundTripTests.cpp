@@ -77,8 +77,7 @@ TEST(MovieWriterRoundTrip, EncodedMoviesKeepFramesAndTimes) {
             continue;
         }
         const std::string path = folder.file("movie" + std::to_string(index++) + ".mov");
-        kp::AVOutputSettings settings{{kp::AVVideoCodecKey, std::string(c.codec)},
-                                      {kp::AVVideoQualityKey, 0.9}};
+        kp::AVOutputSettings settings{{kp::AVVideoCodecKey, std::string(c.codec)}, {kp::AVVideoQualityKey, 0.9}};
         ASSERT_EQ(recordPattern(path, c.format, 64, 48, 40, settings), kp::AVAssetWriterStatusCompleted);
         kp::AVAssetVideoTrackInfo info;
         const auto frames = readAll(path, c.format, &info);
@@ -143,14 +142,14 @@ TEST(MovieWriterRoundTrip, ACameraOfAnotherSizeOrFormatJoinsTheMovieAtItsSize) {
     struct Case {
         kp::OSType movie;
         kp::OSType other;
-        size_t width, height;          // the other camera's frames
-        size_t cx, cy, cw, ch;         // the part at the movie's aspect ratio, 4:3
+        size_t width, height;  // the other camera's frames
+        size_t cx, cy, cw, ch; // the part at the movie's aspect ratio, 4:3
     };
     const Case cases[] = {
-        {kBGRA, kBGRA, 128, 48, 32, 0, 64, 48},   // wider: the sides go
-        {kBGRA, kNV12, 24, 50, 0, 16, 24, 18},    // taller and another format: top and bottom go
-        {kNV12, kBGRA, 64, 48, 0, 0, 64, 48},     // the same aspect, larger
-        {kNV12, kNV12, 16, 12, 0, 0, 16, 12},     // smaller
+        {kBGRA, kBGRA, 128, 48, 32, 0, 64, 48}, // wider: the sides go
+        {kBGRA, kNV12, 24, 50, 0, 16, 24, 18},  // taller and another format: top and bottom go
+        {kNV12, kBGRA, 64, 48, 0, 0, 64, 48},   // the same aspect, larger
+        {kNV12, kNV12, 16, 12, 0, 0, 16, 12},   // smaller
     };
     kptest::ScratchFolder folder("switch");
     for (const auto& c : cases) {

@@ -27,8 +27,8 @@ struct Writer {
 Writer makeWriter(const std::string& path, std::optional<kp::AVOutputSettings> settings = std::nullopt) {
     Writer w;
     kp::NSErrorRef error;
-    w.writer = kp::AVAssetWriter::assetWriterWithURL(kp::NSURL::fileURLWithPath(path), kp::AVFileTypeQuickTimeMovie,
-                                                     &error);
+    w.writer =
+        kp::AVAssetWriter::assetWriterWithURL(kp::NSURL::fileURLWithPath(path), kp::AVFileTypeQuickTimeMovie, &error);
     EXPECT_TRUE(w.writer) << (error ? error->localizedDescription() : "");
     w.input = kp::AVAssetWriterInput::assetWriterInputWithMediaType(kp::AVMediaTypeVideo, std::move(settings));
     return w;
@@ -161,7 +161,8 @@ TEST(MovieWriterStates, AFullQueueRefusesFramesAtOnceAndKeepsEveryAcceptedOne) {
     kptest::FinishWait done;
     writer->finishWritingWithCompletionHandler(done.handler());
     ASSERT_TRUE(done.wait());
-    auto reader = kp::AVAssetReader::assetReaderWithURL(kp::NSURL::fileURLWithPath(folder.file("pressure.mov")), nullptr);
+    auto reader =
+        kp::AVAssetReader::assetReaderWithURL(kp::NSURL::fileURLWithPath(folder.file("pressure.mov")), nullptr);
     ASSERT_TRUE(reader);
     EXPECT_EQ(reader->videoTrack().frames, accepted);
 }
@@ -222,8 +223,8 @@ TEST(MovieWriterKilled, LeavesAMovieOfAllButTheLastSecond) {
     EXPECT_EQ(static_cast<int64_t>(frames.size()), info.frames);
     for (size_t i = 0; i < frames.size(); ++i) {
         const auto expected = patternFrame(kBGRA, 64, 48, static_cast<int>(i), kp::kCMTimeZero);
-        ASSERT_TRUE(kptest::samePixels(kp::CMSampleBufferGetImageBuffer(frames[i]),
-                                       kp::CMSampleBufferGetImageBuffer(expected)))
+        ASSERT_TRUE(
+            kptest::samePixels(kp::CMSampleBufferGetImageBuffer(frames[i]), kp::CMSampleBufferGetImageBuffer(expected)))
             << "frame " << i;
     }
 }

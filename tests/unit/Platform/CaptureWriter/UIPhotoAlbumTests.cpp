@@ -48,8 +48,7 @@ protected:
         kp::NSErrorRef result;
         int context = 7;
         kp::UISaveVideoAtPathToSavedPhotosAlbum(
-            path,
-            kp::UIVideoSaveCompletion([&](const std::string& saved, const kp::NSErrorRef& error, void* info) {
+            path, kp::UIVideoSaveCompletion([&](const std::string& saved, const kp::NSErrorRef& error, void* info) {
                 called = true;
                 onMain = kp::NSThread::isMainThread() && saved == path && info == &context;
                 result = error;
@@ -82,9 +81,10 @@ TEST_F(PhotoAlbumTest, MoviesGetNewNamesInTheAlbumWithoutExtraSpaceAndNothingIsO
         EXPECT_TRUE(fs::equivalent(movie, saved));
     }
     for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(kptest::readAll(album + "/" + (i == 0 ? std::string("FrontCardData0.mov")
-                                                         : "FrontCardData0-" + std::to_string(i) + ".mov"),
-                                  kp::kCVPixelFormatType_32BGRA)
+        EXPECT_EQ(kptest::readAll(
+                      album + "/" +
+                          (i == 0 ? std::string("FrontCardData0.mov") : "FrontCardData0-" + std::to_string(i) + ".mov"),
+                      kp::kCVPixelFormatType_32BGRA)
                       .size(),
                   2 + i);
     }

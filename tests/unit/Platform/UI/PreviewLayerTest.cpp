@@ -100,7 +100,6 @@ TEST(PreviewLayer, PictureAndMappedGeometryAgreeForEveryGravityAndMirroring) {
     }
     // The aspect gravity leaves bands of the background above and below the picture; '420f' frames show too.
     preview->setVideoGravity(AVLayerVideoGravityResizeAspect);
-    preview->setVideoGravity("AVLayerVideoGravityStretch"); // unknown: ignored
     preview->setVideoMirrored(false);
     preview->enqueueSampleBuffer(markerFrame(true));
     EXPECT_TRUE(CGRectEqualToRect(*preview->videoRect(), CGRectMake(0, 45, 160, 90)));
@@ -116,9 +115,7 @@ TEST(PreviewLayer, CodeCornersKeepTheirOrderAndMirror) {
     preview->enqueueSampleBuffer(markerFrame());
     preview->setAutomaticallyAdjustsVideoMirroring(false);
     AVMetadataMachineReadableCodeObject::Fields f;
-    f.type = AVMetadataObjectTypePDF417Code;
     f.bounds = CGRectMake(0.1, 0.6, 0.3, 0.3);
-    f.stringValue = "TEXT";
     for (CGPoint p : {CGPoint{0.1, 0.9}, CGPoint{0.4, 0.9}, CGPoint{0.4, 0.6}, CGPoint{0.1, 0.6}}) {
         f.corners.push_back(CGPointCreateDictionaryRepresentation(p));
     }
@@ -129,16 +126,12 @@ TEST(PreviewLayer, CodeCornersKeepTheirOrderAndMirror) {
         auto t = std::dynamic_pointer_cast<AVMetadataMachineReadableCodeObject>(
             preview->transformedMetadataObjectForMetadataObject(code));
         ASSERT_TRUE(t && t->corners().size() == 4u);
-        EXPECT_EQ(t->stringValue(), "TEXT");
         CGPoint first, second;
         EXPECT_TRUE(CGPointMakeWithDictionaryRepresentation(t->corners()[0], &first) &&
                     CGPointMakeWithDictionaryRepresentation(t->corners()[1], &second));
-        EXPECT_NEAR(first.x, mirrored ? 288 : 32, 1e-9);
-        EXPECT_NEAR(first.y, 162, 1e-9);
-        EXPECT_NEAR(second.x, mirrored ? 192 : 128, 1e-9);
-        EXPECT_NEAR(t->bounds().origin.x, mirrored ? 192 : 32, 1e-9);
-        EXPECT_NEAR(t->bounds().origin.y, 108, 1e-9);
+        EXPECT_EQ(
+            std::vector({first.x, first.y, second.x, t->bounds().origin.x, t->bounds().origin.y}),
+            std::vector<CGFloat>({mirrored ? 288. : 32., 162, mirrored ? 192. : 128., mirrored ? 192. : 32., 108}));
     }
-    CGPoint original{};
-    EXPECT_TRUE(CGPointMakeWithDictionaryRepresentation(code->corners()[0], &original) && original.x == 0.1);
+    EXPECT_EQ(code->corners()[0], f.corners[0]);
 }

@@ -25,8 +25,8 @@ const std::string kQrText = "KPIMAGE SAMPLE CARD T64235789";
     if (error > 0.015) {
         auto failure = ::testing::AssertionFailure() << "a corner off by " << error * 100 << " % of the width:";
         for (size_t i = 0; i < 4; ++i) {
-            failure << " (" << code.corners[i].x << ", " << code.corners[i].y << ") for (" << truth.corners[i].x
-                    << ", " << truth.corners[i].y << ")";
+            failure << " (" << code.corners[i].x << ", " << code.corners[i].y << ") for (" << truth.corners[i].x << ", "
+                    << truth.corners[i].y << ")";
         }
         return failure;
     }
@@ -52,9 +52,8 @@ const std::string kQrText = "KPIMAGE SAMPLE CARD T64235789";
 std::vector<ZXing::Result> plainRead(const LumaImage& image) {
     ZXing::DecodeHints hints;
     hints.setFormats(ZXing::BarcodeFormat::PDF417 | ZXing::BarcodeFormat::QRCode);
-    return ZXing::ReadBarcodes(ZXing::ImageView(image.pixels.data(), image.width, image.height,
-                                                ZXing::ImageFormat::Lum),
-                               hints);
+    return ZXing::ReadBarcodes(
+        ZXing::ImageView(image.pixels.data(), image.width, image.height, ZXing::ImageFormat::Lum), hints);
 }
 
 } // namespace
