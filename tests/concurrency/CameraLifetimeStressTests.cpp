@@ -108,16 +108,12 @@ TEST(CameraLifetime, SessionsDroppedAndDevicesRemovedWhileFramesFlow) {
         });
         ASSERT_TRUE(main.drainUntil([&] { return first.delegate->frames > 0 && second.delegate->frames > 0; }, 60));
         // The host lets go of everything while frames flow: devices first or sessions first.
-        if (round % 2 == 0) {
-            AVCaptureDevice::removeDevice(fed);
-            AVCaptureDevice::removeDevice(sample);
-            fed.reset(), sample.reset(), first = {}, second = {};
-        } else {
-            first = {}, second = {};
-            AVCaptureDevice::removeDevice(fed);
-            AVCaptureDevice::removeDevice(sample);
+        const auto dropSessions = [&] { first = {}, second = {}; };
+        const auto dropDevices = [&] {
+            AVCaptureDevice::removeDevice(fed), AVCaptureDevice::removeDevice(sample);
             fed.reset(), sample.reset();
-        }
+        };
+        round % 2 == 0 ? (dropDevices(), dropSessions()) : (dropSessions(), dropDevices());
         // The sessions end on the threads that held them last, never on a camera's: then the camera stops.
         ASSERT_TRUE(main.drainUntil([&] { return weakFirst.expired() && weakSecond.expired(); }, 60));
         done.store(true, std::memory_order_release);

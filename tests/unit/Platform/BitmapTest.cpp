@@ -109,23 +109,6 @@ TEST(Bitmap, ImageContextsScaleAndNest) {
     EXPECT_EQ(px[10 * 4 + 3], 0); // transparent beyond the fill
 }
 
-TEST(Bitmap, ImagesTooWideToShowFailTheContext) {
-    // 40000 x 2 is a valid bitmap, but wider than Cairo can show.
-    for (const auto& wide : {kptest::makeBGRA(40000, 2, std::vector<uint8_t>(40000 * 2 * 4, 255)),
-                             kptest::makeGray(40000, 2, std::vector<uint8_t>(40000 * 2, 255))}) {
-        const CGContextRef context =
-            CGBitmapContextCreate(nullptr, 16, 16, 8, 0, CGColorSpaceCreateDeviceRGB(), kKPBitmapInfoBGRA);
-        CGContextDrawImage(context, CGRectMake(0, 0, 16, 16), wide);
-        EXPECT_TRUE(context->failed());
-        CGContextFillRect(context, CGRectMake(0, 0, 4, 4)); // later drawing neither crashes nor brings images back
-        EXPECT_FALSE(CGBitmapContextCreateImage(context));
-        UIGraphicsBeginImageContext({8, 8});
-        UIImage::imageWithCGImage(wide).drawInRect(CGRectMake(0, 0, 8, 8));
-        EXPECT_FALSE(UIGraphicsGetImageFromCurrentImageContext());
-        UIGraphicsEndImageContext();
-    }
-}
-
 TEST(NSStringDrawing, InkIsBlackUnlessAForegroundColourIsGiven) {
     NSStringAttributes attributes;
     attributes.font = UIFont::boldSystemFontOfSize(24);

@@ -54,23 +54,17 @@ TEST(ImageIO, RoundTripsKeepPixelsAndDecodersReadExifProgressiveAndInterlacedFil
         EXPECT_EQ(pixels(back), expected) << image->bitsPerPixel();
         EXPECT_EQ(back && back->isGrayScale(), image->bitsPerPixel() == 8);
     }
-    EXPECT_FALSE(UIImagePNGRepresentation(UIImage()));
 
-    std::vector<uint8_t> orange(16 * 8 * 3);
-    for (size_t i = 0; i < orange.size(); i += 3) {
-        orange[i] = 200, orange[i + 1] = 40, orange[i + 2] = 10;
-    }
-    auto jpeg = UIImageJPEGRepresentation(UIImage::imageWithCGImage(kptest::makeRGB(16, 8, orange)), 0.95);
     // An APP1 EXIF block with orientation 6 (stored sideways: shown turned right).
+    auto jpeg = encoded(true);
     const std::vector<uint8_t> app1{0xFF, 0xE1, 0, 34,   'E', 'x', 'i', 'f', 0, 0, 'M', 'M', 0, 42, 0, 0, 0, 8,
                                     0,    1,    1, 0x12, 0,   3,   0,   0,   0, 1, 0,   6,   0, 0,  0, 0, 0, 0};
-    jpeg->insert(jpeg->begin() + 2, app1.begin(), app1.end());
-    const auto turned = UIImage::imageWithData(*jpeg);
+    jpeg.insert(jpeg.begin() + 2, app1.begin(), app1.end());
+    const auto turned = UIImage::imageWithData(jpeg);
     ASSERT_TRUE(turned);
     EXPECT_EQ(turned->imageOrientation(), UIImageOrientationRight);
-    EXPECT_EQ(turned->size(), CGSizeMake(8, 16)); // points follow the orientation, the bitmap stays as stored
-    EXPECT_EQ(turned->CGImage()->width(), 16u);
-    EXPECT_NEAR(turned->CGImage()->bytes()[0], 200, 6);
+    EXPECT_EQ(turned->size(), CGSizeMake(60, 80)); // points follow the orientation, the bitmap stays as stored
+    EXPECT_EQ(turned->CGImage()->width(), 80u);
 
     // The test files: 96 x 64, a red disc on gradients and a blue checkerboard. The row-by-row decoders read them
     // whole: PNG exactly, the JPEG within its compression error (colour halved in both directions).
@@ -165,10 +159,9 @@ TEST(ImageIO, WritesReplaceWholeFilesOrNothingAndReadsTakeOnlyRegularFiles) {
                  writeToFile(first, "", true));
     EXPECT_EQ(*dataWithContentsOfFile(path), first);
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
-    // No writer ever opens the pipe: a blocking open would wait for ever. Nor does a direct write wait for a
-    // reader; an atomic one replaces the pipe by a file.
+    // A direct write does not wait for a reader of a pipe; an atomic one replaces the pipe by a file. (Reading one is
+    // refused through the tool's test.)
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    EXPECT_FALSE(dataWithContentsOfFile(fifo) || dataWithContentsOfFile("/dev/null"));
     EXPECT_FALSE(writeToFile(std::vector<uint8_t>{1}, fifo, false));
     EXPECT_TRUE(writeToFile(std::vector<uint8_t>{1}, fifo, true));
     EXPECT_EQ(dataWithContentsOfFile(fifo), std::vector<uint8_t>{1});

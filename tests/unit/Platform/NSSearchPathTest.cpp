@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The documents directory lookup (host setting, XDG user dirs, fallback), path strings, file URLs and the file
-// manager's errors.
+// The documents directory lookup (host setting, XDG user dirs, fallback), path strings and the documents URL.
 #include "KPImage/Platform/NSSearchPath.h"
 #include "KPImage/Platform/NSFileManager.h"
 #include "KPImage/Platform/NSURL.h"
@@ -49,23 +48,13 @@ TEST(NSSearchPath, DocumentsDirectoryFromHostXdgOrHomeAndPathStrings) {
     EXPECT_EQ(kp::stringByAppendingPathComponent("/docs/", "sub/a.png"), "/docs/sub/a.png");
 }
 
-TEST(NSFileManager, ErrorsNameTheCauseAndDocumentUrlsExist) {
-    const kptest::ScratchFolder root("files");
-    auto& files = kp::NSFileManager::defaultManager();
-    kp::NSErrorRef error;
-    EXPECT_FALSE(files.removeItemAtPath(root.file("none"), &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code(), ENOENT);
-    EXPECT_FALSE(files.createDirectoryAtPath(root.file("a/b"), false, nullptr)) << "no intermediates";
-    EXPECT_TRUE(files.createDirectoryAtPath(root.file("a/b"), true, nullptr));
-    std::ofstream(root.file("a/b/c")) << "x";
-    EXPECT_FALSE(files.createDirectoryAtPath(root.file("a/b/c"), true, &error)) << "a file is in the way";
-    EXPECT_TRUE(files.removeItemAtPath(root.file("a"), &error) && !fs::exists(root.file("a")));
-
+TEST(NSFileManager, TheDocumentsUrlNamesAFolderThatExists) {
     // A home without its documents folder: the lookup makes it, as the platform's always exists.
+    const kptest::ScratchFolder root("files");
     const std::string documents = root.file("app home/Documents");
     kp::setDocumentsDirectory(documents);
-    const auto urls = files.URLsForDirectory(kp::NSDocumentDirectory, kp::NSUserDomainMask);
+    const auto urls =
+        kp::NSFileManager::defaultManager().URLsForDirectory(kp::NSDocumentDirectory, kp::NSUserDomainMask);
     kp::setDocumentsDirectory("");
     ASSERT_EQ(urls.size(), 1U);
     EXPECT_EQ(urls[0]->path(), documents);
