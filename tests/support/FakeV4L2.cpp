@@ -98,11 +98,6 @@ bool FakeV4L2::isStreaming(const std::string& path) const {
     return read(path, [](const State& s) { return s.streaming; });
 }
 
-size_t FakeV4L2::queuedBuffers(const std::string& path) const {
-    return read(path,
-                [](const State& s) { return static_cast<size_t>(std::count(s.queued.begin(), s.queued.end(), true)); });
-}
-
 int FakeV4L2::openDescriptors() const {
     std::lock_guard lock(_mutex);
     return static_cast<int>(_fds.size());
@@ -278,7 +273,6 @@ int FakeV4L2::handle(State& s, unsigned long request, void* arg) {
         if (r->count > 0 && (s.streaming || s.mapped > 0)) {
             return fail(EBUSY);
         }
-        r->count = std::min(r->count, s.node.maxBuffers);
         s.buffers.assign(r->count, std::vector<uint8_t>(s.imageSize));
         s.queued.assign(r->count, false);
         return 0;

@@ -47,8 +47,6 @@ public:
         uint32_t rowPadding = 0;
         /// Frame rates (frames per second) VIDIOC_S_PARM chooses from; none: the node has no frame-rate control.
         std::vector<uint32_t> frameRates = {30};
-        /// Buffers VIDIOC_REQBUFS grants at most (0: none).
-        uint32_t maxBuffers = 32;
         /// Buffers carry monotonic time stamps (else the time-stamp type is unknown and the stamp zero).
         bool monotonicTimestamps = true;
     };
@@ -76,8 +74,6 @@ public:
     /// The frame rate last set with VIDIOC_S_PARM; 0 when never set.
     uint32_t frameRate(const std::string& path) const;
     bool isStreaming(const std::string& path) const;
-    /// Buffers the driver holds (queued by the camera, not yet dequeued).
-    size_t queuedBuffers(const std::string& path) const;
     int openDescriptors() const;
     size_t mappedBuffers() const;
 
