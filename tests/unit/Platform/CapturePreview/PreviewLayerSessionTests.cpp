@@ -59,8 +59,7 @@ TEST(CapturePreviewLayer, StreamsForThePreviewAloneAndMirrorsTheFrontCamera) {
     EXPECT_FALSE(preview->isVideoMirrored());
     EXPECT_TRUE(preview->frameSize());
     auto backCamera = std::make_shared<FakeCaptureDevice>("back");
-    auto back = AVCaptureDeviceInput::deviceInputWithDevice(
-        std::make_shared<AVCaptureDevice>(backCamera, AVCaptureDevicePositionBack));
+    auto back = AVCaptureDeviceInput::deviceInputWithDevice(std::make_shared<AVCaptureDevice>(backCamera, AVCaptureDevicePositionBack));
     auto other = AVCaptureSession::create();
     other->addInput(back);
     preview->setSession(other);

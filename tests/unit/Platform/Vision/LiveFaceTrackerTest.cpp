@@ -114,20 +114,11 @@ TEST(LiveFaceTracker, QuantisesAnglesToThePlatformSteps) {
     struct Case {
         double degrees, previous, step, margin, expected;
     };
-    for (const Case& c : std::vector<Case>{{18.9, 0, 30, 4, 0},
-                                           {19.1, 0, 30, 4, 30},
-                                           {-18.9, 0, 30, 4, 0},
-                                           {-19.1, 0, 30, 4, 330},
-                                           {11.1, 30, 30, 4, 30},
-                                           {10.9, 30, 30, 4, 0},
-                                           {345, 0, 30, 4, 0},
-                                           {348, 330, 30, 4, 330},
-                                           {28.4, 0, 45, 6, 0},
-                                           {28.6, 0, 45, 6, 45},
-                                           {-28.4, 0, 45, 6, 0},
-                                           {17, 45, 45, 6, 45},
-                                           {15, -1, 30, 4, 30},
-                                           {std::nan(""), 45, 45, 6, 45}}) {
+    for (const Case& c : std::vector<Case>{{18.9, 0, 30, 4, 0},       {19.1, 0, 30, 4, 30},   {-18.9, 0, 30, 4, 0},
+                                           {-19.1, 0, 30, 4, 330},    {11.1, 30, 30, 4, 30},  {10.9, 30, 30, 4, 0},
+                                           {345, 0, 30, 4, 0},        {348, 330, 30, 4, 330}, {28.4, 0, 45, 6, 0},
+                                           {28.6, 0, 45, 6, 45},      {-28.4, 0, 45, 6, 0},   {17, 45, 45, 6, 45},
+                                           {15, -1, 30, 4, 30},       {std::nan(""), 45, 45, 6, 45}}) {
         EXPECT_EQ(LiveFaceTracker::steadyStep(c.degrees, c.previous, c.step, c.margin), c.expected)
             << c.degrees << " after " << c.previous;
     }
@@ -251,9 +242,9 @@ TEST(LiveFaceTracker, FindsRealFacesFromSmallToLargeAndReadsThemFrontal) {
     for (const Portrait& p : kPortraits) {
         for (const Case& c : {Case{48, 1280, 720}, Case{96, 300, 260}, Case{320, 800, 700}}) {
             CGRect truth;
-            const LumaImage picture =
-                portraitAt(p, c.width, c.canvasWidth, c.canvasHeight, c.canvasWidth / 2 - static_cast<int>(c.width / 2),
-                           c.canvasHeight / 3, truth);
+            const LumaImage picture = portraitAt(p, c.width, c.canvasWidth, c.canvasHeight,
+                                                 c.canvasWidth / 2 - static_cast<int>(c.width / 2),
+                                                 c.canvasHeight / 3, truth);
             LiveFaceTracker tracker(CIDetectorFaceLandmarksModelPath(), LiveFaceTracker::Mode::Picture);
             const auto faces = tracker.track(picture);
             ASSERT_EQ(faces.size(), 1u) << p.file << " " << c.width;
