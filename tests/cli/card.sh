@@ -16,10 +16,7 @@ zint -b 58 --scale 4 --whitesp=4 --vwhitesp=4 -o "$work/qr.png" -d 'https://exam
     "$kpimage" card "$work/us.png" --redact --today 2026-11-25 >"$work/redacted" || exit 1
 failed=0
 expect() { # expect DESCRIPTION FILE ERE
-    if ! grep -Eq -- "$3" "$2"; then
-        echo "missing: $1" >&2
-        failed=1
-    fi
+    grep -Eq -- "$3" "$2" || { echo "missing: $1" >&2 && failed=1; }
 }
 expect "the U.S. card" "$work/full" \
     '^\{"file":"[^"]*/us\.png","isCard":true,"version":10,"issuer":"636014","fields":\{"familyName":"RIVERA","firstName":"ELENA","middleName":"MARIA","dateOfBirth":"1999-08-15","issueDate":"2024-08-15","expiryDate":"2029-08-15","documentNumber":"D1234567","sex":"female","eyeColor":"HAZ","height":"65 in","street":"400 OAK AVE","city":"SACRAMENTO","jurisdiction":"CA","postalCode":"958140000","country":"USA","documentDiscriminator":"08/15/2024612AB/CDFD/29"\},"expired":false,"age":27,"problems":\[\]\}$'
@@ -31,8 +28,5 @@ expect "the QR code as it is" "$work/full" \
     '^\{"file":"[^"]*/qr\.png","isCard":false,.*"problems":\[\],"text":"https://example.com/card"\}$'
 expect "the redacted card" "$work/redacted" \
     '^\{"file":"[^"]*/us\.png","isCard":true,"version":10,"issuer":"636014","fields":\{"familyName":"R\.","firstName":"E\.","middleName":"M\.","dateOfBirth":"1999","issueDate":"2024-08-15","expiryDate":"2029-08-15","documentNumber":"\*\*\*567","sex":"female","eyeColor":"HAZ","height":"65 in","city":"SACRAMENTO","jurisdiction":"CA","country":"USA"\},"expired":false,"age":27,"problems":\[\]\}$'
-if [ "$failed" -ne 0 ]; then
-    echo "--- full" >&2; cat "$work/full" >&2
-    echo "--- redacted" >&2; cat "$work/redacted" >&2
-fi
+[ "$failed" -eq 0 ] || { echo "--- full" >&2; cat "$work/full" >&2; echo "--- redacted" >&2; cat "$work/redacted" >&2; }
 exit "$failed"

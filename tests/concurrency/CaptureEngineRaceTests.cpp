@@ -25,21 +25,18 @@ public:
             frames.fetch_add(1, std::memory_order_relaxed);
         }
     }
-    void getNewStillImage(const std::optional<UIImage>& image) override {
-        stills.fetch_add(image ? 1 : 0, std::memory_order_relaxed);
-    }
+    void getNewStillImage(const std::optional<UIImage>&) override {}
     std::atomic<int> frames{0};
-    std::atomic<int> stills{0};
 };
 
+// Batch i: a face (its size, identity and roll changing) unless i % 3 == 0, and a card's code when i is even.
 std::vector<std::shared_ptr<AVMetadataObject>> batch(int i) {
     std::vector<std::shared_ptr<AVMetadataObject>> objects;
     if (i % 3 != 0) {
         AVMetadataFaceObject::Fields f;
         f.bounds = CGRectMake(0.3, 0.3, 0.3 + 0.001 * (i % 10), 0.4);
         f.faceID = 1 + i / 40;
-        f.hasYawAngle = true;
-        f.hasRollAngle = true;
+        f.hasYawAngle = f.hasRollAngle = true;
         f.rollAngle = i % 4 == 0 ? 30 : 0;
         objects.push_back(AVMetadataFaceObject::create(f));
     }
@@ -57,49 +54,40 @@ std::vector<std::shared_ptr<AVMetadataObject>> batch(int i) {
 TEST(CaptureEngineRace, FramesBatchesSwitchesStillsAndRestartsTogether) {
     AVCaptureDevice::setDiscovery({false, "/dev", false});
     kptest::ManualMainQueue main;
-    auto front = std::make_shared<FakeCaptureDevice>("front");
-    auto back = std::make_shared<FakeCaptureDevice>("back");
+    auto front = std::make_shared<FakeCaptureDevice>("front"), back = std::make_shared<FakeCaptureDevice>("back");
     const auto frontDevice = AVCaptureDevice::addDevice(front, AVCaptureDevicePositionFront);
     const auto backDevice = AVCaptureDevice::addDevice(back, AVCaptureDevicePositionBack);
     {
-        auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(0, AVCaptureDevicePositionFront,
-                                                                    AVLayerVideoGravityResizeAspectFill,
-                                                                    kCVPixelFormatType_32BGRA);
+        auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(
+            0, AVCaptureDevicePositionFront, AVLayerVideoGravityResizeAspectFill, kCVPixelFormatType_32BGRA);
         auto delegate = std::make_shared<CountingDelegate>();
         engine->setDelegate(delegate);
         auto view = engine->getPreviewView(CGRectMake(0, 0, 320, 480), true);
         engine->startVideoCapture();
-
         std::atomic<bool> done{false};
         std::thread camera([&] {
-            uint8_t fill = 0;
-            while (!done.load()) {
+            for (uint8_t fill = 0; !done.load(); fill = static_cast<uint8_t>(fill + 7)) {
                 front->pushFrame(fill);
                 back->pushFrame(fill);
-                fill = static_cast<uint8_t>(fill + 7);
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
         });
-        // A host thread reading the state the engine shares.
-        std::thread reader([&] {
+        std::thread reader([&] { // a host thread reading the state the engine shares
             while (!done.load()) {
-                (void)engine->faceRect();
-                (void)engine->parsedData();
-                (void)engine->isHeadCentered();
+                (void)engine->faceRect(), (void)engine->parsedData(), (void)engine->isHeadCentered();
                 (void)engine->device();
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
             }
         });
-
-        for (int i = 0; i < 240; ++i) {
+        for (int i = 0; i < 120; ++i) {
             engine->captureOutput(nullptr, batch(i), nullptr);
-            if (i % 30 == 29) {
-                engine->toggleCameraWithAnimation(i % 60 == 29);
+            if (i % 15 == 14) {
+                engine->toggleCameraWithAnimation(i % 30 == 14);
             }
             if (i % 25 == 0) {
                 engine->takeStillPicture();
             }
-            if (i % 80 == 79) {
+            if (i % 40 == 39) {
                 engine->stopVideoCapture();
                 engine->startVideoCapture();
             }
@@ -109,7 +97,7 @@ TEST(CaptureEngineRace, FramesBatchesSwitchesStillsAndRestartsTogether) {
             main.drainOnce();
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        ASSERT_TRUE(main.drainUntil([&] { return delegate->frames.load() > 20; }));
+        EXPECT_TRUE(main.drainUntil([&] { return delegate->frames.load() > 20; }));
         done.store(true);
         camera.join();
         reader.join();
@@ -117,7 +105,6 @@ TEST(CaptureEngineRace, FramesBatchesSwitchesStillsAndRestartsTogether) {
         // Stills still in flight end with the stop; their tasks may still be queued.
         dispatch_sync(engine->videoDataOutputQueue(), [] {});
         main.drain();
-        EXPECT_GT(delegate->frames.load(), 20);
     }
     AVCaptureDevice::removeDevice(frontDevice);
     AVCaptureDevice::removeDevice(backDevice);

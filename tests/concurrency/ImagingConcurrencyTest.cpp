@@ -27,25 +27,25 @@ TEST(ImagingConcurrency, FaceDetectionAndTextFromSeveralThreads) {
         });
     }
     threads.emplace_back([] {
-        for (int k = 0; k < 1000; ++k) {
+        for (int k = 0; k < 300; ++k) {
             kp::UIDevice::currentDevice().setOrientation(k % 2 ? kp::UIDeviceOrientationLandscapeLeft
                                                                : kp::UIDeviceOrientationPortrait);
             kp::setDocumentsDirectory(k % 2 ? "/tmp/a" : "/tmp/b");
         }
-        kp::UIDevice::currentDevice().setOrientation(kp::UIDeviceOrientationPortrait);
     });
     threads.emplace_back([] {
-        for (int k = 0; k < 1000; ++k) {
+        for (int k = 0; k < 300; ++k) {
             const auto o = kp::UIDevice::currentDevice().orientation();
             EXPECT_TRUE(o == kp::UIDeviceOrientationPortrait || o == kp::UIDeviceOrientationLandscapeLeft);
-            EXPECT_EQ(kp::NSSearchPathForDirectoriesInDomains(kp::NSDocumentDirectory, kp::NSUserDomainMask, true)
-                          .size(),
-                      1u);
+            EXPECT_EQ(
+                kp::NSSearchPathForDirectoriesInDomains(kp::NSDocumentDirectory, kp::NSUserDomainMask, true).size(),
+                1u);
         }
     });
     for (auto& t : threads) {
         t.join();
     }
+    kp::UIDevice::currentDevice().setOrientation(kp::UIDeviceOrientationPortrait);
     kp::setDocumentsDirectory("");
     EXPECT_EQ(results[0].landmarksFound, 1);
     EXPECT_EQ(results[0].faceBounds, results[1].faceBounds);

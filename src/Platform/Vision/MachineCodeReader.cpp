@@ -94,6 +94,8 @@ constexpr int kWholeLookEvery = 4;
 // worker's rate), so nothing the plain library reads stays unread for long; trying harder, as for a single
 // picture, would cost several times as much.
 constexpr int kFullReadEvery = 32;
+// A code region at least this high (pixels) is tall enough to be read at half its rows.
+constexpr double kMinHalvedHeight = 80.0;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
 // A region where no angle read is left alone for this many pictures (text and patterns stay where they are from
@@ -162,17 +164,38 @@ bool rectsOverlap(CGRect a, CGRect b) {
            a.origin.y < b.origin.y + b.size.height && b.origin.y < a.origin.y + a.size.height;
 }
 
-// The outline of the PDF417 symbol in an upright crop, in picture pixels. down is the symbol's downward direction
-// in the picture when known. An outline that runs into the crop's border (the region held only part of the code) is
-// looked for again in a crop around that outline, turned to upright and grown on every side.
+// A crop's pixels with every two rows averaged into one (the last odd row dropped).
+void halveRows(const LumaImage& in, LumaImage& out) {
+    if (!out.resize(in.width, in.height / 2)) {
+        return;
+    }
+    for (int y = 0; y < out.height; ++y) {
+        const uint8_t* a = in.row(2 * y);
+        const uint8_t* b = in.row(2 * y + 1);
+        uint8_t* d = out.row(y);
+        for (int x = 0; x < in.width; ++x) {
+            d[x] = static_cast<uint8_t>((a[x] + b[x] + 1) >> 1);
+        }
+    }
+}
+
+// The source point of a point of a crop read with rowStep crop rows to a row.
+CGPoint fromCrop(const RotatedCrop& crop, CGPoint p, int rowStep) {
+    return crop.toSource({p.x, p.y * rowStep + 0.5 * (rowStep - 1)});
+}
+
+// The outline of the PDF417 symbol in an upright crop (sampled, rowStep crop rows to a row), in picture pixels. down
+// is the symbol's downward direction in the picture when known. An outline that runs into the crop's border (the
+// region held only part of the code) is looked for again in a crop around that outline, turned to upright and grown
+// on every side.
 std::optional<std::array<CGPoint, 4>> outlineInCrop(const LumaImage& image, const RotatedCrop& crop,
                                                     const LumaImage& sampled, std::optional<CGPoint> down,
-                                                    bool again = true) {
+                                                    bool again = true, int rowStep = 1) {
     std::optional<CGPoint> downInCrop;
     if (down) {
         const double c = std::cos(crop.angle);
         const double s = std::sin(crop.angle);
-        downInCrop = CGPoint{down->x * c + down->y * s, -down->x * s + down->y * c};
+        downInCrop = CGPoint{down->x * c + down->y * s, (-down->x * s + down->y * c) / rowStep};
     }
     auto outline = findPdf417Outline(sampled, downInCrop);
     if (!outline) {
@@ -180,10 +203,11 @@ std::optional<std::array<CGPoint, 4>> outlineInCrop(const LumaImage& image, cons
     }
     constexpr double kBorder = 3.0;
     const bool touches = std::any_of(outline->begin(), outline->end(), [&](CGPoint p) {
-        return p.x < kBorder || p.y < kBorder || p.x > crop.width - 1 - kBorder || p.y > crop.height - 1 - kBorder;
+        return p.x < kBorder || p.y < kBorder / rowStep || p.x > sampled.width - 1 - kBorder ||
+               p.y > sampled.height - 1 - kBorder / rowStep;
     });
     for (CGPoint& p : *outline) {
-        p = crop.toSource(p);
+        p = fromCrop(crop, p, rowStep);
     }
     if (!touches || !again) {
         return outline;
@@ -535,8 +559,8 @@ std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(cons
 }
 
 bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w,
-                                     double h, uint32_t formats, std::vector<MachineCode>& codes,
-                                     bool& outlines) const {
+                                     double h, uint32_t formats, std::vector<MachineCode>& codes, bool& outlines,
+                                     int rowStep) const {
     outlines = false;
     // w x h is the region's upright extent at its measured skew; a slightly different angle needs a little more.
     const double d = (skewDegrees - cand.skewDegrees) * std::numbers::pi / 180.0;
@@ -551,18 +575,23 @@ bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& ca
     }
     crop.width = static_cast<int>(uprightW * crop.scale);
     crop.height = static_cast<int>(uprightH * crop.scale);
-    const LumaImage sampled = crop.sample(image);
+    LumaImage sampled = crop.sample(image);
+    if (rowStep == 2) {
+        LumaImage halved;
+        halveRows(sampled, halved);
+        sampled = std::move(halved);
+    }
     std::optional<std::array<CGPoint, 4>> outline;
     bool outlined = false;
     for (MachineCode& c : readWithLibrary(sampled, formats, true)) {
         for (CGPoint& p : c.corners) {
-            p = crop.toSource(p);
+            p = fromCrop(crop, p, rowStep);
         }
         // The library's PDF417 corners may put the right-hand ones anywhere; the start and stop patterns do not.
         if (c.type == AVMetadataObjectTypePDF417Code) {
             if (!outlined) {
                 const CGPoint down{c.corners[0].x - c.corners[3].x, c.corners[0].y - c.corners[3].y};
-                outline = outlineInCrop(image, crop, sampled, down);
+                outline = outlineInCrop(image, crop, sampled, down, true, rowStep);
                 outlined = true;
             }
             if (outline && containsPoint(*outline, centreOf(c.corners))) {
@@ -723,10 +752,10 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                         angles.push_back(hint);
                     }
                 }
-                const auto attempt = [&](double tried, uint32_t formats) {
+                const auto attempt = [&](double tried, uint32_t formats, int rowStep = 1) {
                     std::vector<MachineCode> found;
                     bool outlined = false;
-                    if (!secondLookAt(image, cand, tried, w, h, formats, found, outlined)) {
+                    if (!secondLookAt(image, cand, tried, w, h, formats, found, outlined, rowStep)) {
                         return false;
                     }
                     // The library's corners drift when the crop is still skewed, and now and then it reports a
@@ -748,7 +777,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                                       !isNearRectangle(found.front().corners))) {
                         std::vector<MachineCode> refined;
                         bool refinedOutlines = false;
-                        if (secondLookAt(image, cand, measured, w, h, formats, refined, refinedOutlines) &&
+                        if (secondLookAt(image, cand, measured, w, h, formats, refined, refinedOutlines, rowStep) &&
                             isNearRectangle(refined.front().corners)) {
                             found = std::move(refined);
                         }
@@ -775,8 +804,17 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                     return added > 0;
                 };
                 // The skew is sharpened only when the previous frame's angles do not read.
+                // A PDF417 code followed from the previous frame is read at half its rows first.
                 bool read = false;
                 for (const Hint& hint : angles) {
+                    const bool halve = hint.formats == pdf417 && cand.uprightHeight >= kMinHalvedHeight;
+                    if (halve && readsLeft > 1 && (read = attempt(hint.skewDegrees, hint.formats, 2))) {
+                        --readsLeft;
+                        break;
+                    }
+                    if (halve && readsLeft > 1) {
+                        --readsLeft;
+                    }
                     if (readsLeft-- <= 0 || (read = attempt(hint.skewDegrees, hint.formats))) {
                         break;
                     }
