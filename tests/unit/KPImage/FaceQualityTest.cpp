@@ -45,39 +45,25 @@ UIImage blurredAndLit(const UIImage& grey, double sigma, double gain) {
 }
 
 TEST(FaceQuality, BlurredOrDarkenedFacesAreRefusedSharpWellLitOnesTaken) {
-    struct Case {
-        double blur;
-        double gain;
-        const char* reason; // "" when the picture is good
-    };
-    // Blur in percent of the face's width.
-    const Case cases[] = {{0, 1, ""}, {1, 1, ""}, {5, 1, "hold still"}, {8, 1, "hold still"}, {0, 0.35, "too dark"},
-                          {5, 0.35, "too dark"}};
-    // The face boxes getFaceFeaturesWithAccuracy finds in the two pictures (the detector takes seconds).
+    // Blur in percent of the face's width, light as a gain, and the reason the user is told ("" when good).
+    const std::tuple<double, double, std::string> cases[] = {{0, 1, ""},         {1, 1, ""},
+                                                             {5, 1, "hold still"}, {8, 1, "hold still"},
+                                                             {0, 0.35, "too dark"}, {5, 0.35, "too dark"}};
+    // The face boxes getFaceFeaturesWithAccuracy finds in a near and a far face (the detector takes seconds).
     const std::pair<std::string, CGRect> pictures[] = {
         {kptest::dataPath("astronaut.png"), CGRectMake(175, 76, 91, 91)},
         {kptest::dataPath("../../data/sample-face.png"), CGRectMake(88, 41, 45, 44)}};
-    for (const auto& [path, whole] : pictures) {
-        const auto picture = UIImage::imageWithContentsOfFile(path);
-        ASSERT_TRUE(picture) << path;
-        // The face with half its size around it is all the blur needs to reach (and keeps the test quick).
-        const CGRect around = CGRectIntegral(CGRectIntersection(
-            CGRectInset(whole, -whole.size.width / 2, -whole.size.height / 2),
-            CGRectMake(0, 0, picture->size().width, picture->size().height)));
-        const UIImage grey = *picture->imageAtRect(around)->makeGrayScale();
-        const CGRect face = CGRectOffset(whole, -around.origin.x, -around.origin.y);
-        for (const Case& c : cases) {
-            SCOPED_TRACE(path + " blur " + std::to_string(c.blur) + " light " + std::to_string(c.gain));
-            const KPFaceQuality q =
-                KPFaceQuality::assess(blurredAndLit(grey, c.blur * face.size.width / 100, c.gain), face);
-            EXPECT_EQ(q.reason, c.reason);
-            EXPECT_EQ(q.good, std::string(c.reason).empty());
+    for (const auto& [path, face] : pictures) {
+        const auto grey = UIImage::imageWithContentsOfFile(path)->makeGrayScale();
+        for (const auto& [blur, gain, reason] : cases) {
+            const KPFaceQuality q = KPFaceQuality::assess(blurredAndLit(*grey, blur * face.size.width / 100, gain), face);
+            EXPECT_EQ(q.reason, reason) << path << " blur " << blur << " light " << gain;
+            EXPECT_EQ(q.good, reason.empty());
         }
         // The limits move the verdict: a laxer focus limit takes the blurred face, a stricter light one refuses the
         // sharp one.
-        const UIImage blurred = blurredAndLit(grey, 0.05 * face.size.width, 1);
-        EXPECT_TRUE(KPFaceQuality::assess(blurred, face, 20).good);
-        EXPECT_EQ(KPFaceQuality::assess(grey, face, 8, 250).reason, "too dark");
+        EXPECT_TRUE(KPFaceQuality::assess(blurredAndLit(*grey, 0.05 * face.size.width, 1), face, 20).good);
+        EXPECT_EQ(KPFaceQuality::assess(*grey, face, 8, 250).reason, "too dark");
     }
     // No bitmap, or a box outside the picture: nothing to judge.
     EXPECT_EQ(KPFaceQuality::assess(UIImage(), CGRectMake(0, 0, 50, 50)).reason, "no face");
