@@ -20,8 +20,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <optional>
@@ -114,8 +114,12 @@ std::optional<kp::UIImage> readXwd(const std::string& path) {
     return kp::UIImage::imageWithCGImage(kptest::makeRGB(width, height, rgb));
 }
 
-bool pureGreen(const Rgba& c) { return c.g > 200 && c.r < 60 && c.b < 60; } // the centre box, head centred
-bool cardBlue(const Rgba& c) { return c.b > 120 && c.r < 70 && c.g > 50 && c.g < 110; } // the ID card's band
+bool pureGreen(const Rgba& c) {
+    return c.g > 200 && c.r < 60 && c.b < 60;
+} // the centre box, head centred
+bool cardBlue(const Rgba& c) {
+    return c.b > 120 && c.r < 70 && c.g > 50 && c.g < 110;
+} // the ID card's band
 
 // What a screenshot shows: the green centre box (a 3-point outline about 580 x 410 points), the card's blue band in
 // the camera picture (left of x 644, where the 960-point window's side panel starts) and in the picture in the side
@@ -152,21 +156,16 @@ TEST(DemoWindowThreaded, CapturesTheCentredHeadAndShowsItAndQuitsCleanly) {
     }
     const std::string work = std::string(KPIMAGE_BINARY_DIR) + "/tests/demo-window";
     ::mkdir(work.c_str(), 0755);
-    // A free display number: Xvfb takes it or ends at once.
-    std::optional<Child> server;
+    // Xvfb picks a free display and writes its number on a line of its own.
+    Child server({"Xvfb", "-displayfd", "1", "-screen", "0", "1000x640x24", "-nolisten", "tcp"}, work + "/xvfb.log");
     std::string display;
-    for (int n = 87; n < 99 && display.empty(); ++n) {
-        const std::string socket = "/tmp/.X11-unix/X" + std::to_string(n);
-        if (::access(socket.c_str(), F_OK) != 0) {
-            server.emplace(std::vector<std::string>{"Xvfb", ":" + std::to_string(n), "-screen", "0", "1000x640x24",
-                                                    "-nolisten", "tcp"},
-                           work + "/xvfb.log");
-            if (waitFor(5, [&] { return ::access(socket.c_str(), F_OK) == 0 || !server->running(); }) &&
-                server->running()) {
-                display = ":" + std::to_string(n);
-            }
+    waitFor(10, [&] {
+        std::istringstream log(readFile(work + "/xvfb.log"));
+        for (std::string line; std::getline(log, line) && display.empty();) {
+            display = !line.empty() && line.find_first_not_of("0123456789") == std::string::npos ? ":" + line : "";
         }
-    }
+        return !display.empty() || !server.running();
+    });
     if (display.empty()) {
         GTEST_SKIP() << "Xvfb could not start (see " << work << "/xvfb.log)";
     }
@@ -196,7 +195,8 @@ TEST(DemoWindowThreaded, CapturesTheCentredHeadAndShowsItAndQuitsCleanly) {
     run({"xdotool", "windowfocus", "--sync", id, "key", "space"}, work + "/key.log");
     ASSERT_TRUE(logged("\"event\":\"captured\",\"automatic\":false", 15)) << readFile(demoLog);
     EXPECT_TRUE(logged("\"automatic\":false,\"width\":1280,\"height\":720", 0))
-        << "the high preset's 1280 x 720 picture, upright\n" << readFile(demoLog);
+        << "the high preset's 1280 x 720 picture, upright\n"
+        << readFile(demoLog);
 
     // Screenshots of the window until one shows the preview, the green box (the head is centred again within 12 s)
     // and the picture in the side panel. The picture saved for the documentation also waits for a face in the box

@@ -26,7 +26,9 @@ template <typename F> Frame makeFrame(F f) {
     return frame;
 }
 
-bool same(const ImageAssessOutput& a, const ImageAssessOutput& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+bool same(const ImageAssessOutput& a, const ImageAssessOutput& b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
 
 std::string describe(const ImageAssessOutput& o) {
     return std::to_string(o.centerSurroundScore) + "/" + std::to_string(o.twoPiScore) + "/" +
@@ -59,30 +61,25 @@ int32_t wrappedSquare(uint32_t acc, int32_t round, int shift) {
     return static_cast<int32_t>(static_cast<uint32_t>(v) * static_cast<uint32_t>(v));
 }
 
-bool inSquare(int x, int y) { return x % 8 >= 2 && x % 8 <= 5 && y % 8 >= 2 && y % 8 <= 5; }
+bool inSquare(int x, int y) {
+    return x % 8 >= 2 && x % 8 <= 5 && y % 8 >= 2 && y % 8 <= 5;
+}
 
 TEST(ImageAssess, KnownPatternsScoreAsDefined) {
-    struct Case {
-        const char* what;
-        Frame frame;
-        int32_t centreSurround, twoPi, rowAlternation, count;
-    };
-    const Case cases[] = {
-        {"uniform 77", makeFrame([](int, int) { return 77; }), 0, 0, 0, 14242},
+    // Scores centre-surround / two-pi / row alternation, and the blocks that pass the saturation guard.
+    const std::tuple<const char*, Frame, const char*, int32_t> cases[] = {
+        {"uniform 77", makeFrame([](int, int) { return 77; }), "0/0/0", 14242},
         // Every block fails the saturation guard: textured, yet nothing reaches the two-pi measure.
-        {"bright", makeFrame([](int x, int y) { return (x + 3 * y) % 7 == 0 ? 200 : 255; }), 16, 0, 0, 1},
-        {"checkerboard", makeFrame([](int x, int y) { return (x + y) % 2 == 0 ? 90 : 110; }), 0, 0, 0, 14242},
-        {"alternating rows", makeFrame([](int, int y) { return y % 2 == 0 ? 0 : 100; }), 0, 0, 97, 14242},
-        {"squares", makeFrame([](int x, int y) { return inSquare(x, y) ? 120 : 100; }), 83, 98, 0, 14242},
+        {"bright", makeFrame([](int x, int y) { return (x + 3 * y) % 7 == 0 ? 200 : 255; }), "16/0/0", 1},
+        {"checkerboard", makeFrame([](int x, int y) { return (x + y) % 2 == 0 ? 90 : 110; }), "0/0/0", 14242},
+        {"alternating rows", makeFrame([](int, int y) { return y % 2 == 0 ? 0 : 100; }), "0/0/97", 14242},
+        {"squares", makeFrame([](int x, int y) { return inSquare(x, y) ? 120 : 100; }), "83/98/0", 14242},
     };
-    for (const Case& c : cases) {
-        Frame frame = c.frame;
-        const ImageAssessOutput o = checkKernels(frame, c.what);
-        EXPECT_EQ(describe(o), std::to_string(c.centreSurround) + "/" + std::to_string(c.twoPi) + "/" +
-                                   std::to_string(c.rowAlternation)) << c.what;
-        EXPECT_EQ(kp::focus::referenceFocusSums(frame.data()).count, c.count) << c.what;
+    for (auto [what, frame, scores, count] : cases) {
+        EXPECT_EQ(describe(checkKernels(frame, what)), scores) << what;
+        EXPECT_EQ(kp::focus::referenceFocusSums(frame.data()).count, count) << what;
     }
-    Frame squares = cases[4].frame;
+    Frame squares = std::get<1>(cases[4]);
     EXPECT_EQ(TwoPiFocusAssess(squares.data()), 98);
     EXPECT_EQ(TwoPiFocusAssess(nullptr), 0);
     // Missing input gives zero scores, whatever the record held.
@@ -100,10 +97,10 @@ TEST(ImageAssess, KernelsMatchTheReferenceWhereverTheyRead) {
     };
     auto onGrid = [](int v) { return ((v - 39) % 8 + 8) % 8; };
     // Blocks alternating bright centres on dark rings and back, probes at 199: unsaturated energy beyond 2^31.
-    static const uint8_t tile[8][8] = {
-        {199, 255, 0, 0, 0, 0, 255, 199}, {255, 255, 0, 0, 0, 0, 255, 255}, {0, 0, 255, 255, 255, 255, 0, 0},
-        {0, 0, 255, 199, 199, 255, 0, 0}, {0, 0, 255, 199, 199, 255, 0, 0}, {0, 0, 255, 255, 255, 255, 0, 0},
-        {255, 255, 0, 0, 0, 0, 255, 255}, {199, 255, 0, 0, 0, 0, 255, 199}};
+    static const uint8_t tile[8][8] = {{199, 255, 0, 0, 0, 0, 255, 199}, {255, 255, 0, 0, 0, 0, 255, 255},
+                                       {0, 0, 255, 255, 255, 255, 0, 0}, {0, 0, 255, 199, 199, 255, 0, 0},
+                                       {0, 0, 255, 199, 199, 255, 0, 0}, {0, 0, 255, 255, 255, 255, 0, 0},
+                                       {255, 255, 0, 0, 0, 0, 255, 255}, {199, 255, 0, 0, 0, 0, 255, 199}};
     std::vector<std::pair<std::string, Frame>> frames = {
         {"noise", noise(0, 255)},
         {"faint noise", noise(96, 104)},
@@ -128,7 +125,8 @@ TEST(ImageAssess, KernelsMatchTheReferenceWhereverTheyRead) {
         qANegative |= wrappedSquare(s.accA, 1024, 11) < 0;
         qCNegative |= wrappedSquare(s.accC, 512, 10) < 0;
     }
-    EXPECT_TRUE(accAWrapped && accCWrapped && accOKWrapped && qANegative && qCNegative) << "the frames must keep exercising the wraps";
+    EXPECT_TRUE(accAWrapped && accCWrapped && accOKWrapped && qANegative && qCNegative)
+        << "the frames must keep exercising the wraps";
 
     // Only rows and columns 39..606 x 39..446 count: the outermost of them do; every phase of the saturation
     // probes, near both ends of the block area.
@@ -166,8 +164,9 @@ TEST(ImageAssess, FinalStepsWrapRoundAndMatchReference) {
     EXPECT_EQ(scores(3228625u, 0, 3228625u, 14242).twoPiScore, 98);
 
     std::mt19937 rng(99);
-    const uint32_t interesting[] = {0u, 1u, 511u, 512u, 1023u, 1024u, 0x7FFFFBFFu, 0x7FFFFC00u, 0x7FFFFFFFu,
-                                    0x80000000u, 0xFFFFFC00u, 0xFFFFFFFFu, 94906265u << 11, 46341u << 11};
+    const uint32_t interesting[] = {
+        0u,          1u,          511u,        512u,        1023u,       1024u,           0x7FFFFBFFu,
+        0x7FFFFC00u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFC00u, 0xFFFFFFFFu, 94906265u << 11, 46341u << 11};
     for (int n = 0; n < 5000; ++n) {
         const uint32_t accC = n < 196 ? interesting[n % 14] : static_cast<uint32_t>(rng());
         const uint32_t accA = n < 196 ? interesting[n / 14] : static_cast<uint32_t>(rng()) >> (n % 20);

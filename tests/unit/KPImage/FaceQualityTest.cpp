@@ -46,9 +46,9 @@ UIImage blurredAndLit(const UIImage& grey, double sigma, double gain) {
 
 TEST(FaceQuality, BlurredOrDarkenedFacesAreRefusedSharpWellLitOnesTaken) {
     // Blur in percent of the face's width, light as a gain, and the reason the user is told ("" when good).
-    const std::tuple<double, double, std::string> cases[] = {{0, 1, ""},         {1, 1, ""},
-                                                             {5, 1, "hold still"}, {8, 1, "hold still"},
-                                                             {0, 0.35, "too dark"}, {5, 0.35, "too dark"}};
+    const std::tuple<double, double, std::string> cases[] = {
+        {0, 1, ""},           {1, 1, ""}, {5, 1, "hold still"}, {8, 1, "hold still"}, {0, 0.35, "too dark"},
+        {5, 0.35, "too dark"}};
     // The face boxes getFaceFeaturesWithAccuracy finds in a near and a far face (the detector takes seconds).
     const std::pair<std::string, CGRect> pictures[] = {
         {kptest::dataPath("astronaut.png"), CGRectMake(175, 76, 91, 91)},
@@ -56,7 +56,8 @@ TEST(FaceQuality, BlurredOrDarkenedFacesAreRefusedSharpWellLitOnesTaken) {
     for (const auto& [path, face] : pictures) {
         const auto grey = UIImage::imageWithContentsOfFile(path)->makeGrayScale();
         for (const auto& [blur, gain, reason] : cases) {
-            const KPFaceQuality q = KPFaceQuality::assess(blurredAndLit(*grey, blur * face.size.width / 100, gain), face);
+            const KPFaceQuality q =
+                KPFaceQuality::assess(blurredAndLit(*grey, blur * face.size.width / 100, gain), face);
             EXPECT_EQ(q.reason, reason) << path << " blur " << blur << " light " << gain;
             EXPECT_EQ(q.good, reason.empty());
         }
@@ -67,8 +68,10 @@ TEST(FaceQuality, BlurredOrDarkenedFacesAreRefusedSharpWellLitOnesTaken) {
     }
     // No bitmap, or a box outside the picture: nothing to judge.
     EXPECT_EQ(KPFaceQuality::assess(UIImage(), CGRectMake(0, 0, 50, 50)).reason, "no face");
-    EXPECT_EQ(KPFaceQuality::assess(kptest::grayImage(50, 50, [](size_t, size_t) { return 9; }), CGRectMake(60, 0, 9, 9))
-                  .reason, "no face");
+    EXPECT_EQ(
+        KPFaceQuality::assess(kptest::grayImage(50, 50, [](size_t, size_t) { return 9; }), CGRectMake(60, 0, 9, 9))
+            .reason,
+        "no face");
 }
 
 } // namespace

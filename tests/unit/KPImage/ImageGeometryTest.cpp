@@ -2,7 +2,6 @@
 // Cropping, rotating and scaling images: the crop arithmetic, canvas sizes, and where the picture lands.
 #include "KPImage/UIImage+ImagingHelper.h"
 
-
 #include "support/PixelProbe.h"
 #include "support/TestSupport.h"
 
@@ -88,7 +87,7 @@ TEST(ImageGeometry, CropArithmetic) {
         {small, CGRectMake(40, 40, 20, 20), 50, none, {35, 35, 30, 30}},
         {small, CGRectMake(40, 40, 20, 20), -30, none, {40, 40, 20, 20}}, // negative padding is none
         {small, CGRectMake(40.9, 30.2, 20.7, 10.99), 0, none, {40, 30, 20, 10}},
-        {small, CGRectMake(90, 5, 20, 20), 0, none, {90, 5, 10, 20}}, // the 99 fallback clipped at the edge
+        {small, CGRectMake(90, 5, 20, 20), 0, none, {90, 5, 10, 20}},   // the 99 fallback clipped at the edge
         {small, CGRectMake(50, 50, 49, 10), 0, none, {50, 50, 49, 10}}, // ends one before the edge: kept
         {small, CGRectMake(50, 50, 50, 10), 0, none, {50, 50, 50, 10}}, // touches it: fallback, clipped
         {small, CGRectMake(-30, -5, 20, 20), 0, none, {1, 1, 20, 20}},
@@ -150,11 +149,12 @@ TEST(ImageGeometry, WhereTheCornerLandsForEveryOperation) {
         {"scaled view crop", scaled.cropImageAtCoordinates(CGRectMake(0, 0, 10, 5), 0, CGSizeMake(20, 10)),
          CGSizeMake(20, 10), 2, 2, 15, 7},
         {"fit", image.imageByScalingProportionallyToSize(CGSizeMake(30, 20)), CGSizeMake(30, 20), 5, 4, 27, 16},
-        {"cover", image.imageByScalingProportionallyToMinimumSize(CGSizeMake(30, 20)), CGSizeMake(30, 20), 2, 1, 27, 17},
+        {"cover", image.imageByScalingProportionallyToMinimumSize(CGSizeMake(30, 20)), CGSizeMake(30, 20), 2, 1, 27,
+         17},
         {"oriented resize", oriented.resizeToSize(CGSizeMake(20, 40)), CGSizeMake(20, 40), 17, 2, 2, 2},
         {"oriented scale", oriented.imageByScalingToSize(CGSizeMake(20, 40)), CGSizeMake(20, 40), 17, 2, 17, 37},
-        {"oriented fit", oriented.imageByScalingProportionallyToSize(CGSizeMake(20, 40)), CGSizeMake(20, 40), 17, 2,
-         2, 2},
+        {"oriented fit", oriented.imageByScalingProportionallyToSize(CGSizeMake(20, 40)), CGSizeMake(20, 40), 17, 2, 2,
+         2},
         {"oriented drawing 0", oriented.imageRotatedByDegrees(0), CGSizeMake(20, 40), 2, 7, 2, 12},
         {"oriented crop", oriented.cropImageAtCoordinates(CGRectMake(0, 0, 20, 10), 0), CGSizeMake(20, 10), 0, 0, 10,
          0},
@@ -192,11 +192,10 @@ TEST(ImageGeometry, RotationCanvasesKeepTheSourceLayout) {
 TEST(ImageGeometry, EmptyTargetsAndHugePicturesGiveNil) {
     const kp::UIImage image = coordinateImage(100, 100);
     kptest::LogCapture log;
-    EXPECT_FALSE(image.resizeToSize(CGSizeMake(0, 10))); // resizing does not log
-    EXPECT_FALSE(image.imageByScalingToSize(CGSizeMake(0, 0)));
-    EXPECT_FALSE(image.imageByScalingProportionallyToSize(CGSizeMake(-5, 10)));
-    EXPECT_FALSE(image.imageByScalingProportionallyToMinimumSize(CGSizeMake(NAN, 10)));
-    EXPECT_EQ(log.lines(), std::vector<std::string>(3, "could not scale image"));
+    EXPECT_FALSE(image.resizeToSize(CGSizeMake(0, 10)) || image.imageByScalingToSize(CGSizeMake(0, 0)) ||
+                 image.imageByScalingProportionallyToSize(CGSizeMake(-5, 10)) ||
+                 image.imageByScalingProportionallyToMinimumSize(CGSizeMake(NAN, 10)));
+    EXPECT_EQ(log.lines(), std::vector<std::string>(3, "could not scale image")); // resizing does not log
     const kp::UIImage tooWide = kp::UIImage::imageWithCGImage(kptest::makeBGRA(40000, 2, std::vector<uint8_t>(320000)));
     EXPECT_FALSE(tooWide.imageByScalingToSize(CGSizeMake(100, 2)));
     EXPECT_TRUE(tooWide.imageAtRect(CGRectMake(39990, 0, 10, 2))); // cutting needs no drawing

@@ -30,7 +30,9 @@ TEST(KPImagingHelper, RawBuffersKeepTheirLayoutAndRejectBadSizes) {
     } cases[] = {
         {"grey", KPImagingHelper::makeUIImageFromGrayScaleData(buffer.data(), 3, 2, 16), 8, {100, 100, 100, 255}},
         {"rgb", KPImagingHelper::makeUIImageFromRGBData(buffer.data(), 3, 2, 16), 24, {100, 101, 102, 255}},
-        {"rgba", KPImagingHelper::makeUIImageFromRGBAData(std::span<const uint8_t>(buffer), 3, 2, 16), 32,
+        {"rgba",
+         KPImagingHelper::makeUIImageFromRGBAData(std::span<const uint8_t>(buffer), 3, 2, 16),
+         32,
          {100, 101, 102, 103}},
     };
     for (const auto& c : cases) {
@@ -97,11 +99,15 @@ TEST(KPImagingHelper, CameraFramesAreTurnedUprightForTheOrientationAndCamera) {
         UIDeviceOrientation orientation;
         int32_t position;
         Turn turn;
-    } cases[] = {{UIDeviceOrientationPortrait, 1, Quarter},           {UIDeviceOrientationPortrait, 2, Quarter},
-                 {UIDeviceOrientationPortraitUpsideDown, 2, Quarter}, {UIDeviceOrientationFaceUp, 1, Quarter},
-                 {UIDeviceOrientationUnknown, 2, Quarter},            {UIDeviceOrientationLandscapeLeft, 1, None},
-                 {UIDeviceOrientationLandscapeLeft, 2, Half},         {UIDeviceOrientationLandscapeRight, 1, Half},
-                 {UIDeviceOrientationLandscapeRight, 2, None}};
+    } cases[] = {
+        // clang-format off
+        {UIDeviceOrientationPortrait, 1, Quarter},           {UIDeviceOrientationPortrait, 2, Quarter},
+        {UIDeviceOrientationPortraitUpsideDown, 2, Quarter}, {UIDeviceOrientationFaceUp, 1, Quarter},
+        {UIDeviceOrientationUnknown, 2, Quarter},            {UIDeviceOrientationLandscapeLeft, 1, None},
+        {UIDeviceOrientationLandscapeLeft, 2, Half},         {UIDeviceOrientationLandscapeRight, 1, Half},
+        {UIDeviceOrientationLandscapeRight, 2, None},
+        // clang-format on
+    };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "orientation " << c.orientation << " position " << c.position);
         UIDevice::currentDevice().setOrientation(c.orientation);
@@ -117,7 +123,8 @@ TEST(KPImagingHelper, CameraFramesAreTurnedUprightForTheOrientationAndCamera) {
     }
     UIDevice::currentDevice().setOrientation(UIDeviceOrientationPortrait);
     EXPECT_FALSE(KPImagingHelper::makeUIImageFromCMSampleBuffer(nullptr, 1));
-    EXPECT_FALSE(KPImagingHelper::makeUIImageFromCMSampleBuffer(frame(kCVPixelFormatType_420YpCbCr8BiPlanarFullRange), 1));
+    EXPECT_FALSE(
+        KPImagingHelper::makeUIImageFromCMSampleBuffer(frame(kCVPixelFormatType_420YpCbCr8BiPlanarFullRange), 1));
 }
 
 } // namespace

@@ -27,6 +27,7 @@ public:
     }
     std::atomic<int> turns{0}; // how often endless mode turned the ring over
     std::atomic<CGFloat> counterAtTurn{-1};
+
 protected:
     void sleepBetweenSteps(double) override {
         if (invert() != _invertSeen) {
@@ -143,14 +144,4 @@ TEST_F(ProgressCircleView, EndlessModeTogglesTheRingAndStoppingFreezesIt) {
     view->setValue(40);
     ASSERT_TRUE(settle(main, view));
     EXPECT_EQ(view->counterValue(), 40);
-}
-
-TEST_F(ProgressCircleView, AViewMadeWithoutASizeDrawsOnceItGetsOne) {
-    auto circle = SteppedCircle::make(CGRectZero);
-    circle->setValue(25);
-    ASSERT_TRUE(settle(main, circle));
-    circle->setFrame(CGRectMake(0, 0, 100, 100));
-    main.drain();
-    ASSERT_TRUE(circle->layer()->contents()) << "drawn without any setter asking";
-    EXPECT_EQ(at(circle, 35, 45), kTrack);
 }
