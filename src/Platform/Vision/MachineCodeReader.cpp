@@ -96,6 +96,8 @@ constexpr int kWholeLookEvery = 4;
 constexpr int kFullReadEvery = 32;
 // A code region at least this high (pixels) is tall enough to be read at half its rows.
 constexpr double kMinHalvedHeight = 80.0;
+// Regions whose longer side is shorter than this (pixels) are tried at one angle.
+constexpr double kSmallRegionSide = 200.0;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
 // A region where no angle read is left alone for this many pictures (text and patterns stay where they are from
@@ -357,12 +359,13 @@ bool MachineCodeReader::accept(uint32_t format, const std::string& text, AVMetad
 }
 
 std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, uint32_t formats, bool tryRotate,
-                                                            bool tryHarder) const {
-    return readWithLibrary(image, CGRectMake(0, 0, image.width, image.height), formats, tryRotate, tryHarder);
+                                                            bool tryHarder, bool downscale) const {
+    return readWithLibrary(image, CGRectMake(0, 0, image.width, image.height), formats, tryRotate, tryHarder,
+                           downscale);
 }
 
 std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, CGRect area, uint32_t formats,
-                                                            bool tryRotate, bool tryHarder) const {
+                                                            bool tryRotate, bool tryHarder, bool downscale) const {
     std::vector<MachineCode> codes;
     // The whole pixels of the area within the picture; the library reads them in place.
     const int x0 = std::clamp(static_cast<int>(std::floor(area.origin.x)), 0, image.width);
@@ -376,6 +379,7 @@ std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& ima
     hints.setFormats(static_cast<BarcodeFormat>(formats));
     hints.setTryRotate(tryRotate);
     hints.setTryHarder(tryHarder);
+    hints.setTryDownscale(downscale);
     const ZXing::ImageView view(image.row(y0) + x0, x1 - x0, y1 - y0, ZXing::ImageFormat::Lum, image.width);
     for (const ZXing::Result& r : ZXing::ReadBarcodes(view, hints)) {
         if (!r.isValid()) {
@@ -583,7 +587,7 @@ bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& ca
     }
     std::optional<std::array<CGPoint, 4>> outline;
     bool outlined = false;
-    for (MachineCode& c : readWithLibrary(sampled, formats, true)) {
+    for (MachineCode& c : readWithLibrary(sampled, formats, true, false, false)) {
         for (CGPoint& p : c.corners) {
             p = fromCrop(crop, p, rowStep);
         }
@@ -702,7 +706,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
             }
         }
         if (whole) {
-            codes = readWithLibrary(image, firstLook, linear);
+            codes = readWithLibrary(image, firstLook, linear, false, false);
             _picturesSinceWholeLook = 0;
         }
         if (!full) {
@@ -826,9 +830,11 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                         return r.pictures == 1 && intersectionOverUnion(r.box, cand.box) >= kSameRegionOverlap;
                     });
                     const int strikes = back == _resting.end() ? 0 : back->strikes;
+                    // A small region is tried at its measured skew only: a few degrees off shift its rows by little.
+                    const bool small = std::max(cand.uprightWidth, cand.uprightHeight) < kSmallRegionSide;
                     constexpr size_t kOffsets = std::size(kSkewRetryOffsets);
                     bool tried = false;
-                    for (size_t i = 0; i < (strikes == 0 ? kOffsets : 1); ++i) {
+                    for (size_t i = 0; i < (strikes == 0 && !small ? kOffsets : 1); ++i) {
                         if (readsLeft-- <= 0) {
                             break;
                         }
