@@ -92,6 +92,9 @@ private:
         CGRect box;
         double skewDegrees;
         uint32_t formats;
+        // The code's extent along its own axes, pixels.
+        double width = 0;
+        double height = 0;
     };
     mutable std::vector<Hint> _hints;
     // Where no angle read a code, for how many more pictures that region is left alone, and how many times in a
