@@ -17,9 +17,8 @@ check() {
     status=$?
     if [ "$status" -ne "$2" ] || { [ -n "${3:-}" ] && ! grep -Eq -- "$3" "$work/out"; } ||
         { [ -n "${4:-}" ] && ! grep -Eq -- "$4" "$work/err"; }; then
-        echo "FAILED: $1 (exit $status, expected $2)" >&2
-        echo "  stdout: $(cat "$work/out")" >&2
-        echo "  stderr: $(cat "$work/err")" >&2
+        printf 'FAILED: %s (exit %s, expected %s)\n  stdout: %s\n  stderr: %s\n' "$1" "$status" "$2" "$(cat "$work/out")" \
+            "$(cat "$work/err")" >&2
         failed=1
     fi
 }

@@ -9,6 +9,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <random>
 
@@ -20,15 +21,8 @@ namespace {
 std::vector<uint8_t> randomBytes(size_t n, unsigned seed) {
     std::mt19937 rng(seed);
     std::vector<uint8_t> out(n);
-    for (auto& b : out) {
-        b = static_cast<uint8_t>(rng());
-    }
+    std::generate(out.begin(), out.end(), [&] { return static_cast<uint8_t>(rng()); });
     return out;
-}
-
-std::vector<uint8_t> pixels(const std::optional<UIImage>& image) {
-    const auto& cg = image ? image->CGImage() : nullptr;
-    return cg ? std::vector<uint8_t>(cg->bytes(), cg->bytes() + cg->byteCount()) : std::vector<uint8_t>{};
 }
 
 // An 80 x 60 grey noise picture as PNG or JPEG.
@@ -51,8 +45,10 @@ TEST(ImageIO, RoundTripsKeepPixelsAndDecodersReadExifProgressiveAndInterlacedFil
     };
     for (const auto& [image, expected] : cases) {
         const auto back = UIImage::imageWithData(*UIImagePNGRepresentation(UIImage::imageWithCGImage(image)));
-        EXPECT_EQ(pixels(back), expected) << image->bitsPerPixel();
-        EXPECT_EQ(back && back->isGrayScale(), image->bitsPerPixel() == 8);
+        ASSERT_TRUE(back) << image->bitsPerPixel();
+        EXPECT_EQ(std::vector(back->CGImage()->bytes(), back->CGImage()->bytes() + back->CGImage()->byteCount()),
+                  expected);
+        EXPECT_EQ(back->isGrayScale(), image->bitsPerPixel() == 8);
     }
 
     // An APP1 EXIF block with orientation 6 (stored sideways: shown turned right).

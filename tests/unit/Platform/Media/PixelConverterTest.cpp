@@ -48,10 +48,8 @@ TEST(PixelConverter, CameraLayoutsNeedTheirBytesAndKeepOddSizes) {
     PixelConverter converter;
     using Layout = PixelConverter::CameraLayout;
     // 3 x 3 NV12 needs rows of 4 (two chroma pairs) and two chroma rows: 4 * 3 + 4 * 2 bytes.
-    std::vector<uint8_t> nv12(20, 81), packed(8 * 2, 0);
-    for (size_t i = 12; i < 20; i += 2) {
-        nv12[i] = 90, nv12[i + 1] = 240;
-    }
+    const std::vector<uint8_t> nv12{81, 81, 81, 81, 81, 81, 81, 81, 81, 81, 81, 81, 90, 240, 90, 240, 90, 240, 90, 240};
+    std::vector<uint8_t> packed(8 * 2, 0);
     EXPECT_FALSE(converter.convertCamera(Layout::NV12, nv12.data(), 19, 3, 3, 4, k420f, 3, 3)) << "a byte short";
     EXPECT_FALSE(converter.convertCamera(Layout::NV12, nv12.data(), 20, 3, 3, 3, k420f, 3, 3)) << "stride too small";
     // Packed 4:2:2 of odd width: the last pixel pair is whole.

@@ -57,7 +57,7 @@ bool near(const std::optional<UIImage>& image, CGFloat x, CGFloat y, Rgba expect
 
 } // namespace
 
-TEST(PreviewLayer, PictureAndMappedGeometryAgreeForEveryGravityAndMirroring) {
+TEST(PreviewLayer, PictureMappedGeometryAndCodeCornersAgreeForEveryGravityAndMirroring) {
     kptest::ManualMainQueue main;
     auto root = CALayer::layer();
     root->setFrame(CGRectMake(0, 0, 200, 200));
@@ -106,14 +106,9 @@ TEST(PreviewLayer, PictureAndMappedGeometryAgreeForEveryGravityAndMirroring) {
     const auto image = CARenderLayerToImage(root, CGSizeMake(200, 200), 1);
     EXPECT_TRUE(near(image, 100, 30, Rgba{0, 0, 0, 255}, 0));
     EXPECT_TRUE(near(image, 80, 100, kGrey, 6) && near(image, 112, 77, kBlue, 80));
-}
 
-TEST(PreviewLayer, CodeCornersKeepTheirOrderAndMirror) {
-    kptest::ManualMainQueue main;
-    auto preview = AVCaptureVideoPreviewLayer::layerWithSession(nullptr);
+    // A code's corners in a 320 x 180 layer that the frame fills.
     preview->setFrame(CGRectMake(0, 0, 320, 180));
-    preview->enqueueSampleBuffer(markerFrame());
-    preview->setAutomaticallyAdjustsVideoMirroring(false);
     AVMetadataMachineReadableCodeObject::Fields f;
     f.bounds = CGRectMake(0.1, 0.6, 0.3, 0.3);
     for (CGPoint p : {CGPoint{0.1, 0.9}, CGPoint{0.4, 0.9}, CGPoint{0.4, 0.6}, CGPoint{0.1, 0.6}}) {
