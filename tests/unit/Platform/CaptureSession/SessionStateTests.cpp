@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The capture session as a state machine (every operation in every state has its documented result), its
-// runtime failures, and the still output: digital zoom, a camera without frames, a foreign connection.
+// runtime failures, and the still output: digital zoom, a camera without frames.
 #include "KPImage/Platform/AVCaptureDevice.h"
 #include "KPImage/Platform/AVCaptureInput.h"
 #include "KPImage/Platform/AVCaptureMetadataOutput.h"
@@ -255,20 +255,6 @@ TEST(CaptureSessionStates, OutputsOfferWhatTheCameraHasOnlyWithAnInput) {
         {AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeFace, AVMetadataObjectTypePDF417Code, "unknown"});
     EXPECT_EQ(metadata->metadataObjectTypes(),
               (std::vector<AVMetadataObjectType>{AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeFace}));
-
-    // Stabilisation follows the camera: auto is the standard mode where it exists, off where it does not.
-    auto connection = w.frames->connectionWithMediaType(AVMediaTypeVideo);
-    connection->setPreferredVideoStabilizationMode(AVCaptureVideoStabilizationModeAuto);
-    EXPECT_EQ(connection->activeVideoStabilizationMode(), AVCaptureVideoStabilizationModeStandard);
-    connection->setVideoScaleAndCropFactor(0.5);
-    EXPECT_DOUBLE_EQ(connection->videoScaleAndCropFactor(), 1.0);
-    World v(State::NotRunning, false);
-    v.session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(std::make_shared<AVCaptureDevice>(
-        std::make_shared<FakeCaptureDevice>("plain", FakeCaptureDevice::noCapabilities()),
-        AVCaptureDevicePositionBack)));
-    auto plain = v.frames->connectionWithMediaType(AVMediaTypeVideo);
-    plain->setPreferredVideoStabilizationMode(AVCaptureVideoStabilizationModeAuto);
-    EXPECT_EQ(plain->activeVideoStabilizationMode(), AVCaptureVideoStabilizationModeOff);
 }
 
 TEST(StillImageOutput, ScaleAndCropFactorTakesTheCentreOfTheFrame) {
@@ -316,19 +302,4 @@ TEST(StillImageOutput, ACameraWithoutFramesTimesOutWithNoDataCaptured) {
     EXPECT_EQ(failure(outcome), AVErrorNoDataCaptured);
     EXPECT_FALSE(w.still->isCapturingStillImage());
     EXPECT_EQ(w.camera->stillRequests(), 1) << "the camera was told (a flash may fire)";
-}
-
-TEST(StillImageOutput, AConnectionThatIsNotTheOutputsFails) {
-    kptest::ManualMainQueue main;
-    World w(State::Running, true, true);
-    World other(State::Running, true, true);
-    // Another output of the same session, a still output of another session, none.
-    for (const auto& connection :
-         {w.frames->connectionWithMediaType(AVMediaTypeVideo), other.still->connectionWithMediaType(AVMediaTypeVideo),
-          std::shared_ptr<AVCaptureConnection>{}}) {
-        auto outcome = request(w, connection);
-        ASSERT_TRUE(main.drainUntil([&] { return finished(outcome); }));
-        EXPECT_EQ(failure(outcome), AVErrorInvalidSourceMedia);
-    }
-    EXPECT_EQ(w.camera->stillRequests(), 0);
 }
