@@ -96,6 +96,11 @@ constexpr int kWholeLookEvery = 4;
 constexpr int kFullReadEvery = 32;
 // A code region at least this high (pixels) is tall enough to be read at half its rows.
 constexpr double kMinHalvedHeight = 80.0;
+// A region whose longer side is at most this many times the longer side of the code read there (plus a cell on
+// each side) holds little more than that code.
+constexpr double kCodeSizedRegion = 1.3;
+// Regions whose longer side is shorter than this (pixels) are tried at one angle.
+constexpr double kSmallRegionSide = 200.0;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
 // A region where no angle read is left alone for this many pictures (text and patterns stay where they are from
@@ -357,12 +362,13 @@ bool MachineCodeReader::accept(uint32_t format, const std::string& text, AVMetad
 }
 
 std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, uint32_t formats, bool tryRotate,
-                                                            bool tryHarder) const {
-    return readWithLibrary(image, CGRectMake(0, 0, image.width, image.height), formats, tryRotate, tryHarder);
+                                                            bool tryHarder, bool downscale) const {
+    return readWithLibrary(image, CGRectMake(0, 0, image.width, image.height), formats, tryRotate, tryHarder,
+                           downscale);
 }
 
 std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, CGRect area, uint32_t formats,
-                                                            bool tryRotate, bool tryHarder) const {
+                                                            bool tryRotate, bool tryHarder, bool downscale) const {
     std::vector<MachineCode> codes;
     // The whole pixels of the area within the picture; the library reads them in place.
     const int x0 = std::clamp(static_cast<int>(std::floor(area.origin.x)), 0, image.width);
@@ -376,6 +382,7 @@ std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& ima
     hints.setFormats(static_cast<BarcodeFormat>(formats));
     hints.setTryRotate(tryRotate);
     hints.setTryHarder(tryHarder);
+    hints.setTryDownscale(downscale);
     const ZXing::ImageView view(image.row(y0) + x0, x1 - x0, y1 - y0, ZXing::ImageFormat::Lum, image.width);
     for (const ZXing::Result& r : ZXing::ReadBarcodes(view, hints)) {
         if (!r.isValid()) {
@@ -583,7 +590,7 @@ bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& ca
     }
     std::optional<std::array<CGPoint, 4>> outline;
     bool outlined = false;
-    for (MachineCode& c : readWithLibrary(sampled, formats, true)) {
+    for (MachineCode& c : readWithLibrary(sampled, formats, true, false, false)) {
         for (CGPoint& p : c.corners) {
             p = fromCrop(crop, p, rowStep);
         }
@@ -702,7 +709,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
             }
         }
         if (whole) {
-            codes = readWithLibrary(image, firstLook, linear);
+            codes = readWithLibrary(image, firstLook, linear, false, false);
             _picturesSinceWholeLook = 0;
         }
         if (!full) {
@@ -752,10 +759,17 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                         angles.push_back(hint);
                     }
                 }
-                const auto attempt = [&](double tried, uint32_t formats, int rowStep = 1) {
+                // look is the region the crop shows (the candidate, or a code's own extent at its own angle) and
+                // lw x lh its size with the margin.
+                const auto attempt = [&](double tried, uint32_t formats, int rowStep = 1,
+                                         const Candidate* tight = nullptr) {
+                    const Candidate& look = tight != nullptr ? *tight : cand;
+                    const double lm = 0.1 * std::max(look.uprightWidth, look.uprightHeight) + kCell;
+                    const double lw = tight != nullptr ? look.uprightWidth + 2 * lm : w;
+                    const double lh = tight != nullptr ? look.uprightHeight + 2 * lm : h;
                     std::vector<MachineCode> found;
                     bool outlined = false;
-                    if (!secondLookAt(image, cand, tried, w, h, formats, found, outlined, rowStep)) {
+                    if (!secondLookAt(image, look, tried, lw, lh, formats, found, outlined, rowStep)) {
                         return false;
                     }
                     // The library's corners drift when the crop is still skewed, and now and then it reports a
@@ -777,7 +791,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                                       !isNearRectangle(found.front().corners))) {
                         std::vector<MachineCode> refined;
                         bool refinedOutlines = false;
-                        if (secondLookAt(image, cand, measured, w, h, formats, refined, refinedOutlines, rowStep) &&
+                        if (secondLookAt(image, look, measured, lw, lh, formats, refined, refinedOutlines, rowStep) &&
                             isNearRectangle(refined.front().corners)) {
                             found = std::move(refined);
                         }
@@ -799,16 +813,28 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                         }
                     }
                     if (added > 0) {
-                        hints.push_back({cand.box, measured, addedFormats & secondLook});
+                        const auto& c = codes.back().corners;
+                        hints.push_back({cand.box, measured, addedFormats & secondLook,
+                                         std::hypot(c[1].x - c[0].x, c[1].y - c[0].y),
+                                         std::hypot(c[3].x - c[0].x, c[3].y - c[0].y)});
                     }
                     return added > 0;
                 };
                 // The skew is sharpened only when the previous frame's angles do not read.
                 // A PDF417 code followed from the previous frame is read at half its rows first.
+                // When the region is about the code's size, the crop is the code's own extent at its own angle
+                // (the region's, at its biased skew, holds more).
                 bool read = false;
                 for (const Hint& hint : angles) {
                     const bool halve = hint.formats == pdf417 && cand.uprightHeight >= kMinHalvedHeight;
-                    if (halve && readsLeft > 1 && (read = attempt(hint.skewDegrees, hint.formats, 2))) {
+                    Candidate own = cand;
+                    own.skewDegrees = hint.skewDegrees;
+                    own.uprightWidth = hint.width;
+                    own.uprightHeight = hint.height;
+                    const bool fits = std::max(cand.uprightWidth, cand.uprightHeight) <=
+                                      kCodeSizedRegion * std::max(hint.width, hint.height) + 2 * kCell;
+                    if (halve && readsLeft > 1 &&
+                        (read = attempt(hint.skewDegrees, hint.formats, 2, fits ? &own : nullptr))) {
                         --readsLeft;
                         break;
                     }
@@ -826,9 +852,11 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                         return r.pictures == 1 && intersectionOverUnion(r.box, cand.box) >= kSameRegionOverlap;
                     });
                     const int strikes = back == _resting.end() ? 0 : back->strikes;
+                    // A small region is tried at its measured skew only: a few degrees off shift its rows by little.
+                    const bool small = std::max(cand.uprightWidth, cand.uprightHeight) < kSmallRegionSide;
                     constexpr size_t kOffsets = std::size(kSkewRetryOffsets);
                     bool tried = false;
-                    for (size_t i = 0; i < (strikes == 0 ? kOffsets : 1); ++i) {
+                    for (size_t i = 0; i < (strikes == 0 && !small ? kOffsets : 1); ++i) {
                         if (readsLeft-- <= 0) {
                             break;
                         }
