@@ -82,6 +82,9 @@ constexpr double kSkewRetryOffsets[] = {0.0, 3.0, -3.0};
 // The skew is sharpened within this many degrees of the edge-direction estimate, in these steps.
 constexpr double kSkewSearchDegrees = 7.0;
 constexpr double kSkewSearchStep = 1.0;
+// A code read in the previous picture is looked for at its angle then when the region's skew is within this many
+// degrees of it (fine modules bias the region's skew by up to about the search span, and the code turns meanwhile).
+constexpr double kHintSkewTolerance = 12.0;
 // A code read at an angle this far (degrees) from its own is read again at its own: the library's corners drift
 // with the crop's remaining skew (by about 3 pixels at 2.5 degrees, too little to pay a second read for).
 constexpr double kSkewRefineThreshold = 3.0;
@@ -758,7 +761,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 std::vector<Hint> angles;
                 for (const Hint& hint : _hints) {
                     if (samePlace(hint.box, cand.box) &&
-                        std::abs(hint.skewDegrees - cand.skewDegrees) <= kSkewSearchDegrees) {
+                        std::abs(hint.skewDegrees - cand.skewDegrees) <= kHintSkewTolerance) {
                         angles.push_back(hint);
                     }
                 }
