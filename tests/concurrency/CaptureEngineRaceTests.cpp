@@ -14,49 +14,25 @@
 namespace {
 
 using namespace kp;
-using kptest::FakeCaptureDevice;
 
 class CountingDelegate : public libVideoDelegate {
 public:
     void getLastSampleBuffer(const CMSampleBufferRef& buffer, CGRect faceRect, CGFloat yaw, CGFloat roll,
                              const std::optional<std::string>& barcode) override {
         // Read what was handed over, as a host would.
-        if (buffer && faceRect.size.width >= 0 && yaw >= 0 && roll >= 0 && barcode.value_or("").size() < 100) {
-            frames.fetch_add(1, std::memory_order_relaxed);
-        }
+        frames += buffer && faceRect.size.width >= 0 && yaw >= 0 && roll >= 0 && barcode.value_or("").size() < 100;
     }
     void getNewStillImage(const std::optional<UIImage>&) override {}
     std::atomic<int> frames{0};
 };
 
-// Batch i: a face (its size, identity and roll changing) unless i % 3 == 0, and a card's code when i is even.
-std::vector<std::shared_ptr<AVMetadataObject>> batch(int i) {
-    std::vector<std::shared_ptr<AVMetadataObject>> objects;
-    if (i % 3 != 0) {
-        AVMetadataFaceObject::Fields f;
-        f.bounds = CGRectMake(0.3, 0.3, 0.3 + 0.001 * (i % 10), 0.4);
-        f.faceID = 1 + i / 40;
-        f.hasYawAngle = f.hasRollAngle = true;
-        f.rollAngle = i % 4 == 0 ? 30 : 0;
-        objects.push_back(AVMetadataFaceObject::create(f));
-    }
-    if (i % 2 == 0) {
-        AVMetadataMachineReadableCodeObject::Fields c;
-        c.stringValue = "CARD " + std::to_string(i);
-        for (CGPoint p : {CGPoint{0.1, 0.9}, CGPoint{0.9, 0.9}, CGPoint{0.9, 0.7}, CGPoint{0.1, 0.7}}) {
-            c.corners.push_back(CGPointCreateDictionaryRepresentation(p));
-        }
-        objects.push_back(AVMetadataMachineReadableCodeObject::create(c));
-    }
-    return objects;
-}
-
 TEST(CaptureEngineRace, FramesBatchesSwitchesStillsAndRestartsTogether) {
     AVCaptureDevice::setDiscovery({false, "/dev", false});
     kptest::ManualMainQueue main;
-    auto front = std::make_shared<FakeCaptureDevice>("front"), back = std::make_shared<FakeCaptureDevice>("back");
-    const auto frontDevice = AVCaptureDevice::addDevice(front, AVCaptureDevicePositionFront);
-    const auto backDevice = AVCaptureDevice::addDevice(back, AVCaptureDevicePositionBack);
+    const std::shared_ptr<kptest::FakeCaptureDevice> cameras[] = {std::make_shared<kptest::FakeCaptureDevice>("front"),
+                                                                  std::make_shared<kptest::FakeCaptureDevice>("back")};
+    const auto front = AVCaptureDevice::addDevice(cameras[0], AVCaptureDevicePositionFront);
+    const auto back = AVCaptureDevice::addDevice(cameras[1], AVCaptureDevicePositionBack);
     {
         auto engine = KPVideoHelper::initWithAVCaptureSessionPreset(
             0, AVCaptureDevicePositionFront, AVLayerVideoGravityResizeAspectFill, kCVPixelFormatType_32BGRA);
@@ -67,20 +43,36 @@ TEST(CaptureEngineRace, FramesBatchesSwitchesStillsAndRestartsTogether) {
         std::atomic<bool> done{false};
         std::thread camera([&] {
             for (uint8_t fill = 0; !done.load(); fill = static_cast<uint8_t>(fill + 7)) {
-                front->pushFrame(fill);
-                back->pushFrame(fill);
+                cameras[0]->pushFrame(fill), cameras[1]->pushFrame(fill);
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
         });
         std::thread reader([&] { // a host thread reading the state the engine shares
             while (!done.load()) {
-                (void)engine->faceRect(), (void)engine->parsedData(), (void)engine->isHeadCentered();
-                (void)engine->device();
+                (void)engine->faceRect(), (void)engine->parsedData(), (void)engine->isHeadCentered(), engine->device();
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
             }
         });
         for (int i = 0; i < 120; ++i) {
-            engine->captureOutput(nullptr, batch(i), nullptr);
+            // A face (its size, identity and roll changing) in two batches of three, a card's code in every other.
+            std::vector<std::shared_ptr<AVMetadataObject>> batch;
+            AVMetadataFaceObject::Fields f;
+            f.bounds = CGRectMake(0.3, 0.3, 0.3 + 0.001 * (i % 10), 0.4);
+            f.faceID = 1 + i / 40;
+            f.hasYawAngle = f.hasRollAngle = true;
+            f.rollAngle = i % 4 == 0 ? 30 : 0;
+            AVMetadataMachineReadableCodeObject::Fields c;
+            c.stringValue = "CARD " + std::to_string(i);
+            for (CGPoint p : {CGPoint{0.1, 0.9}, CGPoint{0.9, 0.9}, CGPoint{0.9, 0.7}, CGPoint{0.1, 0.7}}) {
+                c.corners.push_back(CGPointCreateDictionaryRepresentation(p));
+            }
+            if (i % 3 != 0) {
+                batch.push_back(AVMetadataFaceObject::create(f));
+            }
+            if (i % 2 == 0) {
+                batch.push_back(AVMetadataMachineReadableCodeObject::create(c));
+            }
+            engine->captureOutput(nullptr, batch, nullptr);
             if (i % 15 == 14) {
                 engine->toggleCameraWithAnimation(i % 30 == 14);
             }
@@ -91,9 +83,7 @@ TEST(CaptureEngineRace, FramesBatchesSwitchesStillsAndRestartsTogether) {
                 engine->stopVideoCapture();
                 engine->startVideoCapture();
             }
-            if (i % 7 == 0) {
-                engine->setShowFaceBoundingBox(i % 14 != 0);
-            }
+            engine->setShowFaceBoundingBox(i % 14 < 7);
             main.drainOnce();
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -106,8 +96,8 @@ TEST(CaptureEngineRace, FramesBatchesSwitchesStillsAndRestartsTogether) {
         dispatch_sync(engine->videoDataOutputQueue(), [] {});
         main.drain();
     }
-    AVCaptureDevice::removeDevice(frontDevice);
-    AVCaptureDevice::removeDevice(backDevice);
+    AVCaptureDevice::removeDevice(front);
+    AVCaptureDevice::removeDevice(back);
     AVCaptureDevice::setDiscovery({});
 }
 

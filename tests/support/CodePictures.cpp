@@ -43,7 +43,8 @@ const std::string& licenceText() {
 
 std::array<kp::CGPoint, 4> printCode(kp::LumaImage& image, CodeKind kind, const std::string& text,
                                      const CodePlacement& p) {
-    const auto code = encode(kind, text, p.columns);
+    const auto symbol = encode(kind, text, p.columns);
+    const zint_symbol* code = symbol.get();
     // Linear codes come as one row; print them a third as high as wide. PDF417 rows are three modules high.
     const bool linear = code->rows <= 1;
     const double w = code->width * p.moduleSize;
@@ -73,12 +74,10 @@ std::array<kp::CGPoint, 4> printCode(kp::LumaImage& image, CodeKind kind, const 
                     sum += row[x];
                 } else {
                     ++inside;
-                    const int col = std::min(code->width - 1, static_cast<int>(u / p.moduleSize));
-                    const bool black =
-                        u >= 0 && v >= 0 && u < w && v < h &&
-                        ((code->encoded_data[std::min(code->rows - 1, static_cast<int>(v / rowHeight))][col >> 3] >>
-                          (col & 7)) &
-                         1) != 0;
+                    const int col = static_cast<int>(u / p.moduleSize);
+                    const int r = static_cast<int>(v / rowHeight);
+                    const bool black = u >= 0 && v >= 0 && col < code->width && r < code->rows &&
+                                       ((code->encoded_data[r][col >> 3] >> (col & 7)) & 1) != 0;
                     sum += black ? 25 : 235;
                 }
             }

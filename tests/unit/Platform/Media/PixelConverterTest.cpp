@@ -54,8 +54,6 @@ TEST(PixelConverter, CameraLayoutsNeedTheirBytesAndKeepOddSizes) {
     }
     EXPECT_FALSE(converter.convertCamera(Layout::NV12, nv12.data(), 19, 3, 3, 4, k420f, 3, 3)) << "a byte short";
     EXPECT_FALSE(converter.convertCamera(Layout::NV12, nv12.data(), 20, 3, 3, 3, k420f, 3, 3)) << "stride too small";
-    EXPECT_FALSE(converter.convertCamera(Layout::NV12, nullptr, 100, 2, 2, 2, k420f, 2, 2));
-    EXPECT_FALSE(converter.convertCamera(Layout::NV12, nv12.data(), nv12.size(), 0, 3, 4, k420f, 3, 3));
     // Packed 4:2:2 of odd width: the last pixel pair is whole.
     EXPECT_FALSE(converter.convertCamera(Layout::UYVY, packed.data(), packed.size(), 3, 2, 6, k420f, 3, 2));
     EXPECT_FALSE(converter.convertCamera(Layout::YUYV, packed.data(), packed.size() - 1, 3, 2, 8, k420f, 3, 2));
@@ -63,10 +61,6 @@ TEST(PixelConverter, CameraLayoutsNeedTheirBytesAndKeepOddSizes) {
     const auto out = converter.convertCamera(Layout::NV12, nv12.data(), nv12.size(), 3, 3, 4, k420f, 3, 3);
     ASSERT_TRUE(out);
     EXPECT_NEAR(pixelAt(out, 2, 2)[2], 255, 1); // the odd last column has its chroma, widened to full range
-    // A '420f' buffer converted to '420f' of the same size keeps its chroma.
-    const auto copy = converter.convert(out, k420f, 3, 3);
-    ASSERT_TRUE(copy);
-    EXPECT_EQ(pixelAt(copy, 2, 2), pixelAt(out, 2, 2));
 }
 
 TEST(PixelConverter, VideoRangeFramesConvertWithTheirOwnRange) {
