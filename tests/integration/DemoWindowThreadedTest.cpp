@@ -89,18 +89,17 @@ private:
 
 // An X window dump (xwd: ZPixmap, 24 or 32 bits per pixel, true colour) as an RGB image.
 std::optional<kp::UIImage> readXwd(const std::string& path) {
-    const std::string s = readFile(path);
+    std::string s = readFile(path);
+    const size_t size = s.size();
+    s.resize(std::max<size_t>(size, 100)); // a short file reads as zeros: no known format
     const auto* d = reinterpret_cast<const uint8_t*>(s.data());
     auto field = [&](size_t i) {
         return uint32_t(d[i * 4]) << 24 | uint32_t(d[i * 4 + 1]) << 16 | uint32_t(d[i * 4 + 2]) << 8 | d[i * 4 + 3];
     };
-    if (s.size() < 100) {
-        return std::nullopt;
-    }
     const uint32_t width = field(4), height = field(5), bytesPerPixel = field(11) / 8, bytesPerLine = field(12);
     const uint64_t offset = uint64_t(field(0)) + uint64_t(field(19)) * 12;
     if (field(2) != 2 || bytesPerPixel < 3 || bytesPerPixel > 4 || width == 0 || width > 10000 || height > 10000 ||
-        bytesPerLine < width * bytesPerPixel || offset + uint64_t(bytesPerLine) * height > s.size()) {
+        bytesPerLine < width * bytesPerPixel || offset + uint64_t(bytesPerLine) * height > size) {
         return std::nullopt;
     }
     std::vector<uint8_t> rgb(size_t(width) * height * 3);

@@ -37,7 +37,10 @@ public:
     void vanish();
 
     // Observations.
-    bool isStreaming() const { return locked(_sink) != nullptr; }
+    bool isStreaming() const {
+        std::lock_guard lock(_mutex);
+        return _sink != nullptr;
+    }
     kp::CaptureStreamRequest streamRequest() const { return locked(_request); }
     int startCount() const { return locked(_starts); }
     int lockAttempts() const { return locked(_lockAttempts); }

