@@ -13,6 +13,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <numeric>
 #include <set>
 
 using namespace kp;
@@ -96,18 +97,16 @@ struct Rig {
     }
 };
 
-double meanLuma(const CVPixelBufferRef& bgra) {
-    CVPixelBufferLockBaseAddress(bgra, kCVPixelBufferLock_ReadOnly);
-    const auto* base = static_cast<const uint8_t*>(CVPixelBufferGetBaseAddress(bgra));
-    double sum = 0;
-    for (size_t y = 0; y < bgra->height(); y += 4) {
-        for (size_t x = 0; x < bgra->width(); x += 4) {
-            const uint8_t* p = base + y * CVPixelBufferGetBytesPerRow(bgra) + x * 4;
-            sum += 0.114 * p[0] + 0.587 * p[1] + 0.299 * p[2];
-        }
+// The mean luma of a still, and the codes of the scene's card that it shows readably.
+double meanLuma(const CMSampleBufferRef& still, std::set<std::string>* codes = nullptr) {
+    LumaImage luma;
+    EXPECT_TRUE(LumaImageFromPixelBuffer(CMSampleBufferGetImageBuffer(still), luma));
+    for (const auto& code :
+         codes ? MachineCodeReader({AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeQRCode}).read(luma)
+               : std::vector<MachineCode>{}) {
+        codes->insert(code.text.value_or(""));
     }
-    CVPixelBufferUnlockBaseAddress(bgra, kCVPixelBufferLock_ReadOnly);
-    return sum / ((bgra->height() / 4.0) * (bgra->width() / 4.0));
+    return std::accumulate(luma.pixels.begin(), luma.pixels.end(), 0.0) / static_cast<double>(luma.pixels.size());
 }
 
 } // namespace
@@ -173,21 +172,15 @@ TEST(SampleCamera, StillIsAPictureOfTheSceneAndTheTorchBrightensIt) {
     ASSERT_EQ(CVPixelBufferGetPixelFormatType(pixels), kCVPixelFormatType_32BGRA) << "still output default is BGRA";
     EXPECT_EQ(CVPixelBufferGetWidth(pixels), 1920U);
     // The scene's ID card carries both sample codes: the still must show them readably.
-    LumaImage luma;
-    ASSERT_TRUE(LumaImageFromPixelBuffer(pixels, luma));
     std::set<std::string> texts;
-    for (const auto& code :
-         MachineCodeReader({AVMetadataObjectTypePDF417Code, AVMetadataObjectTypeQRCode}).read(luma)) {
-        texts.insert(code.text.value_or(""));
-    }
+    const double plain = meanLuma(picture, &texts);
     EXPECT_EQ(texts, (std::set<std::string>{SampleScene::pdf417Text(), SampleScene::qrText()}));
-
     ASSERT_TRUE(rig.device->lockForConfiguration());
     ASSERT_TRUE(rig.device->setTorchModeOnWithLevel(1.0F));
     rig.device->unlockForConfiguration();
     auto [lit, litError] = rig.takeStill(main);
     ASSERT_TRUE(lit);
-    EXPECT_GT(meanLuma(CMSampleBufferGetImageBuffer(lit)), meanLuma(pixels) + 30);
+    EXPECT_GT(meanLuma(lit), plain + 30);
     rig.session->stopRunning();
     auto [stopped, stopError] = rig.takeStill(main);
     EXPECT_EQ(stopped, nullptr);
