@@ -17,32 +17,26 @@ DlibFaceDetector::Landmarks neutralFace() {
     for (size_t i = 0; i <= 16; ++i) {
         p[i] = {10.0 + 100.0 * static_cast<double>(i) / 16.0, 60.0 + static_cast<double>(i)};
     }
-    const auto eye = [&p](size_t first, double cx, double open) {
-        p[first + 0] = {cx - 10, 50};
-        p[first + 1] = {cx - 4, 50 - open};
-        p[first + 2] = {cx + 4, 50 - open};
-        p[first + 3] = {cx + 10, 50};
-        p[first + 4] = {cx + 4, 50 + open};
-        p[first + 5] = {cx - 4, 50 + open};
-    };
-    eye(36, 40, 4);
-    eye(42, 80, 4);
+    for (const auto& [first, cx] : {std::pair{36, 40.0}, {42, 80.0}}) { // corners, upper lid, lower lid
+        const double xs[6] = {-10, -4, 4, 10, 4, -4}, ys[6] = {0, -4, -4, 0, 4, 4};
+        for (size_t i = 0; i < 6; ++i) {
+            p[first + i] = {cx + xs[i], 50 + ys[i]};
+        }
+    }
     // Outer lip: corners 48 and 54 level with the middle of the lips (51 top, 57 bottom).
-    const double xs[12] = {45, 50, 55, 60, 65, 70, 75, 70, 65, 60, 55, 50};
     const double ys[12] = {90, 87, 86, 85, 86, 87, 90, 93, 94, 95, 94, 93};
     for (size_t i = 0; i < 12; ++i) {
-        p[48 + i] = {xs[i], ys[i]};
+        p[48 + i] = {i <= 6 ? 45.0 + 5 * i : 105.0 - 5 * i, ys[i]};
     }
-    for (size_t i = 60; i < 68; ++i) {
-        p[i] = {60, 90};
-    }
+    std::fill(p.begin() + 60, p.end(), kp::CGPoint{60, 90});
     return p;
 }
 
 TEST(DlibFaceDetector, MeasuresFromLandmarks) {
-    kp::CIDetectorFeatureOptions all{true, true};
+    const kp::CIDetectorFeatureOptions all{true, true};
+    const kp::CGRect box = kp::CGRectMake(10, 20, 100, 90);
     DlibFaceDetector::Landmarks pts = neutralFace();
-    kp::CIFaceFeature f = DlibFaceDetector::featureFromLandmarks(kp::CGRectMake(10, 20, 100, 90), &pts, 200, all);
+    kp::CIFaceFeature f = DlibFaceDetector::featureFromLandmarks(box, &pts, 200, all);
     // Bottom-left space of a 200-pixel-high image.
     EXPECT_EQ(f.bounds, kp::CGRectMake(10, 90, 100, 90));
     EXPECT_EQ(f.leftEyePosition, kp::CGPointMake(40, 150));
@@ -50,40 +44,29 @@ TEST(DlibFaceDetector, MeasuresFromLandmarks) {
     EXPECT_EQ(f.mouthPosition.x, 60);
     EXPECT_NEAR(f.mouthPosition.y, 110, 0.01);
     EXPECT_TRUE(f.hasLeftEyePosition && f.hasRightEyePosition && f.hasMouthPosition && f.hasFaceAngle);
+    EXPECT_FALSE(f.hasSmile || f.leftEyeClosed || f.rightEyeClosed);
     EXPECT_EQ(f.faceAngle, 0.0f);
-    EXPECT_FALSE(f.hasSmile);
-    EXPECT_FALSE(f.leftEyeClosed);
-    EXPECT_FALSE(f.rightEyeClosed);
-
-    // Corners lifted by 6 pixels of a 30-pixel mouth: a smile.
-    DlibFaceDetector::Landmarks smiling = pts;
-    smiling[48].y -= 6;
-    smiling[54].y -= 6;
-    EXPECT_TRUE(DlibFaceDetector::featureFromLandmarks(kp::CGRectMake(10, 20, 100, 90), &smiling, 200, all).hasSmile);
-    // ...but not computed when not asked for.
-    EXPECT_FALSE(DlibFaceDetector::featureFromLandmarks(kp::CGRectMake(10, 20, 100, 90), &smiling, 200, {}).hasSmile);
-
-    // The right-hand eye's lids shut: only that eye is closed.
-    DlibFaceDetector::Landmarks blinking = pts;
-    for (size_t i : {43u, 44u, 46u, 47u}) {
-        blinking[i].y = 50;
-    }
-    f = DlibFaceDetector::featureFromLandmarks(kp::CGRectMake(10, 20, 100, 90), &blinking, 200, all);
-    EXPECT_FALSE(f.leftEyeClosed);
-    EXPECT_TRUE(f.rightEyeClosed);
-
-    // Right-hand eye 40 pixels higher over 40 across: the face is turned 45 degrees counter-clockwise.
-    DlibFaceDetector::Landmarks tilted = pts;
-    for (size_t i = 42; i <= 47; ++i) {
-        tilted[i].y -= 40;
-    }
-    EXPECT_NEAR(DlibFaceDetector::featureFromLandmarks(kp::CGRectMake(10, 20, 100, 90), &tilted, 200, all).faceAngle,
-                45.0f, 1e-4);
-
-    // Without landmarks only the box is there.
-    f = DlibFaceDetector::featureFromLandmarks(kp::CGRectMake(10, 20, 100, 90), nullptr, 200, all);
-    EXPECT_FALSE(f.hasLeftEyePosition || f.hasRightEyePosition || f.hasMouthPosition || f.hasFaceAngle);
     EXPECT_EQ(DlibFaceDetector::eyeAspectRatio(&pts[36]), 0.4);
+
+    // The face with some points moved down by dy (up when negative).
+    const auto moved = [&](std::initializer_list<std::pair<size_t, double>> dys, kp::CIDetectorFeatureOptions o) {
+        DlibFaceDetector::Landmarks m = pts;
+        for (const auto& [i, dy] : dys) {
+            m[i].y += dy;
+        }
+        return DlibFaceDetector::featureFromLandmarks(box, &m, 200, o);
+    };
+    // Corners lifted by 6 pixels of a 30-pixel mouth: a smile, but not computed when not asked for.
+    EXPECT_TRUE(moved({{48, -6}, {54, -6}}, all).hasSmile);
+    EXPECT_FALSE(moved({{48, -6}, {54, -6}}, {}).hasSmile);
+    // The right-hand eye's lids shut: only that eye is closed.
+    f = moved({{43, 4}, {44, 4}, {46, -4}, {47, -4}}, all);
+    EXPECT_TRUE(!f.leftEyeClosed && f.rightEyeClosed);
+    // Right-hand eye 40 pixels higher over 40 across: the face is turned 45 degrees counter-clockwise.
+    EXPECT_NEAR(moved({{42, -40}, {43, -40}, {44, -40}, {45, -40}, {46, -40}, {47, -40}}, all).faceAngle, 45.0f, 1e-4);
+    // Without landmarks only the box is there.
+    f = DlibFaceDetector::featureFromLandmarks(box, nullptr, 200, all);
+    EXPECT_FALSE(f.hasLeftEyePosition || f.hasRightEyePosition || f.hasMouthPosition || f.hasFaceAngle);
 }
 
 TEST(DlibFaceDetector, ReportsInBottomLeftSpaceInEveryLayout) {
@@ -93,20 +76,16 @@ TEST(DlibFaceDetector, ReportsInBottomLeftSpaceInEveryLayout) {
     EXPECT_FALSE(DlibFaceDetector::landmarkModelAvailable("/nonexistent/model.dat"));
     const kp::CGImageRef rgba = photo->CGImage();
     // The same picture as BGRA (premultiplied, little-endian word) must give the same face.
-    std::vector<uint8_t> bgra(rgba->width() * rgba->height() * 4);
+    std::vector<uint8_t> bgra;
     for (size_t i = 0; i < rgba->width() * rgba->height(); ++i) {
         const uint8_t* s = rgba->bytes() + (i / rgba->width()) * rgba->bytesPerRow() + (i % rgba->width()) * 4;
-        bgra[i * 4 + 0] = s[2];
-        bgra[i * 4 + 1] = s[1];
-        bgra[i * 4 + 2] = s[0];
-        bgra[i * 4 + 3] = 255;
+        bgra.insert(bgra.end(), {s[2], s[1], s[0], 255});
     }
     const kp::CGImageRef swapped = kptest::makeBGRA(rgba->width(), rgba->height(), bgra);
     DlibFaceDetector detector(kp::CIDetectorAccuracyLow);
     const auto a = detector.featuresInImage(kp::CIImage::imageWithCGImage(rgba), {true, true});
     const auto b = detector.featuresInImage(kp::CIImage::imageWithCGImage(swapped), {true, true});
-    ASSERT_EQ(a.size(), 1u);
-    ASSERT_EQ(b.size(), 1u);
+    ASSERT_TRUE(a.size() == 1 && b.size() == 1);
     EXPECT_EQ(a[0].bounds, b[0].bounds);
     // y up: the eyes are above the mouth, and the box's origin is its bottom edge (the chin is near y 320).
     EXPECT_GT(a[0].leftEyePosition.y, a[0].mouthPosition.y);
