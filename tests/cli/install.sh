@@ -10,19 +10,22 @@ failed=0
 kpimage() {
     env -i HOME="$home" PATH=/usr/bin:/bin ${ASAN_OPTIONS:+ASAN_OPTIONS=$ASAN_OPTIONS} \
         ${LSAN_OPTIONS:+LSAN_OPTIONS=$LSAN_OPTIONS} ${UBSAN_OPTIONS:+UBSAN_OPTIONS=$UBSAN_OPTIONS} \
-        timeout 20 "$work/prefix/bin/kpimage" "$@" >"$work/out" 2>"$work/err"
+        timeout 20 "$work/prefix/bin/kpimage" "$@" >"$work/out" 2>"$work/err" </dev/null
 }
 # check DESCRIPTION EXPECTED-STATUS [ERE-ON-STDOUT [ERE-ON-STDERR]]: the last kpimage run's status and output.
 check() {
     status=$?
-    ok=1
-    [ "$status" -eq "$2" ] || ok=0
-    if [ -n "${3:-}" ] && ! grep -Eq -- "$3" "$work/out"; then ok=0; fi
-    if [ -n "${4:-}" ] && ! grep -Eq -- "$4" "$work/err"; then ok=0; fi
-    if [ "$ok" -eq 0 ]; then
-        echo "FAILED: $1 (exit $status, expected $2)" >&2
-        echo "  stdout: $(cat "$work/out")" >&2
-        echo "  stderr: $(cat "$work/err")" >&2
+    if [ "$status" -ne "$2" ] || { [ -n "${3:-}" ] && ! grep -Eq -- "$3" "$work/out"; } ||
+        { [ -n "${4:-}" ] && ! grep -Eq -- "$4" "$work/err"; }; then
+        printf 'FAILED: %s (exit %s, expected %s)\n  stdout: %s\n  stderr: %s\n' "$1" "$status" "$2" "$(cat "$work/out")" \
+            "$(cat "$work/err")" >&2
         failed=1
     fi
+}
+# runs: kpimage with each line of standard input, "ARGUMENTS|EXPECTED-STATUS|ERE-ON-STDOUT|ERE-ON-STDERR".
+runs() {
+    while IFS='|' read -r args code out err; do
+        eval "kpimage $args"
+        check "$args" "$code" "$out" "$err"
+    done
 }

@@ -11,44 +11,31 @@ mkdir -p "$docs/sub" "$home/outside"
 cp "$picture" "$home/victim.png" && cp "$picture" "$home/outside/victim.png" || exit 1
 ln -s "$home/outside" "$docs/out"
 ln -s "$home/outside" "$docs/sub/deeper"
+ln -s "$home/outside/victim.png" "$docs/leak.png"
 outside_state() { find "$home" -path "$docs" -prune -o -printf '%p %s %T@\n' | sort; }
 before=$(outside_state)
-
+# Refused names touch nothing outside; a link inside pointing out is not read through, and deleting it removes the
+# link only.
 for name in ../victim sub/../../victim out/victim sub/deeper/victim /../victim "$home/outside/victim"; do
-    kpimage store save "$picture" "$name"
-    check "save $name is refused" 1 '"saved":false' 'cannot save'
-    kpimage store load "$name" "$work/loaded.png"
-    check "load $name is refused" 1 '"found":false'
-    kpimage store delete "$name" png
-    check "delete $name removes nothing" 1 '"removed":\[\]' 'nothing removed'
-    [ "$(outside_state)" = "$before" ] || { echo "FAILED: $name touched a file outside the documents folder" >&2; failed=1; }
+    runs <<'EOF2'
+store save "$picture" "$name"|1|"saved":false|cannot save
+store load "$name" "$work/loaded.png"|1|"found":false
+store delete "$name" png|1|"removed":\[\]|nothing removed
+EOF2
 done
+runs <<'EOF2'
+store load leak|1|"found":false
+store delete leak png|0|"removed":\["leak.png"\]
+store save "$picture" sub/inner|0|"saved":true
+store load sub/inner "$work/inner.png"|0|"found":true,"width":512,"height":512
+store delete sub/inner png|0|"removed":\["sub/inner.png"\]
+store save "$picture" -- --card|0|"name":"--card".*"saved":true
+store save "$picture" second|0
+store delete '*' png|0|"removed":\["--card.png","second.png"\]
+store delete '*' png|1|"removed":\[\]|nothing removed
+store load card --documents ""|1||--documents needs a folder
+store save "$picture" card --documents "$home/elsewhere"|1|"saved":false
+EOF2
+[ "$(outside_state)" = "$before" ] || { echo "FAILED: a file outside the documents folder was touched" >&2; failed=1; }
 [ ! -e "$work/loaded.png" ] || { echo "FAILED: a refused load wrote its output" >&2; failed=1; }
-
-# A link inside pointing out is not read through; deleting it removes the link only.
-ln -s "$home/outside/victim.png" "$docs/leak.png"
-kpimage store load leak
-check "load through a link pointing outside is refused" 1 '"found":false'
-kpimage store delete leak png
-check "delete removes the link itself" 0 '"removed":\["leak.png"\]'
-[ "$(outside_state)" = "$before" ] || { echo "FAILED: the link's target was touched" >&2; failed=1; }
-
-# Subfolders, wildcards, "--" and an empty --documents.
-kpimage store save "$picture" sub/inner
-check "save into an existing subfolder" 0 '"saved":true'
-kpimage store load sub/inner "$work/inner.png"
-check "load from a subfolder" 0 '"found":true,"width":512,"height":512'
-kpimage store delete sub/inner png
-check "delete in a subfolder" 0 '"removed":\["sub/inner.png"\]'
-kpimage store save "$picture" -- --card
-check "-- ends the options" 0 '"name":"--card".*"saved":true'
-kpimage store save "$picture" second
-kpimage store delete '*' png
-check "the wildcard lists what it removed" 0 '"removed":\["--card.png","second.png"\]'
-kpimage store delete '*' png
-check "nothing left to remove" 1 '"removed":\[\]' 'nothing removed'
-kpimage store load card --documents ""
-check "an empty --documents is refused" 1 '' '--documents needs a folder'
-kpimage store save "$picture" card --documents "$home/elsewhere"
-check "a missing documents folder" 1 '"saved":false'
 exit "$failed"

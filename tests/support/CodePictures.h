@@ -17,8 +17,8 @@ struct CodePlacement {
     double centreY = 0;
     double angleDegrees = 0; ///< the code turned clockwise as seen
     double moduleSize = 3;   ///< pixels per module (PDF417 rows are three modules high)
-    double blurSigma = 0;    ///< Gaussian-like blur, pixels
-    double noise = 0;        ///< standard deviation of added noise, grey levels
+    double blurSigma = 0;    ///< Gaussian-like blur, pixels (in steps of about 0.7)
+    double noise = 0;        ///< standard deviation of the noise added around the code, grey levels
     uint32_t seed = 1;
     int columns = 0; ///< PDF417 data columns; 0 lets the writer choose
 };
@@ -51,9 +51,9 @@ struct CodeSetPicture {
     std::string text;
     CodePicture picture;
 };
-/// The code set: PDF417 (the licence text, 2 pixels per module in 8 columns and 4 in 4) and QR codes (3 and 6) in 1280 x 720
-/// pictures, each kind and module size at 13 angles (tilts of 0 to 24 degrees either way on all four quarter
-/// turns), some blurred, some noisy.
+/// The code set: PDF417 (the licence text, 2 pixels per module in 8 columns and 4 in 4) and QR codes (3 and 6) in
+/// 1280 x 720 pictures, each kind and module size at 13 angles (tilts of 0 to 24 degrees either way on all four
+/// quarter turns), a third of them blurred, half noisy.
 std::vector<CodeSetPicture> codeSet();
 /// The largest distance of a read corner from the true one in the same place, as a share of the picture's width.
 double cornerError(const std::array<kp::CGPoint, 4>& read, const CodePicture& truth);

@@ -104,46 +104,6 @@ void FakeCaptureDevice::vanish() {
     }
 }
 
-bool FakeCaptureDevice::isStreaming() const {
-    std::lock_guard lock(_mutex);
-    return _sink != nullptr;
-}
-
-CaptureStreamRequest FakeCaptureDevice::streamRequest() const {
-    std::lock_guard lock(_mutex);
-    return _request;
-}
-
-int FakeCaptureDevice::startCount() const {
-    std::lock_guard lock(_mutex);
-    return _starts;
-}
-
-int FakeCaptureDevice::lockAttempts() const {
-    std::lock_guard lock(_mutex);
-    return _lockAttempts;
-}
-
-bool FakeCaptureDevice::holdsLock() const {
-    std::lock_guard lock(_mutex);
-    return _locked;
-}
-
-std::vector<CaptureControls> FakeCaptureDevice::appliedControls() const {
-    std::lock_guard lock(_mutex);
-    return _applied;
-}
-
-int FakeCaptureDevice::stillRequests() const {
-    std::lock_guard lock(_mutex);
-    return _stills;
-}
-
-bool FakeCaptureDevice::isConnected() const {
-    std::lock_guard lock(_mutex);
-    return _connected;
-}
-
 NSErrorRef FakeCaptureDevice::lockConfiguration() {
     std::lock_guard lock(_mutex);
     ++_lockAttempts;
@@ -187,11 +147,6 @@ void FakeCaptureDevice::stopStream() {
         ++_stopsFromCallbacks;
     }
     _sink.reset();
-}
-
-int FakeCaptureDevice::stopsFromFrameCallbacks() const {
-    std::lock_guard lock(_mutex);
-    return _stopsFromCallbacks;
 }
 
 void FakeCaptureDevice::willCaptureStillImage() {

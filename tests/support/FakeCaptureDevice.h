@@ -37,21 +37,24 @@ public:
     void vanish();
 
     // Observations.
-    bool isStreaming() const;
-    kp::CaptureStreamRequest streamRequest() const;
-    int startCount() const;
-    int lockAttempts() const;
-    bool holdsLock() const;
-    std::vector<kp::CaptureControls> appliedControls() const;
-    int stillRequests() const;
+    bool isStreaming() const {
+        std::lock_guard lock(_mutex);
+        return _sink != nullptr;
+    }
+    kp::CaptureStreamRequest streamRequest() const { return locked(_request); }
+    int startCount() const { return locked(_starts); }
+    int lockAttempts() const { return locked(_lockAttempts); }
+    bool holdsLock() const { return locked(_locked); }
+    std::vector<kp::CaptureControls> appliedControls() const { return locked(_applied); }
+    int stillRequests() const { return locked(_stills); }
     /// How often stopStream was called on a thread inside a frame callback (which the interface forbids).
-    int stopsFromFrameCallbacks() const;
+    int stopsFromFrameCallbacks() const { return locked(_stopsFromCallbacks); }
 
     // CaptureDeviceBackend.
     std::string uniqueID() const override { return _uniqueID; }
     std::string localizedName() const override { return "Fake Camera " + _uniqueID; }
     kp::CaptureCapabilities capabilities() const override { return _caps; }
-    bool isConnected() const override;
+    bool isConnected() const override { return locked(_connected); }
     kp::NSErrorRef lockConfiguration() override;
     void unlockConfiguration() override;
     void applyControls(const kp::CaptureControls& controls) override;
@@ -62,6 +65,11 @@ public:
     void willCaptureStillImage() override;
 
 private:
+    template <typename T> T locked(const T& field) const {
+        std::lock_guard lock(_mutex);
+        return field;
+    }
+
     const std::string _uniqueID;
     const kp::CaptureCapabilities _caps;
     mutable std::mutex _mutex;

@@ -2,11 +2,9 @@
 // A fake V4L2 kernel for tests.
 #include "support/FakeV4L2.h"
 
-#include <linux/videodev2.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -31,117 +29,73 @@ timeval monotonicNow() {
 
 // What a driver makes of a written value: integers clamped and rounded to the step, menus checked.
 int validate(const FakeV4L2::ControlRange& range, int32_t& value) {
-    if (range.type == V4L2_CTRL_TYPE_MENU || range.type == V4L2_CTRL_TYPE_INTEGER_MENU) {
+    if (range.type == V4L2_CTRL_TYPE_MENU) {
         return value < range.minimum || value > range.maximum ? ERANGE : 0;
     }
-    if (range.type == V4L2_CTRL_TYPE_BUTTON) {
-        return 0;
-    }
-    const int64_t step = std::max(range.step, 1);
-    int64_t v = std::clamp<int64_t>(value, range.minimum, range.maximum);
-    v = range.minimum + (v - range.minimum + step / 2) / step * step;
-    if (v > range.maximum) {
-        v -= step;
-    }
-    value = static_cast<int32_t>(v);
+    const int32_t step = std::max(range.step, 1);
+    value = range.minimum + (std::clamp(value, range.minimum, range.maximum) - range.minimum + step / 2) / step * step;
+    value = value > range.maximum ? value - step : value;
     return 0;
 }
 } // namespace
 
 void FakeV4L2::addNode(const Node& node) {
     std::lock_guard lock(_mutex);
-    State s;
+    State& s = _nodes[node.path] = State{};
     s.node = node;
-    if (s.node.capabilities == 0) {
-        s.node.capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
-    }
+    s.node.capabilities = node.capabilities != 0 ? node.capabilities : V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
     for (const auto& [id, range] : node.controls) {
         s.values[id] = range.defaultValue;
     }
-    _nodes[node.path] = std::move(s);
 }
 
 void FakeV4L2::pushFrame(const std::string& path, std::vector<uint8_t> bytes, std::optional<timeval> timestamp) {
-    {
-        std::lock_guard lock(_mutex);
-        _nodes.at(path).frames.push_back({std::move(bytes), timestamp.value_or(monotonicNow())});
-    }
-    _changed.notify_all();
+    change(path, [&](State& s) { s.frames.push_back({std::move(bytes), timestamp.value_or(monotonicNow())}); });
 }
 
 void FakeV4L2::vanish(const std::string& path) {
-    {
-        std::lock_guard lock(_mutex);
-        _nodes.at(path).gone = true;
-    }
-    _changed.notify_all();
+    change(path, [](State& s) { s.gone = true; });
 }
 
 void FakeV4L2::failPoll(const std::string& path) {
-    {
-        std::lock_guard lock(_mutex);
-        _nodes.at(path).pollError = true;
-    }
-    _changed.notify_all();
+    change(path, [](State& s) { s.pollError = true; });
 }
 
 void FakeV4L2::failIoctl(const std::string& path, unsigned long request, int error, int times) {
-    std::lock_guard lock(_mutex);
-    auto& faults = _nodes.at(path).faults;
-    if (times == 0) {
-        faults.erase(request);
-    } else {
-        faults[request] = {error, times};
-    }
+    change(path, [&](State& s) {
+        if (times == 0) {
+            s.faults.erase(request);
+        } else {
+            s.faults[request] = {error, times};
+        }
+    });
 }
 
 void FakeV4L2::holdLockElsewhere(const std::string& path, bool held) {
-    std::lock_guard lock(_mutex);
-    _nodes.at(path).lockedElsewhere = held;
+    change(path, [&](State& s) { s.lockedElsewhere = held; });
 }
 
 int32_t FakeV4L2::control(const std::string& path, uint32_t id) const {
-    std::lock_guard lock(_mutex);
-    const auto& s = _nodes.at(path);
-    for (auto it = s.log.rbegin(); it != s.log.rend(); ++it) {
-        if (it->first == id) {
-            return it->second;
-        }
-    }
-    return INT32_MIN;
-}
-
-int32_t FakeV4L2::deviceValue(const std::string& path, uint32_t id) const {
-    std::lock_guard lock(_mutex);
-    const auto& values = _nodes.at(path).values;
-    const auto it = values.find(id);
-    return it == values.end() ? INT32_MIN : it->second;
+    return read(path, [&](const State& s) {
+        const auto it = std::find_if(s.log.rbegin(), s.log.rend(), [&](const auto& w) { return w.first == id; });
+        return it == s.log.rend() ? INT32_MIN : it->second;
+    });
 }
 
 std::vector<std::pair<uint32_t, int32_t>> FakeV4L2::controlLog(const std::string& path) const {
-    std::lock_guard lock(_mutex);
-    return _nodes.at(path).log;
+    return read(path, [](const State& s) { return s.log; });
 }
 
 FakeV4L2::FrameSize FakeV4L2::lastFormat(const std::string& path) const {
-    std::lock_guard lock(_mutex);
-    return _nodes.at(path).format;
+    return read(path, [](const State& s) { return s.format; });
 }
 
 uint32_t FakeV4L2::frameRate(const std::string& path) const {
-    std::lock_guard lock(_mutex);
-    return _nodes.at(path).frameRate;
+    return read(path, [](const State& s) { return s.frameRate; });
 }
 
 bool FakeV4L2::isStreaming(const std::string& path) const {
-    std::lock_guard lock(_mutex);
-    return _nodes.at(path).streaming;
-}
-
-size_t FakeV4L2::queuedBuffers(const std::string& path) const {
-    std::lock_guard lock(_mutex);
-    const auto& queued = _nodes.at(path).queued;
-    return static_cast<size_t>(std::count(queued.begin(), queued.end(), true));
+    return read(path, [](const State& s) { return s.streaming; });
 }
 
 int FakeV4L2::openDescriptors() const {
@@ -160,10 +114,7 @@ size_t FakeV4L2::mappedBuffers() const {
 
 FakeV4L2::State* FakeV4L2::stateFor(int fd) {
     auto it = _fds.find(fd);
-    if (it == _fds.end()) {
-        return nullptr;
-    }
-    return &_nodes.at(it->second);
+    return it == _fds.end() ? nullptr : &_nodes.at(it->second);
 }
 
 int FakeV4L2::open(const std::string& path) {
@@ -172,16 +123,12 @@ int FakeV4L2::open(const std::string& path) {
     if (it == _nodes.end() || it->second.gone) {
         return fail(ENOENT);
     }
-    const int fd = _nextFd++;
-    _fds[fd] = path;
-    return fd;
+    _fds[_nextFd] = path;
+    return _nextFd++;
 }
 
 int FakeV4L2::close(int fd) {
     std::lock_guard lock(_mutex);
-    if (State* s = stateFor(fd); s != nullptr && s->lockHolder == fd) {
-        s->lockHolder = -1;
-    }
     return _fds.erase(fd) == 1 ? 0 : fail(EBADF);
 }
 
@@ -192,31 +139,26 @@ bool FakeV4L2::frameReady(const State& s) const {
 int FakeV4L2::ioctl(int fd, unsigned long request, void* arg) {
     std::lock_guard lock(_mutex);
     State* s = stateFor(fd);
-    if (s == nullptr) {
-        return fail(EBADF);
-    }
-    if (s->gone) {
-        return fail(ENODEV);
+    if (s == nullptr || s->gone) {
+        return fail(s == nullptr ? EBADF : ENODEV);
     }
     if (auto fault = s->faults.find(request); fault != s->faults.end()) {
-        auto& [error, left] = fault->second;
-        const int e = error;
-        if (left > 0 && --left == 0) {
+        const int error = fault->second.first;
+        if (fault->second.second > 0 && --fault->second.second == 0) {
             s->faults.erase(fault);
         }
-        return fail(e);
+        return fail(error);
     }
-    return handle(*s, fd, request, arg);
+    return handle(*s, request, arg);
 }
 
-int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
+int FakeV4L2::handle(State& s, unsigned long request, void* arg) {
     switch (request) {
     case VIDIOC_QUERYCAP: {
         auto* cap = static_cast<v4l2_capability*>(arg);
         *cap = {};
         std::strncpy(reinterpret_cast<char*>(cap->card), s.node.card.c_str(), sizeof cap->card - 1);
-        cap->capabilities = s.node.capabilities | V4L2_CAP_DEVICE_CAPS;
-        cap->device_caps = s.node.capabilities;
+        cap->capabilities = s.node.capabilities;
         return 0;
     }
     case VIDIOC_ENUM_FMT: {
@@ -227,7 +169,7 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
                 formats.push_back(size.fourcc);
             }
         }
-        if (desc->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || desc->index >= formats.size()) {
+        if (desc->index >= formats.size()) {
             return fail(EINVAL);
         }
         desc->pixelformat = formats[desc->index];
@@ -239,8 +181,7 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
         for (const auto& size : s.node.sizes) {
             if (size.fourcc == e->pixel_format && n++ == e->index) {
                 e->type = V4L2_FRMSIZE_TYPE_DISCRETE;
-                e->discrete.width = size.width;
-                e->discrete.height = size.height;
+                e->discrete = {size.width, size.height};
                 return 0;
             }
         }
@@ -257,18 +198,14 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
         q->maximum = it->second.maximum;
         q->step = it->second.step;
         q->default_value = it->second.defaultValue;
-        q->flags = it->second.type == V4L2_CTRL_TYPE_BUTTON ? V4L2_CTRL_FLAG_WRITE_ONLY : 0;
         return 0;
     }
     case VIDIOC_S_CTRL: {
         auto* c = static_cast<v4l2_control*>(arg);
         auto it = s.node.controls.find(c->id);
-        if (it == s.node.controls.end()) {
-            return fail(EINVAL);
-        }
         const int32_t written = c->value;
-        if (const int error = validate(it->second, c->value); error != 0) {
-            return fail(error);
+        if (it == s.node.controls.end() || validate(it->second, c->value) != 0) {
+            return fail(it == s.node.controls.end() ? EINVAL : ERANGE);
         }
         s.log.emplace_back(c->id, written);
         if (it->second.type != V4L2_CTRL_TYPE_BUTTON) {
@@ -278,10 +215,6 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
     }
     case VIDIOC_G_CTRL: {
         auto* c = static_cast<v4l2_control*>(arg);
-        auto control = s.node.controls.find(c->id);
-        if (control != s.node.controls.end() && control->second.type == V4L2_CTRL_TYPE_BUTTON) {
-            return fail(EACCES);
-        }
         auto it = s.values.find(c->id);
         if (it == s.values.end()) {
             return fail(EINVAL);
@@ -294,40 +227,29 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
         if (s.streaming) {
             return fail(EBUSY);
         }
-        // Like a driver: an unknown size becomes the first size of that format (or of any format).
-        const FrameSize* chosen = nullptr;
-        for (const auto& size : s.node.sizes) {
-            if (size.fourcc == f->fmt.pix.pixelformat && size.width == f->fmt.pix.width &&
-                size.height == f->fmt.pix.height) {
-                chosen = &size;
-            }
-        }
-        for (const auto& size : s.node.sizes) {
-            if (chosen == nullptr && size.fourcc == f->fmt.pix.pixelformat) {
-                chosen = &size;
-            }
-        }
-        if (chosen == nullptr) {
-            chosen = &s.node.sizes.front();
-        }
-        s.format = *chosen;
-        const bool packed = chosen->fourcc == V4L2_PIX_FMT_YUYV || chosen->fourcc == V4L2_PIX_FMT_UYVY;
-        const bool nv12 = chosen->fourcc == V4L2_PIX_FMT_NV12;
-        s.bytesPerLine = packed ? chosen->width * 2 + s.node.rowPadding : nv12 ? chosen->width + s.node.rowPadding : 0;
-        s.imageSize = nv12 ? s.bytesPerLine * (chosen->height + (chosen->height + 1) / 2)
-                   : packed ? s.bytesPerLine * chosen->height
-                            : chosen->width * chosen->height * 2;
-        f->fmt.pix.width = chosen->width;
-        f->fmt.pix.height = chosen->height;
-        f->fmt.pix.pixelformat = chosen->fourcc;
-        f->fmt.pix.bytesperline = s.bytesPerLine;
+        // An unknown format or size becomes the node's first.
+        const auto match = std::find_if(s.node.sizes.begin(), s.node.sizes.end(), [&](const FrameSize& size) {
+            return size.fourcc == f->fmt.pix.pixelformat && size.width == f->fmt.pix.width &&
+                   size.height == f->fmt.pix.height;
+        });
+        s.format = match != s.node.sizes.end() ? *match : s.node.sizes.front();
+        const bool packed = s.format.fourcc == V4L2_PIX_FMT_YUYV || s.format.fourcc == V4L2_PIX_FMT_UYVY;
+        const bool nv12 = s.format.fourcc == V4L2_PIX_FMT_NV12;
+        const uint32_t line = (packed ? s.format.width * 2 : s.format.width) + s.node.rowPadding;
+        s.imageSize = nv12     ? line * (s.format.height + (s.format.height + 1) / 2)
+                      : packed ? line * s.format.height
+                               : s.format.width * s.format.height * 2;
+        f->fmt.pix.width = s.format.width;
+        f->fmt.pix.height = s.format.height;
+        f->fmt.pix.pixelformat = s.format.fourcc;
+        f->fmt.pix.bytesperline = packed || nv12 ? line : 0;
         f->fmt.pix.sizeimage = s.imageSize;
         return 0;
     }
     case VIDIOC_G_PARM:
     case VIDIOC_S_PARM: {
         auto* p = static_cast<v4l2_streamparm*>(arg);
-        if (p->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || s.node.frameRates.empty()) {
+        if (s.node.frameRates.empty()) {
             return fail(ENOTTY);
         }
         if (request == VIDIOC_S_PARM) {
@@ -336,29 +258,21 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
             }
             // The nearest rate the node offers.
             const auto& tpf = p->parm.capture.timeperframe;
-            const double wanted = tpf.numerator == 0 || tpf.denominator == 0
-                                      ? s.node.frameRates.front()
-                                      : static_cast<double>(tpf.denominator) / tpf.numerator;
-            s.frameRate = *std::min_element(s.node.frameRates.begin(), s.node.frameRates.end(),
-                                            [&](uint32_t a, uint32_t b) {
-                                                return std::abs(a - wanted) < std::abs(b - wanted);
-                                            });
+            const double wanted = tpf.numerator == 0 ? 30.0 : static_cast<double>(tpf.denominator) / tpf.numerator;
+            s.frameRate =
+                *std::min_element(s.node.frameRates.begin(), s.node.frameRates.end(),
+                                  [&](uint32_t a, uint32_t b) { return std::abs(a - wanted) < std::abs(b - wanted); });
         }
-        const uint32_t rate = s.frameRate != 0 ? s.frameRate : s.node.frameRates.front();
         p->parm.capture = {};
         p->parm.capture.capability = V4L2_CAP_TIMEPERFRAME;
-        p->parm.capture.timeperframe = {1, rate};
+        p->parm.capture.timeperframe = {1, s.frameRate != 0 ? s.frameRate : s.node.frameRates.front()};
         return 0;
     }
     case VIDIOC_REQBUFS: {
         auto* r = static_cast<v4l2_requestbuffers*>(arg);
-        if (s.streaming && r->count > 0) {
+        if (r->count > 0 && (s.streaming || s.mapped > 0)) {
             return fail(EBUSY);
         }
-        if (r->count > 0 && s.mapped > 0) {
-            return fail(EBUSY);
-        }
-        r->count = std::min(r->count, s.node.maxBuffers);
         s.buffers.assign(r->count, std::vector<uint8_t>(s.imageSize));
         s.queued.assign(r->count, false);
         return 0;
@@ -387,29 +301,24 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
             return fail(EAGAIN);
         }
         const auto index = static_cast<uint32_t>(std::find(s.queued.begin(), s.queued.end(), true) - s.queued.begin());
-        auto frame = std::move(s.frames.front());
+        const auto frame = std::move(s.frames.front());
         s.frames.pop_front();
         const size_t n = std::min(frame.bytes.size(), s.buffers[index].size());
         std::memcpy(s.buffers[index].data(), frame.bytes.data(), n);
         s.queued[index] = false;
         b->index = index;
         b->bytesused = static_cast<uint32_t>(n);
-        if (s.node.monotonicTimestamps) {
-            b->flags = V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
-            b->timestamp = frame.timestamp;
-        } else {
-            b->flags = V4L2_BUF_FLAG_TIMESTAMP_UNKNOWN;
-            b->timestamp = {};
-        }
+        b->flags = s.node.monotonicTimestamps ? V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC : V4L2_BUF_FLAG_TIMESTAMP_UNKNOWN;
+        b->timestamp = s.node.monotonicTimestamps ? frame.timestamp : timeval{};
         return 0;
     }
     case VIDIOC_STREAMON:
-        s.streaming = true;
-        _changed.notify_all();
-        return 0;
     case VIDIOC_STREAMOFF:
-        s.streaming = false;
-        std::fill(s.queued.begin(), s.queued.end(), false);
+        s.streaming = request == VIDIOC_STREAMON;
+        if (!s.streaming) {
+            std::fill(s.queued.begin(), s.queued.end(), false);
+        }
+        _changed.notify_all();
         return 0;
     default:
         return fail(ENOTTY);
@@ -419,13 +328,9 @@ int FakeV4L2::handle(State& s, int /*fd*/, unsigned long request, void* arg) {
 void* FakeV4L2::mmap(int fd, size_t length, off_t offset) {
     std::lock_guard lock(_mutex);
     State* s = stateFor(fd);
-    if (s == nullptr || s->gone) {
-        errno = ENODEV;
-        return MAP_FAILED;
-    }
     const size_t index = static_cast<size_t>(offset) / kPage;
-    if (index >= s->buffers.size() || length > s->buffers[index].size()) {
-        errno = EINVAL;
+    if (s == nullptr || s->gone || index >= s->buffers.size() || length > s->buffers[index].size()) {
+        errno = s == nullptr || s->gone ? ENODEV : EINVAL;
         return MAP_FAILED;
     }
     ++s->mapped;
@@ -447,22 +352,15 @@ int FakeV4L2::munmap(void* address, size_t /*length*/) {
 
 int FakeV4L2::poll(int fd, int timeoutMs, bool* hangup) {
     std::unique_lock lock(_mutex);
-    if (hangup != nullptr) {
-        *hangup = false;
-    }
+    *hangup = false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         State* s = stateFor(fd);
         if (s == nullptr) {
             return fail(EBADF);
         }
-        if (s->gone || s->pollError) {
-            if (hangup != nullptr) {
-                *hangup = true;
-            }
-            return 1;
-        }
-        if (frameReady(*s)) {
+        *hangup = s->gone || s->pollError;
+        if (*hangup || frameReady(*s)) {
             return 1;
         }
         if (_changed.wait_until(lock, deadline) == std::cv_status::timeout) {
@@ -474,23 +372,10 @@ int FakeV4L2::poll(int fd, int timeoutMs, bool* hangup) {
 int FakeV4L2::flock(int fd, int operation) {
     std::lock_guard lock(_mutex);
     State* s = stateFor(fd);
-    if (s == nullptr) {
-        return fail(EBADF);
+    if (s == nullptr || (operation & LOCK_UN) != 0) {
+        return s == nullptr ? fail(EBADF) : 0;
     }
-    if ((operation & LOCK_UN) != 0) {
-        if (s->lockHolder == fd) {
-            s->lockHolder = -1;
-        }
-        return 0;
-    }
-    if (s->gone) {
-        return fail(ENODEV);
-    }
-    if (s->lockedElsewhere || (s->lockHolder != -1 && s->lockHolder != fd)) {
-        return fail(EWOULDBLOCK);
-    }
-    s->lockHolder = fd;
-    return 0;
+    return s->gone ? fail(ENODEV) : s->lockedElsewhere ? fail(EWOULDBLOCK) : 0;
 }
 
 std::vector<std::string> FakeV4L2::listNodes(const std::string& directory) {

@@ -8,6 +8,7 @@
 #include <linux/videodev2.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -28,7 +29,7 @@ public:
         uint32_t height;
     };
     /// A control. Like the kernel: integer and boolean values are clamped to the range and rounded to the step,
-    /// a menu value outside the range fails with ERANGE, a button is written but cannot be read.
+    /// a menu value outside the range fails with ERANGE, a button keeps no value.
     struct ControlRange {
         int32_t minimum = 0;
         int32_t maximum = 1;
@@ -46,8 +47,6 @@ public:
         uint32_t rowPadding = 0;
         /// Frame rates (frames per second) VIDIOC_S_PARM chooses from; none: the node has no frame-rate control.
         std::vector<uint32_t> frameRates = {30};
-        /// Buffers VIDIOC_REQBUFS grants at most (0: none).
-        uint32_t maxBuffers = 32;
         /// Buffers carry monotonic time stamps (else the time-stamp type is unknown and the stamp zero).
         bool monotonicTimestamps = true;
     };
@@ -68,8 +67,6 @@ public:
 
     /// The value last written to the control (nil-like INT32_MIN when never written).
     int32_t control(const std::string& path, uint32_t id) const;
-    /// The value the device holds for the control (after clamping).
-    int32_t deviceValue(const std::string& path, uint32_t id) const;
     /// Every control write, in order: (id, value written).
     std::vector<std::pair<uint32_t, int32_t>> controlLog(const std::string& path) const;
     /// The format last set with VIDIOC_S_FMT: fourcc, width, height.
@@ -77,8 +74,6 @@ public:
     /// The frame rate last set with VIDIOC_S_PARM; 0 when never set.
     uint32_t frameRate(const std::string& path) const;
     bool isStreaming(const std::string& path) const;
-    /// Buffers the driver holds (queued by the camera, not yet dequeued).
-    size_t queuedBuffers(const std::string& path) const;
     int openDescriptors() const;
     size_t mappedBuffers() const;
 
@@ -97,11 +92,9 @@ private:
         Node node;
         bool gone = false;
         bool lockedElsewhere = false;
-        int lockHolder = -1;
         std::map<uint32_t, int32_t> values;
         std::vector<std::pair<uint32_t, int32_t>> log;
         FrameSize format{0, 0, 0};
-        uint32_t bytesPerLine = 0;
         uint32_t imageSize = 0;
         uint32_t frameRate = 0;
         bool streaming = false;
@@ -116,8 +109,20 @@ private:
         std::deque<Frame> frames;
         size_t mapped = 0;
     };
+    template <typename F> auto read(const std::string& path, F f) const {
+        std::lock_guard lock(_mutex);
+        return f(_nodes.at(path));
+    }
+    /// Changes a node's state and wakes a waiting poll.
+    template <typename F> void change(const std::string& path, F f) {
+        {
+            std::lock_guard lock(_mutex);
+            f(_nodes.at(path));
+        }
+        _changed.notify_all();
+    }
     State* stateFor(int fd);
-    int handle(State& s, int fd, unsigned long request, void* arg);
+    int handle(State& s, unsigned long request, void* arg);
     bool frameReady(const State& s) const;
 
     mutable std::mutex _mutex;

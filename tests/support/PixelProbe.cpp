@@ -7,44 +7,31 @@
 namespace kptest {
 
 std::optional<Rgba> pixelAt(const kp::CGImageRef& image, size_t x, size_t y) {
-    if (!image || x >= image->width() || y >= image->height()) {
+    const size_t bytesPerPixel = image ? image->bitsPerPixel() / 8 : 0;
+    if (!image || x >= image->width() || y >= image->height() ||
+        (bytesPerPixel != 1 && bytesPerPixel != 3 && bytesPerPixel != 4)) {
         return std::nullopt;
     }
-    const size_t bytesPerPixel = image->bitsPerPixel() / 8;
     const uint8_t* p = image->bytes() + y * image->bytesPerRow() + x * bytesPerPixel;
-    const kp::CGBitmapInfo info = image->bitmapInfo();
-    const kp::CGBitmapInfo alpha = info & kp::kCGBitmapAlphaInfoMask;
-    const bool little = (info & kp::kCGBitmapByteOrderMask) == kp::kCGBitmapByteOrder32Little;
-    Rgba out;
-    if (bytesPerPixel == 1) {
-        out = {p[0], p[0], p[0], 255};
-    } else if (bytesPerPixel == 3) {
-        out = {p[0], p[1], p[2], 255};
-    } else if (bytesPerPixel == 4) {
-        // Logical component order in the 32-bit word, then reversed for little-endian words.
-        const bool alphaFirst = alpha == kp::kCGImageAlphaPremultipliedFirst || alpha == kp::kCGImageAlphaFirst ||
-                                alpha == kp::kCGImageAlphaNoneSkipFirst;
-        int c[4] = {p[0], p[1], p[2], p[3]};
-        if (little) {
-            c[0] = p[3];
-            c[1] = p[2];
-            c[2] = p[1];
-            c[3] = p[0];
+    if (bytesPerPixel < 4) {
+        return bytesPerPixel == 1 ? Rgba{p[0], p[0], p[0], 255} : Rgba{p[0], p[1], p[2], 255};
+    }
+    // Logical component order in the 32-bit word, reversed for little-endian words.
+    using namespace kp;
+    const CGBitmapInfo alpha = image->bitmapInfo() & kCGBitmapAlphaInfoMask;
+    const bool little = (image->bitmapInfo() & kCGBitmapByteOrderMask) == kCGBitmapByteOrder32Little;
+    const int c[4] = {p[little ? 3 : 0], p[little ? 2 : 1], p[little ? 1 : 2], p[little ? 0 : 3]};
+    const bool alphaFirst =
+        alpha == kCGImageAlphaPremultipliedFirst || alpha == kCGImageAlphaFirst || alpha == kCGImageAlphaNoneSkipFirst;
+    Rgba out = alphaFirst ? Rgba{c[1], c[2], c[3], c[0]} : Rgba{c[0], c[1], c[2], c[3]};
+    if (alpha == kCGImageAlphaNoneSkipFirst || alpha == kCGImageAlphaNoneSkipLast || alpha == kCGImageAlphaNone) {
+        out.a = 255;
+    }
+    if ((alpha == kCGImageAlphaPremultipliedFirst || alpha == kCGImageAlphaPremultipliedLast) && out.a > 0 &&
+        out.a < 255) { // premultiplied: divided back
+        for (int* v : {&out.r, &out.g, &out.b}) {
+            *v = (*v * 255 + out.a / 2) / out.a;
         }
-        out = alphaFirst ? Rgba{c[1], c[2], c[3], c[0]} : Rgba{c[0], c[1], c[2], c[3]};
-        if (alpha == kp::kCGImageAlphaNoneSkipFirst || alpha == kp::kCGImageAlphaNoneSkipLast ||
-            alpha == kp::kCGImageAlphaNone) {
-            out.a = 255;
-        }
-        const bool premultiplied =
-            alpha == kp::kCGImageAlphaPremultipliedFirst || alpha == kp::kCGImageAlphaPremultipliedLast;
-        if (premultiplied && out.a > 0 && out.a < 255) {
-            out.r = (out.r * 255 + out.a / 2) / out.a;
-            out.g = (out.g * 255 + out.a / 2) / out.a;
-            out.b = (out.b * 255 + out.a / 2) / out.a;
-        }
-    } else {
-        return std::nullopt;
     }
     return out;
 }

@@ -11,6 +11,7 @@
 #include <cmath>
 #include <limits>
 #include <numbers>
+#include <type_traits>
 
 namespace kp {
 
@@ -75,6 +76,9 @@ constexpr double kStillShift = 0.12;
 constexpr double kStillResize = 0.12;
 constexpr double kSteadyShift = 0.03;
 constexpr double kSteadyResize = 0.03;
+// A detection within kStillShift of the last fitted one's width of its centre, and within kDetectionStep of its width
+// (a pyramid level and some), shows a face held still.
+constexpr double kDetectionStep = 0.3;
 
 // dlib decodes its face detector from a compressed model, which takes longer than searching a picture: every
 // tracker of the process copies one decoded instance.
@@ -123,6 +127,9 @@ struct Track {
     // The roll step that found the face when the upright detector lost it (0: upright); a tilted head stays
     // tilted for a while, so that step is tried first next time.
     double recoveryRoll = 0.0;
+    // The detector's box the landmarks were last fitted from: while the face holds still they are fitted from it
+    // again (the detector's box steps by a pyramid level from frame to frame, and the fit follows that step).
+    CGRect fittedFrom{};
 };
 
 // One detection in frame pixels, with its landmarks when the model is loaded.
@@ -222,6 +229,23 @@ CGRect steadyBox(CGRect before, CGRect fit) {
     return CGRectMake(cx - side / 2, cy - side / 2, side, side);
 }
 
+// A rectangle of changed blocks (inclusive block coordinates) and how many of its blocks changed.
+struct ChangeRegion {
+    int bx0, by0, bx1, by1, blocks;
+};
+
+// The neighbourhood in which a tracked face is looked for: a square kSearchAreaFactor times its box, turned by roll
+// degrees and scaled so that the face is about kTrackedFaceSize pixels wide.
+RotatedCrop aroundFace(CGRect b, double roll = 0.0) {
+    const double side = kSearchAreaFactor * std::max(b.size.width, b.size.height);
+    RotatedCrop crop;
+    crop.centre = {b.origin.x + b.size.width / 2, b.origin.y + b.size.height / 2};
+    crop.angle = roll * std::numbers::pi / 180.0;
+    crop.scale = std::min(LiveFaceTracker::kMaxDetectionScale, kTrackedFaceSize * kSearchAreaFactor / side);
+    crop.width = crop.height = static_cast<int>(side * crop.scale);
+    return crop;
+}
+
 bool isKnown(const std::vector<Found>& known, CGRect box) {
     return std::any_of(known.begin(), known.end(),
                        [&](const Found& g) { return LiveFaceTracker::matchScore(g.box, box) > 0; });
@@ -253,6 +277,13 @@ struct LiveFaceTracker::Impl {
     // Per distinct region of the plan: the frame of its last search and the still passes since.
     std::vector<int> regionSearchedAt;
     std::vector<int> regionSkips;
+    // The search of changes' working space, kept from frame to frame: this frame's block means, the row sums they
+    // come from, visit marks, the stack of the region walk and the regions found.
+    std::vector<float> nextMean;
+    std::vector<uint32_t> rowSum;
+    std::vector<uint8_t> seen;
+    std::vector<size_t> stack;
+    std::vector<ChangeRegion> regions;
     dlib::frontal_face_detector detector = sharedDetector();
     // The same detector limited to the first few pyramid levels: faces of a known size range.
     dlib::frontal_face_detector trackedDetector = limited(detector, kTrackedLevels);
@@ -272,7 +303,9 @@ struct LiveFaceTracker::Impl {
         return dlib::frontal_face_detector(scanner, d.get_overlap_tester(), w);
     }
 
-    void refineLandmarks(const LumaImage& frame, Found& f) const;
+    // Fits f's landmarks again from the detector's box from (f's own box or a track's earlier one) on a crop turned
+    // upright, when the head is tilted or from is not f's box.
+    void refineLandmarks(const LumaImage& frame, Found& f, CGRect from) const;
     // Marks the blocks that changed since the last frame and searches the regions they form (none in the first frame
     // of a stream), leaving out the neighbourhoods of the tracked faces and of those in found.
     void searchChanges(const LumaImage& frame, std::vector<Found>& found);
@@ -283,11 +316,25 @@ struct LiveFaceTracker::Impl {
         if (since == std::numeric_limits<int>::min() || changedAt.empty()) {
             return false;
         }
-        for (int by = g.y0 / kChangeBlock; by <= (g.y1 - 1) / kChangeBlock && by < gridHeight; ++by) {
-            for (int bx = g.x0 / kChangeBlock; bx <= (g.x1 - 1) / kChangeBlock && bx < gridWidth; ++bx) {
+        return forBlocks(g.x0, g.y0, g.x1 - 1, g.y1 - 1,
+                         [&](size_t i) { return !(changedAt[i] > since && changedAt[i] > coveredAt[i]); });
+    }
+    // Calls fn with the index of every block that the rectangle of frame pixels from (x0, y0) to (x1, y1) inclusive
+    // touches, clipped to the grid, until fn returns false (fn may return nothing: all blocks). False when fn did.
+    template <typename Fn> bool forBlocks(double x0, double y0, double x1, double y1, Fn&& fn) const {
+        const int bx0 = std::max(0, static_cast<int>(std::floor(x0 / kChangeBlock)));
+        const int by0 = std::max(0, static_cast<int>(std::floor(y0 / kChangeBlock)));
+        const int bx1 = std::min(gridWidth - 1, static_cast<int>(std::floor(x1 / kChangeBlock)));
+        const int by1 = std::min(gridHeight - 1, static_cast<int>(std::floor(y1 / kChangeBlock)));
+        for (int by = by0; by <= by1; ++by) {
+            for (int bx = bx0; bx <= bx1; ++bx) {
                 const size_t i = static_cast<size_t>(by) * gridWidth + bx;
-                if (changedAt[i] > since && changedAt[i] > coveredAt[i]) {
-                    return false;
+                if constexpr (std::is_same_v<std::invoke_result_t<Fn, size_t>, bool>) {
+                    if (!fn(i)) {
+                        return false;
+                    }
+                } else {
+                    fn(i);
                 }
             }
         }
@@ -329,27 +376,33 @@ struct LiveFaceTracker::Impl {
     }
 };
 
-void LiveFaceTracker::Impl::refineLandmarks(const LumaImage& frame, Found& f) const {
+void LiveFaceTracker::Impl::refineLandmarks(const LumaImage& frame, Found& f, CGRect from) const {
     // The landmark fit starts from an upright mean face and stops short on a tilted head; fitted again on a crop
     // turned by the first estimate, it follows the head.
-    if (!model || !f.hasLandmarks) {
+    if (!model || !f.hasLandmarks || !(from.size.width > 0 && from.size.height > 0)) {
         return;
     }
-    const double roll = rollFromLandmarks(f.pts);
+    double roll = rollFromLandmarks(f.pts);
+    const bool own = from.origin.x == f.box.origin.x && from.origin.y == f.box.origin.y &&
+                     from.size.width == f.box.size.width && from.size.height == f.box.size.height;
     if (std::abs(roll) < kRefineRollDegrees) {
-        return;
+        if (own) {
+            return;
+        }
+        roll = 0.0;
     }
     RotatedCrop crop;
-    crop.centre = {f.box.origin.x + f.box.size.width / 2, f.box.origin.y + f.box.size.height / 2};
+    crop.centre = {from.origin.x + from.size.width / 2, from.origin.y + from.size.height / 2};
     crop.angle = roll * std::numbers::pi / 180.0;
-    crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize / std::max(1.0, f.box.size.width));
-    crop.width = crop.height = static_cast<int>(kSearchAreaFactor * f.box.size.width * crop.scale);
+    crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize / std::max(1.0, from.size.width));
+    crop.width = crop.height = static_cast<int>(kSearchAreaFactor * std::max(from.size.width, from.size.height) * crop.scale);
     dlib::array2d<unsigned char> upright;
     toDlib(crop.sample(frame), upright);
-    const long half = static_cast<long>(f.box.size.width * crop.scale / 2);
+    const long halfW = static_cast<long>(from.size.width * crop.scale / 2);
+    const long halfH = static_cast<long>(from.size.height * crop.scale / 2);
     const long c = crop.width / 2;
     const dlib::full_object_detection shape =
-        (*model)(upright, dlib::rectangle(c - half, c - half, c + half, c + half));
+        (*model)(upright, dlib::rectangle(c - halfW, c - halfH, c + halfW, c + halfH));
     for (unsigned long i = 0; i < 68; ++i) {
         f.pts[i] = crop.toSource({static_cast<double>(shape.part(i).x()), static_cast<double>(shape.part(i).y())});
     }
@@ -448,21 +501,22 @@ void LiveFaceTracker::Impl::search(const LumaImage& frame, double budget, std::v
 void LiveFaceTracker::Impl::searchChanges(const LumaImage& frame, std::vector<Found>& found) {
     const int gw = (frame.width + kChangeBlock - 1) / kChangeBlock;
     const int gh = (frame.height + kChangeBlock - 1) / kChangeBlock;
-    std::vector<float> mean(static_cast<size_t>(gw) * gh, 0.0f);
-    std::vector<uint32_t> sum(static_cast<size_t>(gw), 0);
+    std::vector<float>& mean = nextMean;
+    mean.resize(static_cast<size_t>(gw) * gh);
+    rowSum.resize(static_cast<size_t>(gw));
     for (int by = 0; by < gh; ++by) {
-        std::fill(sum.begin(), sum.end(), 0u);
+        std::fill(rowSum.begin(), rowSum.end(), 0u);
         const int y1 = std::min(frame.height, (by + 1) * kChangeBlock);
         for (int y = by * kChangeBlock; y < y1; ++y) {
             const uint8_t* row = frame.row(y);
             for (int x = 0; x < frame.width; ++x) {
-                sum[x / kChangeBlock] += row[x];
+                rowSum[x / kChangeBlock] += row[x];
             }
         }
         for (int bx = 0; bx < gw; ++bx) {
             const int w = std::min(frame.width, (bx + 1) * kChangeBlock) - bx * kChangeBlock;
             mean[static_cast<size_t>(by) * gw + bx] =
-                static_cast<float>(sum[bx]) / static_cast<float>(w * (y1 - by * kChangeBlock));
+                static_cast<float>(rowSum[bx]) / static_cast<float>(w * (y1 - by * kChangeBlock));
         }
     }
     ++frameIndex;
@@ -471,7 +525,7 @@ void LiveFaceTracker::Impl::searchChanges(const LumaImage& frame, std::vector<Fo
         // changes.
         gridWidth = gw;
         gridHeight = gh;
-        blockMean = std::move(mean);
+        blockMean.swap(mean);
         changed.assign(blockMean.size(), 0);
         searchedAt.assign(blockMean.size(), frameIndex - kChangeRestFrames);
         restFor.assign(blockMean.size(), kChangeRestFrames);
@@ -492,19 +546,7 @@ void LiveFaceTracker::Impl::searchChanges(const LumaImage& frame, std::vector<Fo
             restFor[i] = kChangeRestFrames;
         }
     }
-    blockMean = std::move(mean);
-    // The blocks a block rectangle of the frame covers, clipped to the grid.
-    const auto forBlocks = [&](double x0, double y0, double x1, double y1, auto&& fn) {
-        const int bx0 = std::max(0, static_cast<int>(std::floor(x0 / kChangeBlock)));
-        const int by0 = std::max(0, static_cast<int>(std::floor(y0 / kChangeBlock)));
-        const int bx1 = std::min(gw - 1, static_cast<int>(std::floor(x1 / kChangeBlock)));
-        const int by1 = std::min(gh - 1, static_cast<int>(std::floor(y1 / kChangeBlock)));
-        for (int by = by0; by <= by1; ++by) {
-            for (int bx = bx0; bx <= bx1; ++bx) {
-                fn(static_cast<size_t>(by) * gw + bx);
-            }
-        }
-    };
+    blockMean.swap(mean);
     const auto leaveOut = [&](CGRect b) {
         const double side = kSearchAreaFactor * std::max(b.size.width, b.size.height);
         const double cx = b.origin.x + b.size.width / 2;
@@ -522,17 +564,13 @@ void LiveFaceTracker::Impl::searchChanges(const LumaImage& frame, std::vector<Fo
     }
     // Regions of changed blocks that have rested, blocks up to two apart joined, the most changed first.
     const auto ready = [&](size_t i) { return changed[i] != 0 && frameIndex - searchedAt[i] >= restFor[i]; };
-    struct Region {
-        int bx0, by0, bx1, by1, blocks;
-    };
-    std::vector<Region> regions;
-    std::vector<uint8_t> seen(changed.size(), 0);
-    std::vector<size_t> stack;
+    regions.clear();
+    seen.assign(changed.size(), 0);
     for (size_t start = 0; start < changed.size(); ++start) {
         if (seen[start] != 0 || !ready(start)) {
             continue;
         }
-        Region r{gw, gh, -1, -1, 0};
+        ChangeRegion r{gw, gh, -1, -1, 0};
         seen[start] = 1;
         stack.assign(1, start);
         while (!stack.empty()) {
@@ -554,13 +592,13 @@ void LiveFaceTracker::Impl::searchChanges(const LumaImage& frame, std::vector<Fo
         regions.push_back(r);
     }
     std::stable_sort(regions.begin(), regions.end(),
-                     [](const Region& a, const Region& b) { return a.blocks > b.blocks; });
+                     [](const ChangeRegion& a, const ChangeRegion& b) { return a.blocks > b.blocks; });
     const double fine = detectionScale(frame.height);
     const double levelSum = 1.0 / (1.0 - kPyramidStep * kPyramidStep);
     // A region reaches a block past its changed ones and is at least a little larger than the smallest face.
     const double least = 1.5 * kDetectorWindow / fine;
     double spent = 0.0;
-    for (const Region& r : regions) {
+    for (const ChangeRegion& r : regions) {
         double x0 = (r.bx0 - 1) * kChangeBlock;
         double y0 = (r.by0 - 1) * kChangeBlock;
         double x1 = (r.bx1 + 2) * kChangeBlock;
@@ -737,12 +775,7 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
         };
         // Tracked faces first: their neighbourhood at a scale that makes them comfortably detectable.
         for (const Track& t : _impl->tracks) {
-            const CGRect b = t.face.bounds;
-            const double side = kSearchAreaFactor * std::max(b.size.width, b.size.height);
-            RotatedCrop crop;
-            crop.centre = {b.origin.x + b.size.width / 2, b.origin.y + b.size.height / 2};
-            crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize * kSearchAreaFactor / side);
-            crop.width = crop.height = static_cast<int>(side * crop.scale);
+            const RotatedCrop crop = aroundFace(t.face.bounds);
             addNew(_impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop, &found));
         }
         if (_impl->mode == Mode::Picture) {
@@ -779,8 +812,6 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             if (seen || t.missed > 0) {
                 continue; // a track lost for more than a frame is only looked for upright
             }
-            const CGRect b = t.face.bounds;
-            const double side = kSearchAreaFactor * std::max(b.size.width, b.size.height);
             std::array<double, std::size(kRecoveryRolls)> rolls;
             std::copy(std::begin(kRecoveryRolls), std::end(kRecoveryRolls), rolls.begin());
             const auto last = std::find(rolls.begin(), rolls.end(), t.recoveryRoll);
@@ -788,11 +819,7 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
                 std::rotate(rolls.begin(), last, last + 1);
             }
             for (double roll : rolls) {
-                RotatedCrop crop;
-                crop.centre = {b.origin.x + b.size.width / 2, b.origin.y + b.size.height / 2};
-                crop.angle = roll * std::numbers::pi / 180.0;
-                crop.scale = std::min(kMaxDetectionScale, kTrackedFaceSize * kSearchAreaFactor / side);
-                crop.width = crop.height = static_cast<int>(side * crop.scale);
+                const RotatedCrop crop = aroundFace(t.face.bounds, roll);
                 const auto again = _impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop);
                 if (!again.empty()) {
                     found.push_back(again.front());
@@ -840,13 +867,37 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
                 continue;
             }
             const Track* before = trackOf[j] < _impl->tracks.size() ? &_impl->tracks[trackOf[j]] : nullptr;
+            if (before == nullptr && _impl->mode == Mode::Video && f.recoveryRoll == 0.0) {
+                // A new face found by another search is measured as its track will be in the next frames: the
+                // detector's box steps with the pyramid levels of the search, and the landmarks with it.
+                const RotatedCrop crop = aroundFace(f.box);
+                const auto again = _impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop);
+                const auto best = std::max_element(again.begin(), again.end(), [&](const Found& a, const Found& b) {
+                    return matchScore(f.box, a.box) < matchScore(f.box, b.box);
+                });
+                if (best != again.end() && matchScore(f.box, best->box) > 0) {
+                    f = *best;
+                }
+            }
             Track now;
             now.recoveryRoll = f.recoveryRoll;
             TrackedFace& face = now.face;
             face.bounds = f.box;
             face.faceID = idOf[j] != 0 ? idOf[j] : gNextFaceID.fetch_add(1, std::memory_order_relaxed);
             if (f.hasLandmarks) {
-                _impl->refineLandmarks(frame, f);
+                CGRect from = f.box;
+                if (before != nullptr && before->fittedFrom.size.width > 0) {
+                    const CGRect d = before->fittedFrom;
+                    const double w = d.size.width;
+                    const double shift = std::hypot(f.box.origin.x + f.box.size.width / 2 - d.origin.x - w / 2,
+                                                    f.box.origin.y + f.box.size.height / 2 - d.origin.y -
+                                                        d.size.height / 2);
+                    if (shift < kStillShift * w && std::abs(f.box.size.width - w) < kDetectionStep * w) {
+                        from = d;
+                    }
+                }
+                _impl->refineLandmarks(frame, f, from);
+                now.fittedFrom = from;
                 const CGRect fit = boxFromLandmarks(f.pts);
                 if (fit.size.width > 0) {
                     face.bounds = before != nullptr ? steadyBox(before->face.bounds, fit) : fit;

@@ -82,6 +82,9 @@ constexpr double kSkewRetryOffsets[] = {0.0, 3.0, -3.0};
 // The skew is sharpened within this many degrees of the edge-direction estimate, in these steps.
 constexpr double kSkewSearchDegrees = 7.0;
 constexpr double kSkewSearchStep = 1.0;
+// A code read in the previous picture is looked for at its angle then when the region's skew is within this many
+// degrees of it (fine modules bias the region's skew by up to about the search span, and the code turns meanwhile).
+constexpr double kHintSkewTolerance = 12.0;
 // A code read at an angle this far (degrees) from its own is read again at its own: the library's corners drift
 // with the crop's remaining skew (by about 3 pixels at 2.5 degrees, too little to pay a second read for).
 constexpr double kSkewRefineThreshold = 3.0;
@@ -94,6 +97,13 @@ constexpr int kWholeLookEvery = 4;
 // worker's rate), so nothing the plain library reads stays unread for long; trying harder, as for a single
 // picture, would cost several times as much.
 constexpr int kFullReadEvery = 32;
+// A code region at least this high (pixels) is tall enough to be read at half its rows.
+constexpr double kMinHalvedHeight = 80.0;
+// A region whose longer side is at most this many times the longer side of the code read there (plus a cell on
+// each side) holds little more than that code.
+constexpr double kCodeSizedRegion = 1.3;
+// Regions whose longer side is shorter than this (pixels) are tried at one angle.
+constexpr double kSmallRegionSide = 200.0;
 // Crops read per frame at most (a frame full of text must not cost a read per word).
 constexpr int kMaxSecondLookReads = 5;
 // A region where no angle read is left alone for this many pictures (text and patterns stay where they are from
@@ -162,17 +172,46 @@ bool rectsOverlap(CGRect a, CGRect b) {
            a.origin.y < b.origin.y + b.size.height && b.origin.y < a.origin.y + a.size.height;
 }
 
-// The outline of the PDF417 symbol in an upright crop, in picture pixels. down is the symbol's downward direction
-// in the picture when known. An outline that runs into the crop's border (the region held only part of the code) is
-// looked for again in a crop around that outline, turned to upright and grown on every side.
+// The crop's pixels with rowStep crop rows to a row, each sampled midway between the first and last of its rows
+// (one-row crops through the source).
+LumaImage sampleRows(const RotatedCrop& crop, const LumaImage& source, int rowStep) {
+    if (rowStep <= 1) {
+        return crop.sample(source);
+    }
+    LumaImage out;
+    if (!out.resize(crop.width, crop.height / rowStep)) {
+        return out;
+    }
+    RotatedCrop line = crop;
+    line.height = 1;
+    for (int k = 0; k < out.height; ++k) {
+        line.centre = crop.toSource({crop.width / 2.0, k * rowStep + 0.5 * (rowStep - 1) + 0.5});
+        const LumaImage row = line.sample(source);
+        if (row.empty()) {
+            return {};
+        }
+        std::copy(row.row(0), row.row(0) + row.width, out.row(k));
+    }
+    return out;
+}
+
+// The source point of a point of a crop read with rowStep crop rows to a row.
+CGPoint fromCrop(const RotatedCrop& crop, CGPoint p, int rowStep) {
+    return crop.toSource({p.x, p.y * rowStep + 0.5 * (rowStep - 1)});
+}
+
+// The outline of the PDF417 symbol in an upright crop (sampled, rowStep crop rows to a row), in picture pixels. down
+// is the symbol's downward direction in the picture when known. An outline that runs into the crop's border (the
+// region held only part of the code) is looked for again in a crop around that outline, turned to upright and grown
+// on every side.
 std::optional<std::array<CGPoint, 4>> outlineInCrop(const LumaImage& image, const RotatedCrop& crop,
                                                     const LumaImage& sampled, std::optional<CGPoint> down,
-                                                    bool again = true) {
+                                                    bool again = true, int rowStep = 1) {
     std::optional<CGPoint> downInCrop;
     if (down) {
         const double c = std::cos(crop.angle);
         const double s = std::sin(crop.angle);
-        downInCrop = CGPoint{down->x * c + down->y * s, -down->x * s + down->y * c};
+        downInCrop = CGPoint{down->x * c + down->y * s, (-down->x * s + down->y * c) / rowStep};
     }
     auto outline = findPdf417Outline(sampled, downInCrop);
     if (!outline) {
@@ -180,10 +219,11 @@ std::optional<std::array<CGPoint, 4>> outlineInCrop(const LumaImage& image, cons
     }
     constexpr double kBorder = 3.0;
     const bool touches = std::any_of(outline->begin(), outline->end(), [&](CGPoint p) {
-        return p.x < kBorder || p.y < kBorder || p.x > crop.width - 1 - kBorder || p.y > crop.height - 1 - kBorder;
+        return p.x < kBorder || p.y < kBorder / rowStep || p.x > sampled.width - 1 - kBorder ||
+               p.y > sampled.height - 1 - kBorder / rowStep;
     });
     for (CGPoint& p : *outline) {
-        p = crop.toSource(p);
+        p = fromCrop(crop, p, rowStep);
     }
     if (!touches || !again) {
         return outline;
@@ -333,12 +373,13 @@ bool MachineCodeReader::accept(uint32_t format, const std::string& text, AVMetad
 }
 
 std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, uint32_t formats, bool tryRotate,
-                                                            bool tryHarder) const {
-    return readWithLibrary(image, CGRectMake(0, 0, image.width, image.height), formats, tryRotate, tryHarder);
+                                                            bool tryHarder, bool downscale) const {
+    return readWithLibrary(image, CGRectMake(0, 0, image.width, image.height), formats, tryRotate, tryHarder,
+                           downscale);
 }
 
 std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& image, CGRect area, uint32_t formats,
-                                                            bool tryRotate, bool tryHarder) const {
+                                                            bool tryRotate, bool tryHarder, bool downscale) const {
     std::vector<MachineCode> codes;
     // The whole pixels of the area within the picture; the library reads them in place.
     const int x0 = std::clamp(static_cast<int>(std::floor(area.origin.x)), 0, image.width);
@@ -352,6 +393,7 @@ std::vector<MachineCode> MachineCodeReader::readWithLibrary(const LumaImage& ima
     hints.setFormats(static_cast<BarcodeFormat>(formats));
     hints.setTryRotate(tryRotate);
     hints.setTryHarder(tryHarder);
+    hints.setTryDownscale(downscale);
     const ZXing::ImageView view(image.row(y0) + x0, x1 - x0, y1 - y0, ZXing::ImageFormat::Lum, image.width);
     for (const ZXing::Result& r : ZXing::ReadBarcodes(view, hints)) {
         if (!r.isValid()) {
@@ -535,8 +577,8 @@ std::vector<MachineCodeReader::Candidate> MachineCodeReader::findCandidates(cons
 }
 
 bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w,
-                                     double h, uint32_t formats, std::vector<MachineCode>& codes,
-                                     bool& outlines) const {
+                                     double h, uint32_t formats, std::vector<MachineCode>& codes, bool& outlines,
+                                     int rowStep) const {
     outlines = false;
     // w x h is the region's upright extent at its measured skew; a slightly different angle needs a little more.
     const double d = (skewDegrees - cand.skewDegrees) * std::numbers::pi / 180.0;
@@ -551,18 +593,18 @@ bool MachineCodeReader::secondLookAt(const LumaImage& image, const Candidate& ca
     }
     crop.width = static_cast<int>(uprightW * crop.scale);
     crop.height = static_cast<int>(uprightH * crop.scale);
-    const LumaImage sampled = crop.sample(image);
+    const LumaImage sampled = sampleRows(crop, image, rowStep);
     std::optional<std::array<CGPoint, 4>> outline;
     bool outlined = false;
-    for (MachineCode& c : readWithLibrary(sampled, formats, true)) {
+    for (MachineCode& c : readWithLibrary(sampled, formats, true, false, false)) {
         for (CGPoint& p : c.corners) {
-            p = crop.toSource(p);
+            p = fromCrop(crop, p, rowStep);
         }
         // The library's PDF417 corners may put the right-hand ones anywhere; the start and stop patterns do not.
         if (c.type == AVMetadataObjectTypePDF417Code) {
             if (!outlined) {
                 const CGPoint down{c.corners[0].x - c.corners[3].x, c.corners[0].y - c.corners[3].y};
-                outline = outlineInCrop(image, crop, sampled, down);
+                outline = outlineInCrop(image, crop, sampled, down, true, rowStep);
                 outlined = true;
             }
             if (outline && containsPoint(*outline, centreOf(c.corners))) {
@@ -673,7 +715,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
             }
         }
         if (whole) {
-            codes = readWithLibrary(image, firstLook, linear);
+            codes = readWithLibrary(image, firstLook, linear, false, false);
             _picturesSinceWholeLook = 0;
         }
         if (!full) {
@@ -719,14 +761,21 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                 std::vector<Hint> angles;
                 for (const Hint& hint : _hints) {
                     if (samePlace(hint.box, cand.box) &&
-                        std::abs(hint.skewDegrees - cand.skewDegrees) <= kSkewSearchDegrees) {
+                        std::abs(hint.skewDegrees - cand.skewDegrees) <= kHintSkewTolerance) {
                         angles.push_back(hint);
                     }
                 }
-                const auto attempt = [&](double tried, uint32_t formats) {
+                // look is the region the crop shows (the candidate, or a code's own extent at its own angle) and
+                // lw x lh its size with the margin.
+                const auto attempt = [&](double tried, uint32_t formats, int rowStep = 1,
+                                         const Candidate* tight = nullptr) {
+                    const Candidate& look = tight != nullptr ? *tight : cand;
+                    const double lm = 0.1 * std::max(look.uprightWidth, look.uprightHeight) + kCell;
+                    const double lw = tight != nullptr ? look.uprightWidth + 2 * lm : w;
+                    const double lh = tight != nullptr ? look.uprightHeight + 2 * lm : h;
                     std::vector<MachineCode> found;
                     bool outlined = false;
-                    if (!secondLookAt(image, cand, tried, w, h, formats, found, outlined)) {
+                    if (!secondLookAt(image, look, tried, lw, lh, formats, found, outlined, rowStep)) {
                         return false;
                     }
                     // The library's corners drift when the crop is still skewed, and now and then it reports a
@@ -748,7 +797,7 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                                       !isNearRectangle(found.front().corners))) {
                         std::vector<MachineCode> refined;
                         bool refinedOutlines = false;
-                        if (secondLookAt(image, cand, measured, w, h, formats, refined, refinedOutlines) &&
+                        if (secondLookAt(image, look, measured, lw, lh, formats, refined, refinedOutlines, rowStep) &&
                             isNearRectangle(refined.front().corners)) {
                             found = std::move(refined);
                         }
@@ -770,13 +819,34 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                         }
                     }
                     if (added > 0) {
-                        hints.push_back({cand.box, measured, addedFormats & secondLook});
+                        const auto& c = codes.back().corners;
+                        hints.push_back({cand.box, measured, addedFormats & secondLook,
+                                         std::hypot(c[1].x - c[0].x, c[1].y - c[0].y),
+                                         std::hypot(c[3].x - c[0].x, c[3].y - c[0].y)});
                     }
                     return added > 0;
                 };
                 // The skew is sharpened only when the previous frame's angles do not read.
+                // A PDF417 code followed from the previous frame is read at half its rows first.
+                // When the region is about the code's size, the crop is the code's own extent at its own angle
+                // (the region's, at its biased skew, holds more).
                 bool read = false;
                 for (const Hint& hint : angles) {
+                    const bool halve = hint.formats == pdf417 && cand.uprightHeight >= kMinHalvedHeight;
+                    Candidate own = cand;
+                    own.skewDegrees = hint.skewDegrees;
+                    own.uprightWidth = hint.width;
+                    own.uprightHeight = hint.height;
+                    const bool fits = std::max(cand.uprightWidth, cand.uprightHeight) <=
+                                      kCodeSizedRegion * std::max(hint.width, hint.height) + 2 * kCell;
+                    if (halve && readsLeft > 1 &&
+                        (read = attempt(hint.skewDegrees, hint.formats, 2, fits ? &own : nullptr))) {
+                        --readsLeft;
+                        break;
+                    }
+                    if (halve && readsLeft > 1) {
+                        --readsLeft;
+                    }
                     if (readsLeft-- <= 0 || (read = attempt(hint.skewDegrees, hint.formats))) {
                         break;
                     }
@@ -788,9 +858,11 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                         return r.pictures == 1 && intersectionOverUnion(r.box, cand.box) >= kSameRegionOverlap;
                     });
                     const int strikes = back == _resting.end() ? 0 : back->strikes;
+                    // A small region is tried at its measured skew only: a few degrees off shift its rows by little.
+                    const bool small = std::max(cand.uprightWidth, cand.uprightHeight) < kSmallRegionSide;
                     constexpr size_t kOffsets = std::size(kSkewRetryOffsets);
                     bool tried = false;
-                    for (size_t i = 0; i < (strikes == 0 ? kOffsets : 1); ++i) {
+                    for (size_t i = 0; i < (strikes == 0 && !small ? kOffsets : 1); ++i) {
                         if (readsLeft-- <= 0) {
                             break;
                         }

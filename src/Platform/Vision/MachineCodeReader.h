@@ -67,18 +67,23 @@ public:
                                                  const std::vector<CGRect>& excluded = {});
 
 private:
+    // downscale also reads the picture at a third of its size when it is large (as the plain library does; it
+    // finds large, blurred codes): the video's look over the whole picture and the crops of the second look skip
+    // it, the full reads keep it.
     std::vector<MachineCode> readWithLibrary(const LumaImage& image, uint32_t formats, bool tryRotate,
-                                             bool tryHarder = false) const;
+                                             bool tryHarder = false, bool downscale = true) const;
     // The same for an area of the picture (clipped to it), read in place; corners in picture pixels.
     std::vector<MachineCode> readWithLibrary(const LumaImage& image, CGRect area, uint32_t formats, bool tryRotate,
-                                             bool tryHarder = false) const;
+                                             bool tryHarder = false, bool downscale = true) const;
     // Gives the PDF417 codes read over the whole picture the corners of their outline, and leaves out codes whose
     // corners stay implausible.
     void outlineCodes(const LumaImage& image, std::vector<MachineCode>& codes) const;
     // Reads an upright, enlarged crop of the candidate turned by skewDegrees into codes (source pixel corners);
     // true if any was read. outlines tells whether a PDF417 code's corners came from its start and stop patterns.
+    // rowStep 2 reads the crop at half its rows, each sampled between two (a PDF417 code's rows are three modules
+    // high: half the rows read as well, at half the cost).
     bool secondLookAt(const LumaImage& image, const Candidate& cand, double skewDegrees, double w, double h,
-                      uint32_t formats, std::vector<MachineCode>& codes, bool& outlines) const;
+                      uint32_t formats, std::vector<MachineCode>& codes, bool& outlines, int rowStep = 1) const;
     bool accept(uint32_t format, const std::string& text, AVMetadataObjectType& type) const;
 
     // Where the previous picture's second look read a code, at which skew and in which formats: the next picture
@@ -87,6 +92,9 @@ private:
         CGRect box;
         double skewDegrees;
         uint32_t formats;
+        // The code's extent along its own axes, pixels.
+        double width = 0;
+        double height = 0;
     };
     mutable std::vector<Hint> _hints;
     // Where no angle read a code, for how many more pictures that region is left alone, and how many times in a

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Card-data parsing: versions and issuers, wrong offsets, truncated and garbage texts, checks, redaction, and a
-// bounded random-mutation run that must stay clean under the sanitizers.
+// Card-data parsing: versions and issuers, wrong offsets, truncated and garbage texts, dates, and redaction.
 #include "KPImage/KPCardData.h"
 #include "support/TestSupport.h"
 
@@ -8,7 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <random>
+#include <sstream>
 
 using namespace kp;
 
@@ -46,6 +45,7 @@ std::string cardText(const std::string& issuer, int version,
 }
 
 // Made-up people only.
+// clang-format off
 const Elements kVersion9 = {"DCAD", "DCBNONE", "DCDNONE", "DBA12102030", "DCSSAMPLE", "DACMICHAEL", "DADJOHN",
                             "DBD06062019", "DBB06061986", "DBC1", "DAYBRO", "DAU068 in", "DAG2300 WEST BROAD STREET",
                             "DAIRICHMOND", "DAJVA", "DAK232690000  ", "DAQT64235789", "DCF2424244747474786102204",
@@ -63,69 +63,45 @@ const Elements kOntario = {"DCAG", "DCBX", "DCDNONE", "DBA20310430", "DCSTREMBLA
 const Elements kIdCard = {"DBA01012029", "DCSROE", "DACRICHARD", "DADNONE", "DBD01012021", "DBB02292000", "DBC9",
                           "DAYHAZ", "DAU070 in", "DAG9 PINE RD", "DAISALEM", "DAJOR", "DAK97301", "DAQID7788",
                           "DCFX1", "DCGUSA", "DDEN", "DDFN", "DDGN"};
+// clang-format on
 
-std::string sampleCard() { return cardText("636000", 9, {{"DL", kVersion9}, {"ZV", {"ZVAXYZ"}}}); }
-
-TEST(CardData, VersionsAndIssuersGiveTheSameTypedFields) {
-    struct Case {
-        const char* what;
-        std::string text;
-        int version;
-        const char* family;
-        const char* first;
-        const char* middle;
-        CardDate born, issued, expires;
-        const char* number;
-        CardSex sex;
-        CardHeight height;
-        const char* country;
-        bool yearFirst;
-    };
-    const Case cases[] = {
-        {"v9 Virginia", sampleCard(), 9, "SAMPLE", "MICHAEL", "JOHN", {1986, 6, 6}, {2019, 6, 6}, {2030, 12, 10},
-         "T64235789", CardSex::Male, {68, false}, "USA", false},
-        {"v1 one-field name, year-first dates, feet and inches", cardText("636020", 1, {{"DL", kVersion1}}), 1,
-         "PUBLIC", "JOHN", "QUINCY", {1970, 3, 1}, {2020, 1, 15}, {2028, 1, 15}, "123456789", CardSex::Male,
-         {70, false}, "", true},
-        {"v3 given names in one element", cardText("636015", 3, {{"DL", kVersion3}}), 3, "DOE", "JANE", "ANN",
-         {1990, 7, 4}, {2019, 7, 4}, {2027, 7, 4}, "09876543", CardSex::Female, {64, false}, "USA", false},
-        {"v8 Ontario: Canadian dates", cardText("636012", 8, {{"DL", kOntario}}), 8, "TREMBLAY", "LUC", "NONE",
-         {1992, 4, 30}, {2026, 4, 30}, {2031, 4, 30}, "T1234-56789-20430", CardSex::Male, {175, true}, "CAN",
-         true},
-        {"v10 ID card", cardText("636029", 10, {{"ID", kIdCard}}), 10, "ROE", "RICHARD", "NONE", {2000, 2, 29},
-         {2021, 1, 1}, {2029, 1, 1}, "ID7788", CardSex::NotSpecified, {70, false}, "USA", false},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        const CardData card = CardData::parse(c.text);
-        EXPECT_TRUE(card.isCard);
-        EXPECT_EQ(card.version, c.version);
-        EXPECT_EQ(card.problems, std::vector<std::string>());
-        EXPECT_EQ(card.fields.familyName, c.family);
-        EXPECT_EQ(card.fields.firstName, c.first);
-        EXPECT_EQ(card.fields.middleName, c.middle);
-        EXPECT_EQ(card.fields.dateOfBirth, c.born);
-        EXPECT_EQ(card.fields.issueDate, c.issued);
-        EXPECT_EQ(card.fields.expiryDate, c.expires);
-        EXPECT_EQ(card.fields.documentNumber, c.number);
-        EXPECT_EQ(card.fields.sex, c.sex);
-        EXPECT_EQ(card.fields.height, c.height);
-        EXPECT_EQ(card.fields.country, c.country);
-        EXPECT_EQ(card.yearFirstDates, c.yearFirst);
-    }
+std::string sampleCard() {
+    return cardText("636000", 9, {{"DL", kVersion9}, {"ZV", {"ZVAXYZ"}}});
 }
 
-TEST(CardData, HeaderSubfilesAndElementsInOrder) {
-    const CardData card = CardData::parse(sampleCard());
-    EXPECT_EQ(card.issuer, "636000");
-    EXPECT_EQ(card.jurisdictionVersion, 1);
-    ASSERT_EQ(card.subfiles.size(), 2u);
-    EXPECT_EQ(card.subfiles[1].foundAt, card.subfiles[1].offset);
+// The typed fields of a card on one line: version, names, dates born/issued/expiring, number, sex, height,
+// country and date order.
+std::string summary(const CardData& c) {
+    const auto date = [](const std::optional<CardDate>& d) { return d ? d->str() : std::string("-"); };
+    const CardFields& f = c.fields;
+    std::ostringstream out;
+    out << c.version << " " << f.familyName << "/" << f.firstName << "/" << f.middleName << " " << date(f.dateOfBirth)
+        << " " << date(f.issueDate) << " " << date(f.expiryDate) << " " << f.documentNumber << " "
+        << static_cast<int>(f.sex) << " " << (f.height ? f.height->str() : "-") << " " << f.country
+        << (c.yearFirstDates ? " ymd" : " mdy") << (c.isCard && c.problems.empty() ? "" : " damaged");
+    return out.str();
+}
+
+TEST(CardData, VersionsAndIssuersGiveTheSameTypedFields) {
+    const std::pair<std::string, std::string> cases[] = {
+        {sampleCard(), "9 SAMPLE/MICHAEL/JOHN 1986-06-06 2019-06-06 2030-12-10 T64235789 1 68 in USA mdy"},
+        // Version 1: a one-field name, year-first dates, feet and inches.
+        {cardText("636020", 1, {{"DL", kVersion1}}),
+         "1 PUBLIC/JOHN/QUINCY 1970-03-01 2020-01-15 2028-01-15 123456789 1 70 in  ymd"},
+        {cardText("636015", 3, {{"DL", kVersion3}}),
+         "3 DOE/JANE/ANN 1990-07-04 2019-07-04 2027-07-04 09876543 2 64 in USA mdy"},
+        {cardText("636012", 8, {{"DL", kOntario}}),
+         "8 TREMBLAY/LUC/NONE 1992-04-30 2026-04-30 2031-04-30 T1234-56789-20430 1 175 cm CAN ymd"},
+        {cardText("636029", 10, {{"ID", kIdCard}}),
+         "10 ROE/RICHARD/NONE 2000-02-29 2021-01-01 2029-01-01 ID7788 9 70 in USA mdy"},
+    };
+    for (const auto& [text, expected] : cases) {
+        EXPECT_EQ(summary(CardData::parse(text)), expected);
+    }
     // Only DL/ID elements, in the text's order, padding trimmed; the jurisdiction's subfile stays out.
+    const CardData card = CardData::parse(sampleCard());
     ASSERT_EQ(card.elements.size(), kVersion9.size());
-    EXPECT_EQ(card.elements.front(), (CardElement{"DCA", "D"}));
     EXPECT_EQ(card.elements[15], (CardElement{"DAK", "232690000"}));
-    EXPECT_EQ(card.elements.back(), (CardElement{"DDG", "N"}));
     EXPECT_EQ(card.fields.street, "2300 WEST BROAD STREET");
 }
 
@@ -133,13 +109,10 @@ TEST(CardData, DamagedTextsGiveProblemsNeverACrash) {
     const std::string good = sampleCard();
     std::string shifted = good; // one stray separator after the directory: every stated offset is one short
     shifted.insert(good.find("DLDCA"), "\n");
-    std::string noTerminator = good.substr(0, good.find("DDGN") + 4);
-    std::string impossible = good;
-    impossible.replace(impossible.find("DBB06061986"), 11, "DBB02301986");
-    std::string reordered = good;
-    reordered.replace(reordered.find("DBA12102030"), 11, "DBA20301210");
-    std::string unknownVersion = good;
-    unknownVersion.replace(15, 2, "12");
+    auto with = [&](const std::string& from, const std::string& to) {
+        return std::string(good).replace(good.find(from), from.size(), to);
+    };
+    const std::string impossible = with("DBB06061986", "DBB02301986"), reordered = with("DBA12102030", "DBA20301210");
     Elements withoutDiscriminator = kVersion9;
     std::erase(withoutDiscriminator, "DCF2424244747474786102204");
     const std::string missingDiscriminator = cardText("636000", 9, {{"DL", withoutDiscriminator}});
@@ -152,6 +125,7 @@ TEST(CardData, DamagedTextsGiveProblemsNeverACrash) {
         std::vector<std::string> problems;
         const char* family; // "" when nothing may be read
     };
+    // clang-format off
     const Case cases[] = {
         {"a URL", "https://example.com/?q=@ANSI", false, {}, ""},
         {"empty", "", false, {}, ""},
@@ -161,21 +135,23 @@ TEST(CardData, DamagedTextsGiveProblemsNeverACrash) {
          {"subfile DL is not at its stated offset", "subfile ZV is not at its stated offset"}, "SAMPLE"},
         {"cut inside the DL subfile", good.substr(0, good.find("DAG")), true,
          {"subfile ZV is missing", "subfile DL is truncated",
-          "missing mandatory elements: DAG, DAI, DAJ, DAK, DAQ, DCF, DCG, DDE, DDF, DDG"},
-         "SAMPLE"},
-        {"the end lost", noTerminator, true, {"subfile ZV is missing", "subfile DL is truncated"}, "SAMPLE"},
+          "missing mandatory elements: DAG, DAI, DAJ, DAK, DAQ, DCF, DCG, DDE, DDF, DDG"}, "SAMPLE"},
+        {"the end lost", good.substr(0, good.find("DDGN") + 4), true,
+         {"subfile ZV is missing", "subfile DL is truncated"}, "SAMPLE"},
         {"30 February", impossible, true, {"impossible date in DBB"}, "SAMPLE"},
         {"year-first date on a U.S. card", reordered, true, {"date in DBA is not in the issuer's order"}, "SAMPLE"},
-        {"version 12", unknownVersion, true, {"unknown version 12"}, "SAMPLE"},
+        {"version 12", with("ANSI 63600009", "ANSI 63600012"), true, {"unknown version 12"}, "SAMPLE"},
         {"no discriminator", missingDiscriminator, true, {"missing mandatory elements: DCF"}, "SAMPLE"},
+        {"an ID card's elements as a licence", cardText("636029", 10, {{"DL", kIdCard}}), true,
+         {"missing mandatory elements: DCA, DCB, DCD"}, "ROE"},
         {"Ontario card marked USA", cardText("636012", 8, {{"DL", otherCountry}}), true, {}, "TREMBLAY"},
         {"no directory", "@\n\x1e\rANSI 636000090100DLDCSX\nDACY\r", true,
          {"no subfile directory", "missing mandatory elements: DCA, DCB, DCD, DBA, DAD, DBD, DBB, DBC, DAY, DAU, DAG, "
-                                  "DAI, DAJ, DAK, DAQ, DCF, DCG, DDE, DDF, DDG"},
-         "X"},
+                                  "DAI, DAJ, DAK, DAQ, DCF, DCG, DDE, DDF, DDG"}, "X"},
         {"binary junk after the header", std::string("@\n\x1e\rANSI 636000090101DL00310010\xff\x01\0\x80", 35), true,
          {"subfile DL is missing", "no DL or ID subfile"}, ""},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         const CardData card = CardData::parse(c.text);
@@ -184,7 +160,6 @@ TEST(CardData, DamagedTextsGiveProblemsNeverACrash) {
         EXPECT_EQ(card.fields.familyName, c.family);
     }
     // The truncated subfile still gives the elements before the cut.
-    EXPECT_EQ(CardData::parse(good.substr(0, good.find("DAG"))).fields.documentNumber, "");
     EXPECT_EQ(CardData::parse(good.substr(0, good.find("DAG"))).fields.eyeColor, "BRO");
     EXPECT_EQ(CardData::parse(impossible).fields.dateOfBirth, std::nullopt);
     EXPECT_EQ(CardData::parse(reordered).fields.expiryDate, (CardDate{2030, 12, 10}));
@@ -193,43 +168,22 @@ TEST(CardData, DamagedTextsGiveProblemsNeverACrash) {
 TEST(CardData, ExpiryAndAgeOnAGivenDay) {
     const CardData card = CardData::parse(sampleCard()); // born 1986-06-06, expires 2030-12-10
     const CardData leap = CardData::parse(cardText("636029", 10, {{"ID", kIdCard}})); // born 2000-02-29
-    struct Case {
+    const struct {
         const CardData& card;
         CardDate today;
         std::optional<bool> expired;
         std::optional<int32_t> age;
+    } cases[] = {
+        {card, {2030, 12, 10}, false, 44}, {card, {2030, 12, 11}, true, 44},          {card, {2026, 6, 5}, false, 39},
+        {card, {2026, 6, 6}, false, 40},   {card, {1986, 6, 5}, false, std::nullopt}, {leap, {2001, 2, 28}, false, 0},
+        {leap, {2001, 3, 1}, false, 1},    {leap, {2004, 2, 29}, false, 4},           {leap, {2029, 1, 2}, true, 28},
     };
-    const Case cases[] = {
-        {card, {2030, 12, 10}, false, 44},   {card, {2030, 12, 11}, true, 44}, {card, {2026, 6, 5}, false, 39},
-        {card, {2026, 6, 6}, false, 40},     {card, {1986, 6, 5}, false, std::nullopt},
-        {leap, {2001, 2, 28}, false, 0},     {leap, {2001, 3, 1}, false, 1}, {leap, {2004, 2, 29}, false, 4},
-        {leap, {2029, 1, 2}, true, 28},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.today.str());
-        EXPECT_EQ(c.card.isExpiredOn(c.today), c.expired);
-        EXPECT_EQ(c.card.ageOn(c.today), c.age);
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.card.isExpiredOn(c.today), c.expired) << c.today.str();
+        EXPECT_EQ(c.card.ageOn(c.today), c.age) << c.today.str();
     }
-    const CardData none = CardData::parse("QR text");
-    EXPECT_EQ(none.isExpiredOn({2026, 1, 1}), std::nullopt);
-    EXPECT_EQ(none.ageOn({2026, 1, 1}), std::nullopt);
-    EXPECT_EQ(CardDate::fromString("2026-11-25"), (CardDate{2026, 11, 25}));
-    EXPECT_EQ(CardDate::fromString("2026-02-29"), std::nullopt);
-    EXPECT_EQ(CardDate::fromString("2026-1-25"), std::nullopt);
-}
-
-TEST(CardData, MandatoryElementsFollowTheVersionAndTheSubfileType) {
-    // An ID card needs no vehicle class; version 1 needs its one-field name, later versions their own names.
-    EXPECT_EQ(CardData::parse(cardText("636029", 10, {{"ID", kIdCard}})).missingMandatoryElements(),
-              std::vector<std::string>());
-    EXPECT_EQ(CardData::parse(cardText("636029", 10, {{"DL", kIdCard}})).missingMandatoryElements(),
-              (std::vector<std::string>{"DCA", "DCB", "DCD"}));
-    EXPECT_EQ(CardData::parse(cardText("636020", 1, {{"DL", {"DAQ1", "DBA20280115"}}})).missingMandatoryElements(),
-              (std::vector<std::string>{"DAR", "DAS", "DAT", "DAA", "DAG", "DAI", "DAJ", "DAK", "DBB", "DBC", "DBD"}));
-    Elements v3 = kVersion3;
-    std::erase(v3, "DCTJANE,ANN");
-    EXPECT_EQ(CardData::parse(cardText("636015", 3, {{"DL", v3}})).missingMandatoryElements(),
-              std::vector<std::string>{"DCT"});
+    EXPECT_EQ(CardData::parse("QR text").ageOn({2026, 1, 1}), std::nullopt);
+    EXPECT_TRUE(CardDate::fromString("2026-11-25") == (CardDate{2026, 11, 25}) && !CardDate::fromString("2026-02-29"));
 }
 
 TEST(CardData, RedactedFormKeepsNoPersonalValue) {
@@ -238,19 +192,17 @@ TEST(CardData, RedactedFormKeepsNoPersonalValue) {
         const CardData full = CardData::parse(text);
         EXPECT_EQ(log.lines(), std::vector<std::string>()); // the library never logs card data
         const CardData r = full.redacted();
-        EXPECT_TRUE(r.isRedacted);
-        EXPECT_EQ(r.fields.familyName, full.fields.familyName.substr(0, 1) + ".");
-        EXPECT_EQ(r.fields.firstName, full.fields.firstName.substr(0, 1) + ".");
         const std::string& number = full.fields.documentNumber;
-        EXPECT_EQ(r.fields.documentNumber, "***" + number.substr(number.size() - 3));
+        EXPECT_EQ(r.fields.familyName + r.fields.firstName + r.fields.documentNumber,
+                  full.fields.familyName.substr(0, 1) + "." + full.fields.firstName.substr(0, 1) + ".***" +
+                      number.substr(number.size() - 3));
         EXPECT_EQ(r.fields.dateOfBirth, (CardDate{full.fields.dateOfBirth->year, 0, 0}));
-        EXPECT_TRUE(r.fields.street.empty() && r.fields.street2.empty() && r.fields.postalCode.empty() &&
-                    r.fields.documentDiscriminator.empty());
+        EXPECT_EQ(r.fields.street + r.fields.street2 + r.fields.postalCode + r.fields.documentDiscriminator, "");
         // No element of the redacted form carries a personal value of the full one.
         for (const CardElement& e : r.elements) {
-            for (const std::string& secret : {full.fields.familyName, full.fields.firstName, full.fields.documentNumber,
-                                              full.fields.street, full.fields.street2, full.fields.postalCode,
-                                              full.fields.fullName}) {
+            for (const std::string& secret :
+                 {full.fields.familyName, full.fields.firstName, full.fields.documentNumber, full.fields.street,
+                  full.fields.street2, full.fields.postalCode, full.fields.fullName}) {
                 if (!secret.empty()) {
                     EXPECT_EQ(e.value.find(secret), std::string::npos) << e.id;
                 }
@@ -260,40 +212,6 @@ TEST(CardData, RedactedFormKeepsNoPersonalValue) {
             }
         }
     }
-}
-
-TEST(CardData, RandomMutationsNeverBreakTheParser) {
-    const std::vector<std::string> seeds = {sampleCard(), cardText("636020", 1, {{"DL", kVersion1}}),
-                                            cardText("636012", 8, {{"DL", kOntario}, {"ZO", {"ZOAX"}}})};
-    std::mt19937 random(18);
-    size_t cards = 0;
-    for (int i = 0; i < 3000; ++i) {
-        std::string text = seeds[static_cast<size_t>(i) % seeds.size()];
-        const int edits = 1 + static_cast<int>(random() % 6);
-        for (int e = 0; e < edits && !text.empty(); ++e) {
-            const size_t at = random() % text.size();
-            switch (random() % 5) {
-            case 0: text[at] = static_cast<char>(random()); break;
-            case 1: text.erase(at, 1 + random() % 12); break;
-            case 2: text.insert(at, 1, "\n\r\x1e@DL0123456789"[random() % 16]); break;
-            case 3: text.resize(at); break;
-            default: text[at] = static_cast<char>('0' + random() % 10); break; // offsets and lengths gone wrong
-            }
-        }
-        const CardData card = CardData::parse(text);
-        cards += card.isCard ? 1 : 0;
-        for (const CardSubfile& s : card.subfiles) {
-            ASSERT_LT(s.foundAt, static_cast<int64_t>(text.size()));
-        }
-        for (const CardElement& el : card.elements) {
-            ASSERT_EQ(el.id.size(), 3u);
-        }
-        const CardData r = card.redacted();
-        ASSERT_TRUE(r.fields.street.empty());
-        (void)card.ageOn({2026, 11, 25});
-        (void)card.isExpiredOn({2026, 11, 25});
-    }
-    EXPECT_GT(cards, 1500u); // most mutations leave a card to parse, so its inner paths ran
 }
 
 } // namespace

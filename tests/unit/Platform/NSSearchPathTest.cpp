@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
-// The documents directory lookup (host setting, XDG user dirs, fallback) and the path-string helpers.
+// The documents directory lookup (host setting, XDG user dirs, fallback), path strings and the documents URL.
 #include "KPImage/Platform/NSSearchPath.h"
+#include "KPImage/Platform/NSFileManager.h"
+#include "KPImage/Platform/NSURL.h"
+#include "support/MovieFrames.h"
 
 #include <gtest/gtest.h>
-
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -14,59 +15,51 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Sets an environment variable for the scope and restores it after.
-struct ScopedEnv {
-    ScopedEnv(const char* variable, const std::string& value)
-        : name(variable), old(std::getenv(variable) ? std::getenv(variable) : "") {
-        setenv(name, value.c_str(), 1);
-    }
-    ~ScopedEnv() { old.empty() ? unsetenv(name) : setenv(name, old.c_str(), 1); }
-    const char* name;
-    std::string old;
-};
-
-std::string documents() {
-    const auto paths = kp::NSSearchPathForDirectoriesInDomains(kp::NSDocumentDirectory, kp::NSUserDomainMask, true);
-    return paths.size() == 1 ? paths[0] : "<" + std::to_string(paths.size()) + " paths>";
+std::vector<std::string> lookUp(kp::NSSearchPathDirectory directory) {
+    return kp::NSSearchPathForDirectoriesInDomains(directory, kp::NSUserDomainMask, true);
 }
 
-TEST(NSSearchPath, DocumentsDirectoryFromHostXdgOrHome) {
-    const fs::path root = fs::temp_directory_path() / ("kpimage-xdg-" + std::to_string(getpid()));
-    fs::create_directories(root / "config");
-    ScopedEnv home("HOME", (root / "home").string());
-    ScopedEnv config("XDG_CONFIG_HOME", (root / "config").string());
-
+TEST(NSSearchPath, DocumentsDirectoryFromHostXdgOrHomeAndPathStrings) {
+    const kptest::ScratchFolder root("xdg");
+    const std::string oldHome = std::getenv("HOME") ? std::getenv("HOME") : "";
+    fs::create_directories(root.file("config"));
+    setenv("HOME", root.file("home").c_str(), 1);
+    setenv("XDG_CONFIG_HOME", root.file("config").c_str(), 1);
+    const auto documents = [] { return lookUp(kp::NSDocumentDirectory); };
+    const auto dirs = [&](const std::string& text) { std::ofstream(root.file("config/user-dirs.dirs")) << text; };
     kp::setDocumentsDirectory("");
-    EXPECT_EQ(documents(), (root / "home" / "Documents").string());
-
-    std::ofstream(root / "config" / "user-dirs.dirs") << "# written by xdg-user-dirs-update\n"
-                                                        << "XDG_DESKTOP_DIR=\"$HOME/Desktop\"\n"
-                                                        << "  XDG_DOCUMENTS_DIR=\"$HOME/Dokumente\"\n";
-    EXPECT_EQ(documents(), (root / "home" / "Dokumente").string());
-    std::ofstream(root / "config" / "user-dirs.dirs") << "XDG_DOCUMENTS_DIR=relative\n";
-    EXPECT_EQ(documents(), (root / "home" / "Documents").string());
-
+    EXPECT_EQ(documents(), std::vector{root.file("home/Documents")});
+    dirs("# written by xdg-user-dirs-update\nXDG_DESKTOP_DIR=\"$HOME/Desktop\"\n  "
+         "XDG_DOCUMENTS_DIR=\"$HOME/Dokumente\"\n");
+    EXPECT_EQ(documents(), std::vector{root.file("home/Dokumente")});
+    dirs("XDG_DOCUMENTS_DIR=relative\nXDG_PICTURES_DIR=\"$HOME/Bilder\"\n");
+    EXPECT_EQ(documents(), std::vector{root.file("home/Documents")});
+    EXPECT_EQ(lookUp(kp::NSPicturesDirectory), std::vector{root.file("home/Bilder")});
     kp::setDocumentsDirectory("~/Stored");
-    EXPECT_EQ(documents(), (root / "home" / "Stored").string());
+    EXPECT_EQ(documents(), std::vector{root.file("home/Stored")});
     kp::setDocumentsDirectory("");
-    const auto pictures = [] {
-        return kp::NSSearchPathForDirectoriesInDomains(kp::NSPicturesDirectory, kp::NSUserDomainMask, true);
-    };
-    std::ofstream(root / "config" / "user-dirs.dirs") << "XDG_PICTURES_DIR=\"$HOME/Bilder\"\n";
-    EXPECT_EQ(pictures(), std::vector<std::string>{(root / "home" / "Bilder").string()});
-    EXPECT_TRUE(kp::NSSearchPathForDirectoriesInDomains(static_cast<kp::NSSearchPathDirectory>(5), kp::NSUserDomainMask,
-                                                        true)
-                    .empty());
-    fs::remove_all(root);
-}
+    unsetenv("XDG_CONFIG_HOME");
+    setenv("HOME", oldHome.c_str(), 1);
 
-TEST(NSSearchPath, PathStrings) {
     for (const auto& [path, extension] : std::vector<std::pair<std::string, std::string>>{
              {"x.tar.gz", "gz"}, {".profile", ""}, {"a.", ""}, {"dir.d/file", ""}, {"/x/y.txt/", "txt"}, {"", ""}}) {
         EXPECT_EQ(kp::pathExtension(path), extension) << path;
     }
-    EXPECT_EQ(kp::stringByAppendingPathComponent("/docs/", "a.png"), "/docs/a.png");
-    EXPECT_EQ(kp::stringByAppendingPathComponent("/docs", "sub/a.png"), "/docs/sub/a.png");
+    EXPECT_EQ(kp::stringByAppendingPathComponent("/docs/", "sub/a.png"), "/docs/sub/a.png");
+}
+
+TEST(NSFileManager, TheDocumentsUrlNamesAFolderThatExists) {
+    // A home without its documents folder: the lookup makes it, as the platform's always exists.
+    const kptest::ScratchFolder root("files");
+    const std::string documents = root.file("app home/Documents");
+    kp::setDocumentsDirectory(documents);
+    const auto urls =
+        kp::NSFileManager::defaultManager().URLsForDirectory(kp::NSDocumentDirectory, kp::NSUserDomainMask);
+    kp::setDocumentsDirectory("");
+    ASSERT_EQ(urls.size(), 1U);
+    EXPECT_EQ(urls[0]->path(), documents);
+    EXPECT_EQ(urls[0]->absoluteString(), "file://" + root.path() + "/app%20home/Documents");
+    EXPECT_TRUE(fs::is_directory(documents));
 }
 
 } // namespace

@@ -4,15 +4,12 @@
 #include "KPImage/Platform/AVAssetReader.h"
 #include "KPImage/Platform/Dispatch.h"
 #include "KPImage/Platform/NSSearchPath.h"
-#include "KPImage/Platform/NSThread.h"
 #include "support/ManualMainQueue.h"
 #include "support/MovieFrames.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
-
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -33,21 +30,18 @@ protected:
         kp::setDocumentsDirectory("");
         kp::setSavedPhotosAlbumDirectory("");
     }
-
     std::string folder() const { return _root.file("Documents") + "//SavedCameraData"; }
     std::string album() const { return _root.file("Album"); }
-
     // A small BGRA frame stamped at 7 s plus index / 30.
     static kp::CMSampleBufferRef frame(int index, bool ready = true) {
         return kptest::patternFrame(kp::kCVPixelFormatType_32BGRA, 32, 24, index, kp::CMTimeMake(210 + index, 30),
                                     ready);
     }
-
     // Stops and waits for the album callback to have counted the save.
-    void stopAndWaitForSave(uint32_t expectedCounter) {
+    void stopAndWaitForSave(uint32_t counter) {
         ASSERT_TRUE(_recorder->stopSavingCameraData());
-        ASSERT_TRUE(_main.drainUntil(
-            [&] { return !_recorder->isRecording() && _recorder->cameraDataCounter() == expectedCounter; }));
+        ASSERT_TRUE(
+            _main.drainUntil([&] { return !_recorder->isRecording() && _recorder->cameraDataCounter() == counter; }));
     }
 
     kptest::ScratchFolder _root{"recorder"};
@@ -56,26 +50,10 @@ protected:
     std::shared_ptr<KPCameraRollHelper> _recorder;
 };
 
-// An object that must outlive the static objects created after it: checked at exit.
-std::weak_ptr<KPCameraRollHelper> gSharedAtExit;
-
-TEST(CameraRollSharedInstance, LivesUntilTheProcessEnds) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a fresh process, where the instance is not made yet
-    EXPECT_EXIT(
-        {
-            // Handlers registered before the instance is made run after the static objects made later are gone.
-            std::atexit([] { std::_Exit(gSharedAtExit.expired() ? 1 : 0); });
-            gSharedAtExit = KPCameraRollHelper::getInstance();
-            std::exit(0);
-        },
-        ::testing::ExitedWithCode(0), "");
-}
-
 TEST_F(CameraRollTest, FolderAndFilePathsKeepTheDoubledSeparatorAndTheCache) {
     EXPECT_EQ(_recorder->getCameraDataFolderPath(), folder());
     kp::setDocumentsDirectory(_root.file("Elsewhere"));
     EXPECT_EQ(_recorder->getCameraDataFolderPath(), folder()) << "cached after the first success";
-    ASSERT_TRUE(_recorder->getCameraDataFilePath());
     EXPECT_EQ(_recorder->getCameraDataFilePath()->path(), folder() + "/FrontCardData0.mov");
     _recorder->setCameraDataCounter(0xFFFFFFFFU);
     EXPECT_EQ(_recorder->getCameraDataFilePath()->path(), folder() + "/FrontCardData-1.mov");
@@ -87,158 +65,64 @@ TEST_F(CameraRollTest, RecordsFromTheFirstFrameAndHandsTheMovieToTheAlbum) {
     EXPECT_FALSE(_recorder->stopSavingCameraData()) << "idle";
     ASSERT_TRUE(_recorder->startSavingCameraData());
     const auto writer = _recorder->outputWriter();
-    ASSERT_TRUE(writer);
     EXPECT_FALSE(_recorder->startSavingCameraData());
-    EXPECT_EQ(_recorder->outputWriter(), writer) << "a second start changes nothing";
-    // The very first start found no folder: one removal line, then the folder exists.
-    const auto lines = _log.lines();
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].rfind("Record Camera Data: Error removing folder at path: " + folder() + ", ", 0), 0U);
     EXPECT_TRUE(fs::is_directory(folder()));
-
     // Stopped while armed: stays armed, nothing saved, the same writer takes the next frame.
     EXPECT_TRUE(_recorder->stopSavingCameraData());
     EXPECT_TRUE(_recorder->isRecording());
-    EXPECT_EQ(writer->status(), kp::AVAssetWriterStatusUnknown);
-    EXPECT_FALSE(_recorder->startSavingCameraData());
-
     EXPECT_FALSE(_recorder->appendCameraData(frame(0, false))) << "data not ready";
     EXPECT_EQ(writer->status(), kp::AVAssetWriterStatusUnknown) << "a skipped frame does not start the writer";
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 10; ++i) {
         EXPECT_TRUE(_recorder->appendCameraData(frame(i)));
     }
     EXPECT_EQ(_recorder->outputWriter(), writer);
     stopAndWaitForSave(1);
-    EXPECT_EQ(writer->status(), kp::AVAssetWriterStatusCompleted);
     EXPECT_EQ(kptest::fileCount(folder()), 0U) << "the callback empties the working folder";
-    ASSERT_TRUE(fs::exists(album() + "/FrontCardData0.mov"));
-
+    EXPECT_EQ(_recorder->lastCameraDataSave()->albumPath, album() + "/FrontCardData0.mov");
     // The session starts at the first frame's time stamp, 7 s.
-    auto reader = kp::AVAssetReader::assetReaderWithURL(kp::NSURL::fileURLWithPath(album() + "/FrontCardData0.mov"),
-                                                        nullptr);
+    auto reader =
+        kp::AVAssetReader::assetReaderWithURL(kp::NSURL::fileURLWithPath(album() + "/FrontCardData0.mov"), nullptr);
     ASSERT_TRUE(reader);
-    EXPECT_EQ(reader->videoTrack().frames, 20);
+    EXPECT_EQ(reader->videoTrack().frames, 10);
     EXPECT_DOUBLE_EQ(reader->videoTrack().startTime, 0.0);
-    EXPECT_NEAR(reader->videoTrack().duration, 20.0 / 30.0, 1e-9);
-    const auto first = reader->copyNextSampleBuffer(kp::kCVPixelFormatType_32BGRA);
-    EXPECT_TRUE(kptest::samePixels(kp::CMSampleBufferGetImageBuffer(first), kp::CMSampleBufferGetImageBuffer(frame(0))));
-
+    EXPECT_NEAR(reader->videoTrack().duration, 10.0 / 30.0, 1e-9);
 }
 
-TEST_F(CameraRollTest, AHomeWithoutADocumentsFolderStillRecords) {
-    const std::string documents = _root.file("Fresh/Home/Documents");
-    kp::setDocumentsDirectory(documents);
-    _recorder = KPCameraRollHelper::create();
-    ASSERT_TRUE(_recorder->startSavingCameraData());
-    EXPECT_TRUE(fs::is_directory(documents + "/SavedCameraData"));
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(_recorder->appendCameraData(frame(i)));
-    }
-    stopAndWaitForSave(1);
-    const auto save = _recorder->lastCameraDataSave();
-    ASSERT_TRUE(save);
-    EXPECT_FALSE(save->error);
-    EXPECT_EQ(save->albumPath, album() + "/FrontCardData0.mov");
-}
-
-TEST_F(CameraRollTest, AFileInTheMoviesPlaceFailsTheRecordingWhichStillEndsAndCounts) {
-    ASSERT_TRUE(_recorder->startSavingCameraData());
+TEST_F(CameraRollTest, FailedRecordingsAndSavesStillEndCountAndEmptyTheFolder) {
     // Something else takes the movie's name before the first frame: the writer never overwrites it.
+    ASSERT_TRUE(_recorder->startSavingCameraData());
     std::ofstream(folder() + "/FrontCardData0.mov") << "someone else's";
     EXPECT_FALSE(_recorder->appendCameraData(frame(0)));
     EXPECT_EQ(_recorder->outputWriter()->status(), kp::AVAssetWriterStatusFailed);
     stopAndWaitForSave(1);
-    const auto save = _recorder->lastCameraDataSave();
-    ASSERT_TRUE(save);
-    ASSERT_TRUE(save->error) << "what the album was handed is not a movie";
-    EXPECT_NE(save->error->localizedDescription().find("not a movie"), std::string::npos);
-    EXPECT_EQ(save->albumPath, "");
+    ASSERT_TRUE(_recorder->lastCameraDataSave()->error) << "what the album was handed is not a movie";
     EXPECT_EQ(kptest::fileCount(album()), 0U);
-    // The recorder is free for the next recording, under the next name.
+
+    // The working folder deleted while recording: the writer fails clearly; the callback makes it again.
     ASSERT_TRUE(_recorder->startSavingCameraData());
     EXPECT_EQ(_recorder->videoFilePath()->path(), folder() + "/FrontCardData1.mov");
-    EXPECT_TRUE(_recorder->appendCameraData(frame(1)));
-    stopAndWaitForSave(2);
-    EXPECT_EQ(kptest::fileCount(album()), 1U);
-}
-
-TEST_F(CameraRollTest, ALateCallbackDeletesTheNextMovieAndEveryCallbackCounts) {
-    ASSERT_TRUE(_recorder->startSavingCameraData());
-    EXPECT_TRUE(_recorder->appendCameraData(frame(0)));
-    ASSERT_TRUE(_recorder->stopSavingCameraData());
-    // The finish block clears isRecording off the main queue; the album callback waits for the main queue.
-    for (int i = 0; i < 2000 && _recorder->isRecording(); ++i) {
-        kp::NSThread::sleepForTimeInterval(0.005);
-    }
-    ASSERT_FALSE(_recorder->isRecording());
-    // The album takes the movie on its own queue; its callback is what waits for the main queue. A start before
-    // the album has the file would empty the folder under it.
-    for (int i = 0; i < 2000 && kptest::fileCount(album()) == 0; ++i) {
-        kp::NSThread::sleepForTimeInterval(0.005);
-    }
-    ASSERT_TRUE(_recorder->startSavingCameraData());
-    EXPECT_EQ(_recorder->videoFilePath()->path(), folder() + "/FrontCardData0.mov") << "the counter has not risen";
-    EXPECT_TRUE(_recorder->appendCameraData(frame(1)));
-    ASSERT_TRUE(_main.drainUntil([&] { return _recorder->cameraDataCounter() == 1; }));
-    EXPECT_FALSE(fs::exists(folder() + "/FrontCardData0.mov")) << "the late callback emptied the folder";
-    // The second movie is gone: its save fails, and still counts.
-    stopAndWaitForSave(2);
-    EXPECT_EQ(kptest::fileCount(album()), 1U);
-}
-
-TEST_F(CameraRollTest, AFailedAlbumSaveStillCountsAndEmptiesTheFolder) {
-    // An album path that is a regular file cannot take anything, even for root.
-    fs::create_directories(_root.path());
-    std::ofstream(album()) << "not a folder";
-    ASSERT_TRUE(_recorder->startSavingCameraData());
-    EXPECT_TRUE(_recorder->appendCameraData(frame(0)));
-    stopAndWaitForSave(1);
-    EXPECT_EQ(kptest::fileCount(folder()), 0U);
-    EXPECT_TRUE(fs::is_regular_file(album()));
-}
-
-TEST_F(CameraRollTest, ImagesGoToTheAlbumAsPngAndDoNotCount) {
-    _recorder->saveImageToCameraRoll(std::nullopt, nullptr);
-    const auto image = kptest::grayImage(40, 30, [](size_t x, size_t y) { return x * 5 + y; });
-    auto description = std::make_shared<std::string>("front of card");
-    _recorder->saveImageToCameraRoll(image, description);
-    ASSERT_TRUE(_main.drainUntil([&] { return kptest::fileCount(album()) == 1; }));
-    _main.drain();
-    for (const auto& entry : fs::directory_iterator(album())) {
-        EXPECT_EQ(entry.path().extension(), ".png");
-        const auto back = kp::UIImage::imageWithContentsOfFile(entry.path().string());
-        ASSERT_TRUE(back);
-        EXPECT_EQ(back->size().width, 40);
-    }
-    EXPECT_EQ(_recorder->cameraDataCounter(), 0U);
-}
-
-TEST_F(CameraRollTest, WorkingFolderDeletedWhileRecordingFailsClearlyWithoutBlocking) {
-    fs::create_directories(album());
-    std::ofstream(album() + "/kept.mov") << "an earlier save";
-    ASSERT_TRUE(_recorder->startSavingCameraData());
-    int appended = 0;
     for (int i = 0; i < 90; ++i) {
         if (i == 10) {
             fs::remove_all(folder());
         }
-        appended += _recorder->appendCameraData(frame(i)) ? 1 : 0;
+        _recorder->appendCameraData(frame(i));
     }
-    EXPECT_LT(appended, 90);
-    const auto writer = _recorder->outputWriter();
-    EXPECT_EQ(writer->status(), kp::AVAssetWriterStatusFailed);
-    ASSERT_TRUE(writer->error());
-    EXPECT_NE(writer->error()->localizedDescription().find("was removed"), std::string::npos);
-    bool logged = false;
-    for (const auto& line : _log.lines()) {
-        logged |= line.rfind("Record Camera Data: An error has occured recording the camera. Error Domain="
-                             "AVFoundationErrorDomain Code=-11821",
-                             0) == 0;
-    }
-    EXPECT_TRUE(logged);
-    stopAndWaitForSave(1);
-    EXPECT_TRUE(fs::exists(album() + "/kept.mov"));
-    EXPECT_TRUE(fs::is_directory(folder())) << "recreated by the callback";
+    ASSERT_TRUE(_recorder->outputWriter()->error());
+    EXPECT_NE(_recorder->outputWriter()->error()->localizedDescription().find("was removed"), std::string::npos);
+    stopAndWaitForSave(2);
+    EXPECT_TRUE(fs::is_directory(folder()));
+}
+
+TEST_F(CameraRollTest, ImagesGoToTheAlbumAsPngAndDoNotCount) {
+    _recorder->saveImageToCameraRoll(std::nullopt, nullptr);
+    _recorder->saveImageToCameraRoll(kptest::grayImage(40, 30, [](size_t x, size_t y) { return x * 5 + y; }),
+                                     std::make_shared<std::string>("front of card"));
+    ASSERT_TRUE(_main.drainUntil([&] { return kptest::fileCount(album()) == 1; }));
+    _main.drain();
+    const auto entry = *fs::directory_iterator(album());
+    EXPECT_EQ(kp::UIImage::imageWithContentsOfFile(entry.path().string())->size().width, 40);
+    EXPECT_EQ(entry.path().extension(), ".png");
+    EXPECT_EQ(_recorder->cameraDataCounter(), 0U);
 }
 
 TEST_F(CameraRollTest, FrameQueueAppendsWhileTheMainThreadStops) {
@@ -246,9 +130,7 @@ TEST_F(CameraRollTest, FrameQueueAppendsWhileTheMainThreadStops) {
     auto queue = kp::dispatch_queue_create("VideoDataOutputQueue", kp::DISPATCH_QUEUE_SERIAL);
     std::atomic<int> delivered{0};
     std::atomic<bool> running{true};
-    std::function<void()> deliver;
-    auto recorder = _recorder;
-    deliver = [&, recorder] {
+    std::function<void()> deliver = [&, recorder = _recorder] {
         const int i = delivered.fetch_add(1);
         recorder->appendCameraData(frame(i));
         if (running.load() && i < 2000) {
@@ -257,8 +139,7 @@ TEST_F(CameraRollTest, FrameQueueAppendsWhileTheMainThreadStops) {
     };
     kp::dispatch_async(queue, deliver);
     ASSERT_TRUE(_main.drainUntil([&] { return delivered.load() > 15; }));
-    EXPECT_TRUE(_recorder->stopSavingCameraData());
-    ASSERT_TRUE(_main.drainUntil([&] { return !_recorder->isRecording() && _recorder->cameraDataCounter() == 1; }));
+    stopAndWaitForSave(1);
     running = false;
     kp::dispatch_sync(queue, [] {});
     EXPECT_GE(kptest::fileCount(album()), 1U);

@@ -8,20 +8,38 @@
 
 #include <algorithm>
 #include <array>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 using namespace kp;
 
 namespace {
 
-// Y, Cb, Cr of a '420f' buffer's pixel.
-std::array<int, 3> yuvAt(const CVPixelBufferRef& pixels, size_t x, size_t y) {
+constexpr OSType k420v = kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange;
+constexpr OSType k420f = kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+
+// Y, Cb, Cr of a bi-planar buffer's pixel, or B, G, R of a BGRA one.
+std::array<int, 3> pixelAt(const CVPixelBufferRef& pixels, size_t x, size_t y) {
     const auto& luma = pixels->plane(0);
+    if (pixels->pixelFormat() == kCVPixelFormatType_32BGRA) {
+        const uint8_t* p = pixels->bytes() + y * luma.bytesPerRow + x * 4;
+        return {p[0], p[1], p[2]};
+    }
     const auto& chroma = pixels->plane(1);
     const uint8_t* c = pixels->bytes() + chroma.offset + (y / 2) * chroma.bytesPerRow + (x / 2) * 2;
     return {pixels->bytes()[luma.offset + y * luma.bytesPerRow + x], c[0], c[1]};
+}
+
+// A bi-planar buffer of the format with every pixel (y, cb, cr).
+CVPixelBufferRef filled420(OSType format, size_t width, size_t height, std::array<int, 3> yuv) {
+    CVPixelBufferRef pixels;
+    if (CVPixelBufferCreate(width, height, format, &pixels) != kCVReturnSuccess) {
+        return nullptr;
+    }
+    const size_t chroma = pixels->plane(1).offset;
+    std::fill_n(pixels->bytes(), chroma, static_cast<uint8_t>(yuv[0]));
+    for (size_t i = chroma; i + 1 < pixels->dataSize(); i += 2) {
+        pixels->bytes()[i] = static_cast<uint8_t>(yuv[1]), pixels->bytes()[i + 1] = static_cast<uint8_t>(yuv[2]);
+    }
+    return pixels;
 }
 
 } // namespace
@@ -29,98 +47,50 @@ std::array<int, 3> yuvAt(const CVPixelBufferRef& pixels, size_t x, size_t y) {
 TEST(PixelConverter, CameraLayoutsNeedTheirBytesAndKeepOddSizes) {
     PixelConverter converter;
     using Layout = PixelConverter::CameraLayout;
-    constexpr OSType k420f = kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
     // 3 x 3 NV12 needs rows of 4 (two chroma pairs) and two chroma rows: 4 * 3 + 4 * 2 bytes.
-    std::vector<uint8_t> nv12(20, 81);
-    for (size_t i = 12; i < 20; i += 2) {
-        nv12[i] = 90;
-        nv12[i + 1] = 240;
-    }
+    const std::vector<uint8_t> nv12{81, 81, 81, 81, 81, 81, 81, 81, 81, 81, 81, 81, 90, 240, 90, 240, 90, 240, 90, 240};
+    std::vector<uint8_t> packed(8 * 2, 0);
     EXPECT_FALSE(converter.convertCamera(Layout::NV12, nv12.data(), 19, 3, 3, 4, k420f, 3, 3)) << "a byte short";
     EXPECT_FALSE(converter.convertCamera(Layout::NV12, nv12.data(), 20, 3, 3, 3, k420f, 3, 3)) << "stride too small";
-    const auto out = converter.convertCamera(Layout::NV12, nv12.data(), nv12.size(), 3, 3, 4, k420f, 3, 3);
-    ASSERT_TRUE(out);
-    EXPECT_NEAR(yuvAt(out, 2, 2)[2], 255, 1); // the odd last column has its chroma, widened to full range
-
     // Packed 4:2:2 of odd width: the last pixel pair is whole.
-    std::vector<uint8_t> packed(8 * 2, 0);
     EXPECT_FALSE(converter.convertCamera(Layout::UYVY, packed.data(), packed.size(), 3, 2, 6, k420f, 3, 2));
     EXPECT_FALSE(converter.convertCamera(Layout::YUYV, packed.data(), packed.size() - 1, 3, 2, 8, k420f, 3, 2));
     EXPECT_TRUE(converter.convertCamera(Layout::YUYV, packed.data(), packed.size(), 3, 2, 8, k420f, 3, 2));
-    EXPECT_FALSE(converter.convertCamera(Layout::NV12, nullptr, 100, 2, 2, 2, k420f, 2, 2));
-    EXPECT_FALSE(converter.convertCamera(Layout::NV12, nv12.data(), nv12.size(), 0, 3, 4, k420f, 3, 3));
-
-    // A '420f' buffer converted to '420f' of the same size keeps its chroma.
-    const auto copy = converter.convert(out, k420f, 3, 3);
-    ASSERT_TRUE(copy);
-    EXPECT_EQ(yuvAt(copy, 2, 2), yuvAt(out, 2, 2));
+    const auto out = converter.convertCamera(Layout::NV12, nv12.data(), nv12.size(), 3, 3, 4, k420f, 3, 3);
+    ASSERT_TRUE(out);
+    EXPECT_NEAR(pixelAt(out, 2, 2)[2], 255, 1); // the odd last column has its chroma, widened to full range
 }
-
-namespace {
-
-// A bi-planar buffer of the format with every pixel (y, cb, cr).
-CVPixelBufferRef filled420(OSType format, size_t width, size_t height, uint8_t y, uint8_t cb, uint8_t cr) {
-    CVPixelBufferRef pixels;
-    if (CVPixelBufferCreate(width, height, format, &pixels) != kCVReturnSuccess) {
-        return nullptr;
-    }
-    const auto& chroma = pixels->plane(1);
-    std::fill_n(pixels->bytes(), chroma.offset, y);
-    for (size_t i = chroma.offset; i + 1 < pixels->dataSize(); i += 2) {
-        pixels->bytes()[i] = cb;
-        pixels->bytes()[i + 1] = cr;
-    }
-    return pixels;
-}
-
-} // namespace
 
 TEST(PixelConverter, VideoRangeFramesConvertWithTheirOwnRange) {
-    constexpr OSType k420v = kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange;
-    constexpr OSType k420f = kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
     // Same size (the converter's own copy) and scaled (libswscale), between the two ranges and to BGRA.
-    struct Case {
-        OSType from;
-        std::array<int, 3> yuv;
-        OSType to;
-        std::array<int, 3> expected; // Y, Cb, Cr, or B, G, R for BGRA
-    };
-    const Case cases[] = {
-        {k420v, {16, 128, 128}, k420f, {0, 128, 128}},      {k420v, {235, 240, 16}, k420f, {255, 255, 0}},
-        {k420f, {0, 128, 128}, k420v, {16, 128, 128}},      {k420f, {255, 255, 0}, k420v, {235, 240, 16}},
-        {k420v, {81, 90, 240}, k420v, {81, 90, 240}},       {k420v, {16, 128, 128}, kCVPixelFormatType_32BGRA, {0, 0, 0}},
-        {k420v, {235, 128, 128}, kCVPixelFormatType_32BGRA, {255, 255, 255}},
-        {k420f, {255, 128, 128}, kCVPixelFormatType_32BGRA, {255, 255, 255}},
+    constexpr OSType kBGRA = kCVPixelFormatType_32BGRA;
+    const std::tuple<OSType, std::array<int, 3>, OSType, std::array<int, 3>> cases[] = {
+        {k420v, {16, 128, 128}, k420f, {0, 128, 128}},    {k420v, {235, 240, 16}, k420f, {255, 255, 0}},
+        {k420f, {0, 128, 128}, k420v, {16, 128, 128}},    {k420f, {255, 255, 0}, k420v, {235, 240, 16}},
+        {k420v, {81, 90, 240}, k420v, {81, 90, 240}},     {k420v, {16, 128, 128}, kBGRA, {0, 0, 0}},
+        {k420v, {235, 128, 128}, kBGRA, {255, 255, 255}}, {k420f, {255, 128, 128}, kBGRA, {255, 255, 255}},
         {k420v, {126, 236, 20}, k420f, {128, 251, 5}}, // chroma widens by 255 / 224, luma by 255 / 219
     };
     PixelConverter converter;
-    for (const Case& c : cases) {
-        const auto source = filled420(c.from, 8, 6, static_cast<uint8_t>(c.yuv[0]), static_cast<uint8_t>(c.yuv[1]),
-                                      static_cast<uint8_t>(c.yuv[2]));
+    for (const auto& [from, yuv, to, expected] : cases) {
+        const auto source = filled420(from, 8, 6, yuv);
         ASSERT_TRUE(source);
         for (const size_t width : {8, 4}) {
-            const auto out = converter.convert(source, c.to, width, width * 3 / 4);
-            ASSERT_TRUE(out) << c.yuv[0] << " to " << width;
-            EXPECT_EQ(out->pixelFormat(), c.to);
-            std::array<int, 3> got{};
-            if (c.to == kCVPixelFormatType_32BGRA) {
-                const uint8_t* p = out->bytes() + out->plane(0).bytesPerRow + 4;
-                got = {p[0], p[1], p[2]};
-            } else {
-                got = yuvAt(out, 1, 1);
-            }
+            SCOPED_TRACE("Y " + std::to_string(yuv[0]) + " to width " + std::to_string(width));
+            const auto out = converter.convert(source, to, width, width * 3 / 4);
+            ASSERT_TRUE(out && out->pixelFormat() == to);
+            const auto got = pixelAt(out, 1, 1);
             for (size_t i = 0; i < 3; ++i) {
                 // libswscale's scaling rounds to within 2; a range mistake is 16 or more off.
-                EXPECT_NEAR(got[i], c.expected[i], 2) << "case Y " << c.yuv[0] << ", width " << width << ", part " << i;
+                EXPECT_NEAR(got[i], expected[i], 2) << "part " << i;
             }
         }
     }
-
     // The detectors' grey: video-range luma widened, so both ranges give the same picture.
     for (const auto& [format, y, grey] : {std::tuple{k420v, 16, 0}, std::tuple{k420v, 235, 255},
                                           std::tuple{k420v, 126, 128}, std::tuple{k420f, 126, 126}}) {
         LumaImage luma;
-        ASSERT_TRUE(LumaImageFromPixelBuffer(filled420(format, 4, 4, static_cast<uint8_t>(y), 128, 128), luma));
+        ASSERT_TRUE(LumaImageFromPixelBuffer(filled420(format, 4, 4, {y, 128, 128}), luma));
         EXPECT_EQ(luma.pixels.at(5), grey) << y;
     }
 }

@@ -14,25 +14,21 @@
 using namespace kp;
 
 TEST(MetadataObjects, PointDictionariesRoundTripAndRejectWhatIsNoPoint) {
-    const CGPoint p{0.25, -3.5};
-    const CGPointDictionary d = CGPointCreateDictionaryRepresentation(p);
-    EXPECT_EQ(d.size(), 2u);
     CGPoint back{9, 9};
-    EXPECT_TRUE(CGPointMakeWithDictionaryRepresentation(d, &back));
-    EXPECT_EQ(back.x, 0.25);
-    EXPECT_EQ(back.y, -3.5);
+    EXPECT_TRUE(CGPointMakeWithDictionaryRepresentation(CGPointCreateDictionaryRepresentation({0.25, -3.5}), &back));
+    EXPECT_EQ(back, CGPointMake(0.25, -3.5));
     // Extra keys do not matter; a missing coordinate makes no point and leaves (0, 0).
-    CGPointDictionary extra = d;
-    extra["Z"] = 1;
-    EXPECT_TRUE(CGPointMakeWithDictionaryRepresentation(extra, &back));
-    for (const CGPointDictionary& bad : {CGPointDictionary{}, CGPointDictionary{{"X", 1.0}},
-                                         CGPointDictionary{{"Y", 1.0}}, CGPointDictionary{{"x", 1.0}, {"y", 2.0}}}) {
+    const std::pair<CGPointDictionary, bool> cases[] = {{{{"X", 1.0}, {"Y", 2.0}, {"Z", 1.0}}, true},
+                                                        {{}, false},
+                                                        {{{"X", 1.0}}, false},
+                                                        {{{"Y", 1.0}}, false},
+                                                        {{{"x", 1.0}, {"y", 2.0}}, false}};
+    for (const auto& [dict, valid] : cases) {
         CGPoint q{7, 7};
-        EXPECT_FALSE(CGPointMakeWithDictionaryRepresentation(bad, &q));
-        EXPECT_EQ(q.x, 0.0);
-        EXPECT_EQ(q.y, 0.0);
+        EXPECT_EQ(CGPointMakeWithDictionaryRepresentation(dict, &q), valid);
+        EXPECT_EQ(q, valid ? CGPointMake(1, 2) : CGPointZero);
     }
-    EXPECT_FALSE(CGPointMakeWithDictionaryRepresentation(d, nullptr));
+    EXPECT_FALSE(CGPointMakeWithDictionaryRepresentation(CGPointCreateDictionaryRepresentation({1, 2}), nullptr));
 }
 
 TEST(MetadataObjects, DetectorReportsCodesInNormalisedGeometry) {
@@ -53,10 +49,7 @@ TEST(MetadataObjects, DetectorReportsCodesInNormalisedGeometry) {
         ASSERT_TRUE(CGPointMakeWithDictionaryRepresentation(code->corners()[i], &p));
         EXPECT_NEAR(p.x, pic.corners[i].x / 640, 0.02);
         EXPECT_NEAR(p.y, pic.corners[i].y / 480, 0.02);
-        EXPECT_GE(p.x, b.origin.x - 1e-9);
-        EXPECT_LE(p.x, b.origin.x + b.size.width + 1e-9);
-        EXPECT_GE(p.y, b.origin.y - 1e-9);
-        EXPECT_LE(p.y, b.origin.y + b.size.height + 1e-9);
+        EXPECT_TRUE(CGRectContainsPoint(CGRectInset(b, -1e-9, -1e-9), p));
     }
     // A copy is the same kind of object with the same fields; new geometry leaves the original alone.
     const auto copy = code->copy();
