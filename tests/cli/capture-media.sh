@@ -8,9 +8,8 @@
 set -u
 kpimage=$1 photo=$2 work=$3
 rm -rf "$work" && mkdir -p "$work" || exit 1
-for tool in ffmpeg zint; do
-    command -v "$tool" >/dev/null || { echo "capture-media.sh: $tool is missing (scripts/setup installs it)" >&2; exit 1; }
-done
+command -v ffmpeg >/dev/null && command -v zint >/dev/null ||
+    { echo "capture-media.sh: ffmpeg or zint is missing (scripts/setup installs them)" >&2; exit 1; }
 
 # The card's data as the code holds it (\R is the record separator), and as kpimage prints it in JSON.
 data='@\n\R\rANSI 636000090002DL00410185ZV02260008DLDAQK1234567\nDCSDOE\nDACJANE\nDBB01021990\nDAG1 MAIN STREET\nDAIANYTOWN\nDAJCA\r'

@@ -45,17 +45,17 @@ public:
 
 struct Running {
     std::shared_ptr<AVCaptureSession> session;
+    std::shared_ptr<AVCaptureVideoDataOutput> output;
     std::shared_ptr<Delegate> delegate;
 };
 
 // A running session with frame and still outputs on the device.
 Running running(const AVCaptureDevice::Ref& device, const dispatch_queue_t& queue) {
-    Running r{AVCaptureSession::create(), std::make_shared<Delegate>()};
-    auto output = AVCaptureVideoDataOutput::create();
-    output->setSampleBufferDelegate(r.delegate, queue);
+    Running r{AVCaptureSession::create(), AVCaptureVideoDataOutput::create(), std::make_shared<Delegate>()};
+    r.output->setSampleBufferDelegate(r.delegate, queue);
     r.session->setSessionPreset(AVCaptureSessionPresetLow);
     r.session->addInput(AVCaptureDeviceInput::deviceInputWithDevice(device));
-    r.session->addOutput(output);
+    r.session->addOutput(r.output);
     r.session->addOutput(AVCaptureStillImageOutput::create());
     r.session->startRunning();
     return r;
@@ -121,6 +121,9 @@ TEST(CameraLifetime, SessionsDroppedAndDevicesRemovedWhileFramesFlow) {
             }
         });
         ASSERT_TRUE(main.drainUntil([&] { return first.delegate->frames > 0 && second.delegate->frames > 0; }, 60));
+        for (int k = 0; k < 20; ++k) { // the host sets the delegate again while frames arrive
+            first.output->setSampleBufferDelegate(first.delegate, queue);
+        }
         // The host lets go of everything while frames flow: devices first or sessions first.
         const auto dropSessions = [&] { first = {}, second = {}; };
         const auto dropDevices = [&] {

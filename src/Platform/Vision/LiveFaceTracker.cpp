@@ -79,6 +79,8 @@ constexpr double kSteadyResize = 0.03;
 // A detection within kStillShift of the last fitted one's width of its centre, and within kDetectionStep of its width
 // (a pyramid level and some), shows a face held still.
 constexpr double kDetectionStep = 0.3;
+// A new face is measured again at the tracked search's scale at most this many times until its box holds.
+constexpr int kMeasureRounds = 3;
 
 // dlib decodes its face detector from a compressed model, which takes longer than searching a picture: every
 // tracker of the process copies one decoded instance.
@@ -868,15 +870,27 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
             }
             const Track* before = trackOf[j] < _impl->tracks.size() ? &_impl->tracks[trackOf[j]] : nullptr;
             if (before == nullptr && _impl->mode == Mode::Video && f.recoveryRoll == 0.0) {
-                // A new face found by another search is measured as its track will be in the next frames: the
-                // detector's box steps with the pyramid levels of the search, and the landmarks with it.
-                const RotatedCrop crop = aroundFace(f.box);
-                const auto again = _impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop);
-                const auto best = std::max_element(again.begin(), again.end(), [&](const Found& a, const Found& b) {
-                    return matchScore(f.box, a.box) < matchScore(f.box, b.box);
-                });
-                if (best != again.end() && matchScore(f.box, best->box) > 0) {
+                // A new face found by another search is measured as its track will be in the next frames: around
+                // the box of its landmarks, at the tracked search's scale. The detector's box steps with the pyramid
+                // levels of the search that found it (a coarse level may make it a fifth too large, and a search at
+                // the scale of a too-large box finds it too large again), so the measure is repeated around its own
+                // result until the box holds.
+                for (int round = 0; round < kMeasureRounds; ++round) {
+                    const CGRect fit = f.hasLandmarks ? boxFromLandmarks(f.pts) : CGRectZero;
+                    const CGRect around = fit.size.width > 0 ? fit : f.box;
+                    const RotatedCrop crop = aroundFace(around);
+                    const auto again = _impl->detect(_impl->trackedDetector, crop.sample(frame), crop.scale, &crop);
+                    const auto best = std::max_element(again.begin(), again.end(), [&](const Found& a, const Found& b) {
+                        return matchScore(around, a.box) < matchScore(around, b.box);
+                    });
+                    if (best == again.end() || matchScore(around, best->box) <= 0) {
+                        break;
+                    }
+                    const bool held = std::abs(best->box.size.width - f.box.size.width) < 0.02 * f.box.size.width;
                     f = *best;
+                    if (held) {
+                        break;
+                    }
                 }
             }
             Track now;
