@@ -3,9 +3,11 @@
 #pragma once
 
 #include "KPImage/Platform/SystemLog.h"
+#include "KPImage/Platform/UIGraphics.h"
 #include "KPImage/Platform/UIImage.h"
 
 #include <cstdint>
+#include <optional>
 
 namespace kp::detail {
 
@@ -25,5 +27,26 @@ inline uint64_t toUnsigned(double v) {
     }
     return static_cast<uint64_t>(v);
 }
+
+/// An image context (not opaque, scale 1) open for the object's life. A begin always pushes an entry, null
+/// when the size cannot make a bitmap, so the end is always paired with it.
+class ImageContext {
+public:
+    explicit ImageContext(CGSize size) {
+        UIGraphicsBeginImageContextWithOptions(size, false, 1.0);
+        _context = UIGraphicsGetCurrentContext();
+    }
+    ~ImageContext() { UIGraphicsEndImageContext(); }
+    ImageContext(const ImageContext&) = delete;
+    ImageContext& operator=(const ImageContext&) = delete;
+    /// Null when no bitmap could be made: nothing is drawn and no image comes out.
+    const CGContextRef& context() const { return _context; }
+    std::optional<UIImage> image() const {
+        return _context ? UIGraphicsGetImageFromCurrentImageContext() : std::nullopt;
+    }
+
+private:
+    CGContextRef _context;
+};
 
 } // namespace kp::detail

@@ -5,33 +5,14 @@
 #include "KPImage/Platform/CIDetector.h"
 #include "KPImage/Platform/NSStringDrawing.h"
 #include "KPImage/Platform/UIGraphics.h"
+#include "KPImage/ImagingHelperSupport.h"
 #include "Platform/Graphics/Allocation.h"
 
 #include <cstdint>
 
 namespace kp {
 
-namespace {
-
-// An image context (not opaque, scale 1) open for the object's life. A begin always pushes an entry, null
-// when the size cannot make a bitmap, so the end is always paired with it.
-class ImageContext {
-public:
-    explicit ImageContext(CGSize size) {
-        UIGraphicsBeginImageContext(size);
-        _context = UIGraphicsGetCurrentContext();
-    }
-    ~ImageContext() { UIGraphicsEndImageContext(); }
-    ImageContext(const ImageContext&) = delete;
-    ImageContext& operator=(const ImageContext&) = delete;
-    /// Null when no bitmap could be made: nothing is drawn and no image comes out.
-    const CGContextRef& context() const { return _context; }
-
-private:
-    CGContextRef _context;
-};
-
-} // namespace
+using detail::ImageContext;
 
 FaceFeatures UIImage::getFaceFeaturesWithAccuracy(int32_t accuracy) const {
     return getFaceFeaturesWithAccuracy(accuracy, false);

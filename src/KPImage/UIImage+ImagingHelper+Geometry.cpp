@@ -20,6 +20,7 @@ kp::CGFloat RadiansToDegrees(kp::CGFloat radians) { return radians * 180.0 / 3.1
 
 namespace kp {
 
+using detail::ImageContext;
 using detail::logMissingBitmap;
 using detail::toUnsigned;
 
@@ -30,26 +31,6 @@ constexpr int kCropLine = 801;
 constexpr int kCropViewLine = 860;
 constexpr int kRotateLine = 942;
 
-// An image context (not opaque, scale 1) open for the object's life. A begin always pushes an entry, null
-// when the size cannot make a bitmap, so the end is always paired with it.
-class ImageContext {
-public:
-    explicit ImageContext(CGSize size) {
-        UIGraphicsBeginImageContextWithOptions(size, false, 1.0);
-        _context = UIGraphicsGetCurrentContext();
-    }
-    ~ImageContext() { UIGraphicsEndImageContext(); }
-    ImageContext(const ImageContext&) = delete;
-    ImageContext& operator=(const ImageContext&) = delete;
-    /// Null when no bitmap could be made: nothing is drawn and no image comes out.
-    const CGContextRef& context() const { return _context; }
-    std::optional<UIImage> image() const {
-        return _context ? UIGraphicsGetImageFromCurrentImageContext() : std::nullopt;
-    }
-
-private:
-    CGContextRef _context;
-};
 
 std::optional<UIImage> wrap(const CGImageRef& image) {
     if (!image) {

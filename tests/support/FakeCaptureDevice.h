@@ -2,6 +2,7 @@
 // A scripted camera for tests: chosen capabilities, lock failures, start failures and frames pushed by the test.
 #pragma once
 
+#include "KPImage/Platform/AVCaptureVideoDataOutput.h"
 #include "KPImage/Platform/CaptureDeviceBackend.h"
 
 #include <cstdint>
@@ -104,6 +105,22 @@ private:
     std::mutex _mutex;
     std::shared_ptr<kp::CaptureDeviceBackend> _camera;
     int _frames = 0;
+};
+
+/// The frames a video data output hands over, kept in order.
+class SampleList final : public kp::AVCaptureVideoDataOutputSampleBufferDelegate {
+public:
+    void captureOutput(const std::shared_ptr<kp::AVCaptureOutput>&, const kp::CMSampleBufferRef& sample,
+                       const std::shared_ptr<kp::AVCaptureConnection>&) override {
+        std::lock_guard lock(mutex);
+        samples.push_back(sample);
+    }
+    size_t count() {
+        std::lock_guard lock(mutex);
+        return samples.size();
+    }
+    std::mutex mutex;
+    std::vector<kp::CMSampleBufferRef> samples;
 };
 
 } // namespace kptest

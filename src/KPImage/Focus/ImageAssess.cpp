@@ -12,30 +12,11 @@ namespace kp::focus {
 
 namespace {
 
-// 32-bit signed arithmetic of the final steps, wrapping the way the scores are defined instead of overflowing.
-int32_t wrappingAdd(int32_t a, int32_t b) { return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b)); }
-int32_t wrappingSquare(int32_t a) { return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(a)); }
-
 // Every float step is rounded to single precision on its own: going through memory stops both excess
 // precision and the fusing of a multiply and an add into one rounding, which would change scores.
 float single(float v) {
     const volatile float rounded = v;
     return rounded;
-}
-
-// Float to int32 toward zero. Wrapped squares can push a quotient out of range (or make it NaN); such
-// values saturate and NaN gives 0, instead of being undefined.
-int32_t truncateToInt32(float v) {
-    if (std::isnan(v)) {
-        return 0;
-    }
-    if (v >= 2147483648.0f) {
-        return INT32_MAX;
-    }
-    if (v < -2147483648.0f) {
-        return INT32_MIN;
-    }
-    return static_cast<int32_t>(v);
 }
 
 // truncate(q * 100 / (q + 2000000) + 0.5): 50 at q = 2000000, towards 100 above.

@@ -5,6 +5,7 @@
 #include "KPImage/Focus/ImageAssess.h"
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 
 namespace kp::focus {
@@ -28,6 +29,30 @@ struct FocusSums {
 
     friend bool operator==(const FocusSums&, const FocusSums&) = default;
 };
+
+/// 32-bit signed arithmetic of the scores' final steps, wrapping the way the scores are defined instead of
+/// overflowing.
+inline int32_t wrappingAdd(int32_t a, int32_t b) {
+    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+inline int32_t wrappingSquare(int32_t a) {
+    return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(a));
+}
+
+/// Float to int32 toward zero. Wrapped squares can push a quotient out of range (or make it NaN); such values
+/// saturate and NaN gives 0, instead of being undefined.
+inline int32_t truncateToInt32(float v) {
+    if (std::isnan(v)) {
+        return 0;
+    }
+    if (v >= 2147483648.0f) {
+        return INT32_MAX;
+    }
+    if (v < -2147483648.0f) {
+        return INT32_MIN;
+    }
+    return static_cast<int32_t>(v);
+}
 
 /// The implementations of the block loop.
 enum class FocusKernel { Scalar, SSE41, AVX2, AVX512 };

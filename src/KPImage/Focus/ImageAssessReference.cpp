@@ -54,24 +54,6 @@ FocusSums referenceFocusSums(const uint8_t* frame) {
 
 namespace {
 
-// 32-bit signed arithmetic that wraps instead of overflowing.
-int32_t wrappingAdd(int32_t a, int32_t b) { return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b)); }
-int32_t wrappingSquare(int32_t a) { return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(a)); }
-
-// Float to int32 toward zero; out-of-range values saturate and NaN gives 0 rather than being undefined.
-int32_t truncateToInt32(float v) {
-    if (std::isnan(v)) {
-        return 0;
-    }
-    if (v >= 2147483648.0f) {
-        return INT32_MAX;
-    }
-    if (v < -2147483648.0f) {
-        return INT32_MIN;
-    }
-    return static_cast<int32_t>(v);
-}
-
 int32_t halfScore(int32_t q) {
     const float quotient = static_cast<float>(q) * 100.0f / static_cast<float>(wrappingAdd(q, 2000000));
     return truncateToInt32(quotient + 0.5f);

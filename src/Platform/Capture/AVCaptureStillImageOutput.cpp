@@ -4,6 +4,7 @@
 
 #include "KPImage/Platform/AVCaptureSession.h"
 #include "KPImage/Platform/Dispatch.h"
+#include "Platform/Capture/OfferedFormats.h"
 #include "Platform/Media/PixelConverter.h"
 
 #include <cmath>
@@ -12,11 +13,6 @@ namespace kp {
 
 namespace {
 constexpr int64_t kStillTimeoutNanoseconds = 5 * NSEC_PER_SEC;
-
-bool isOffered(int64_t format) {
-    return format == kCVPixelFormatType_32BGRA ||
-           (format >= 0 && format <= UINT32_MAX && isBiPlanar420(static_cast<OSType>(format)));
-}
 
 NSErrorRef stillError(AVError code, const char* text) {
     return NSError::errorWithDescription(AVFoundationErrorDomain, code, text);
@@ -33,7 +29,7 @@ AVVideoSettings AVCaptureStillImageOutput::outputSettings() const {
 
 void AVCaptureStillImageOutput::setOutputSettings(const AVVideoSettings& settings) {
     const auto it = settings.find(kCVPixelBufferPixelFormatTypeKey);
-    if (it != settings.end() && isOffered(it->second)) {
+    if (it != settings.end() && isOfferedPixelFormat(it->second)) {
         _pixelFormat.store(static_cast<OSType>(it->second), std::memory_order_release);
     }
 }

@@ -4,6 +4,7 @@
 
 #include "KPImage/Platform/AVCaptureSession.h"
 #include "KPImage/Platform/SystemLog.h"
+#include "Platform/Capture/OfferedFormats.h"
 
 #include <cstdint>
 #include <string>
@@ -13,11 +14,6 @@ namespace kp {
 namespace {
 // Frames that may wait on the delegate queue when late frames are not discarded.
 constexpr int32_t kMaxQueuedFrames = 8;
-
-bool isOffered(int64_t format) {
-    return format == kCVPixelFormatType_32BGRA ||
-           (format >= 0 && format <= UINT32_MAX && isBiPlanar420(static_cast<OSType>(format)));
-}
 
 // A format as its four characters where they are printable, else as a number.
 std::string formatName(int64_t format) {
@@ -48,7 +44,7 @@ void AVCaptureVideoDataOutput::setVideoSettings(const AVVideoSettings& settings)
     if (it == settings.end()) {
         return;
     }
-    if (!isOffered(it->second)) {
+    if (!isOfferedPixelFormat(it->second)) {
         NSLog("%s %s; the output keeps %s", kUnsupportedPixelFormatLog, formatName(it->second).c_str(),
               formatName(pixelFormat()).c_str());
         return;

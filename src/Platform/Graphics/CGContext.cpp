@@ -4,6 +4,7 @@
 
 #include "Platform/Graphics/Allocation.h"
 #include "Platform/Graphics/PixelLayout.h"
+#include "Platform/Graphics/FiniteGeometry.h"
 
 #include <cairo.h>
 
@@ -13,12 +14,11 @@
 
 namespace kp {
 
+using detail::finite;
+using detail::finiteRect;
+
 namespace {
 
-bool finite(CGFloat v) { return std::isfinite(v); }
-bool finiteRect(CGRect r) {
-    return finite(r.origin.x) && finite(r.origin.y) && finite(r.size.width) && finite(r.size.height);
-}
 
 /// Converts the image's rows into an ARGB32 surface of its size.
 void fillFromImage(cairo_surface_t* surface, const CGImage& image, const detail::PixelLayout& layout) {

@@ -24,15 +24,17 @@ CVPixelBuffer::~CVPixelBuffer() {
     }
 }
 
-namespace {
-// Where the planes of a width x height buffer lie and how many bytes it needs.
-struct Layout {
+// Where the planes of a width x height buffer lie and how many bytes it needs (named outside an anonymous
+// namespace: the pool's shelf holds one).
+struct BufferLayout {
     CVPixelBuffer::Plane planes[2];
     size_t planeCount = 0;
     uint64_t total = 0;
 };
 
-CVReturn layoutFor(size_t width, size_t height, OSType pixelFormatType, Layout& layout) {
+namespace {
+
+CVReturn layoutFor(size_t width, size_t height, OSType pixelFormatType, BufferLayout& layout) {
     if (width == 0 || height == 0 || width > kCVPixelBufferMaxDimension || height > kCVPixelBufferMaxDimension) {
         return kCVReturnInvalidSize;
     }
@@ -76,7 +78,7 @@ CVReturn CVPixelBufferCreate(size_t width, size_t height, OSType pixelFormatType
         return kCVReturnInvalidArgument;
     }
     *out = nullptr;
-    Layout layout;
+    BufferLayout layout;
     if (const CVReturn status = layoutFor(width, height, pixelFormatType, layout); status != kCVReturnSuccess) {
         return status;
     }
@@ -171,7 +173,7 @@ struct CVPixelBufferPool::Shelf {
     std::mutex mutex;
     std::vector<std::unique_ptr<uint8_t[]>> free;
     size_t maximumFree = 1;
-    Layout layout;
+    BufferLayout layout;
 };
 
 CVPixelBufferPool::~CVPixelBufferPool() = default;
@@ -187,7 +189,7 @@ CVReturn CVPixelBufferPoolCreate(size_t width, size_t height, OSType pixelFormat
         return kCVReturnInvalidArgument;
     }
     *out = nullptr;
-    Layout layout;
+    BufferLayout layout;
     if (const CVReturn status = layoutFor(width, height, pixelFormatType, layout); status != kCVReturnSuccess) {
         return status;
     }
@@ -215,7 +217,7 @@ CVReturn CVPixelBufferPoolCreatePixelBuffer(const CVPixelBufferPoolRef& pool, CV
         return kCVReturnInvalidArgument;
     }
     const std::shared_ptr<CVPixelBufferPool::Shelf>& shelf = pool->_shelf;
-    const Layout& layout = shelf->layout;
+    const BufferLayout& layout = shelf->layout;
     std::unique_ptr<uint8_t[]> bytes;
     {
         std::lock_guard lock(shelf->mutex);

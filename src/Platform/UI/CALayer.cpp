@@ -8,6 +8,7 @@
 #include "KPImage/Platform/NSThread.h"
 #include "KPImage/Platform/SystemLog.h"
 #include "KPImage/Platform/UIGraphics.h"
+#include "Platform/Graphics/FiniteGeometry.h"
 
 #include <algorithm>
 #include <atomic>
@@ -16,12 +17,10 @@
 
 namespace kp {
 
+using detail::finitePoint;
+using detail::finiteRect;
+
 namespace {
-bool finiteRect(CGRect r) {
-    return std::isfinite(r.origin.x) && std::isfinite(r.origin.y) && std::isfinite(r.size.width) &&
-           std::isfinite(r.size.height);
-}
-bool finitePoint(CGPoint p) { return std::isfinite(p.x) && std::isfinite(p.y); }
 
 struct RenderRequests {
     std::mutex mutex;

@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: MIT
 // Paths: element lists built by moves, lines, arcs (as cubic curves), rectangles and ellipses.
 #include "KPImage/Platform/CGPath.h"
+#include "Platform/Graphics/FiniteGeometry.h"
 
 #include <algorithm>
 #include <cmath>
 #include <numbers>
 
 namespace kp {
+
+using detail::finite;
+using detail::finitePoint;
 
 void CGPath::moveTo(CGPoint p) {
     _elements.push_back({CGPathElement::Type::MoveToPoint, {p}});
@@ -39,11 +43,9 @@ void CGPath::close() {
 }
 
 namespace {
-bool finite(CGFloat v) { return std::isfinite(v); }
 CGPoint apply(const CGAffineTransform* m, CGFloat x, CGFloat y) {
     return m != nullptr ? CGPointApplyAffineTransform(CGPoint{x, y}, *m) : CGPoint{x, y};
 }
-bool finitePoint(CGPoint p) { return finite(p.x) && finite(p.y); }
 } // namespace
 
 CGMutablePathRef CGPathCreateMutable() { return std::make_shared<CGPath>(); }

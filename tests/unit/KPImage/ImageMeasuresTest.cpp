@@ -35,8 +35,8 @@ std::vector<uint8_t> randomBytes(size_t n, unsigned seed) {
 
 // clang-format off
 UIImage flat(size_t w, size_t h, uint8_t v) { return grayImage(w, h, [v](size_t, size_t) { return v; }); }
-using Frame = std::unique_ptr<uint8_t, decltype(&std::free)>;
-Frame frameOf(const UIImage& image) { return Frame(padImage(image), &std::free); }
+using MallocedFrame = std::unique_ptr<uint8_t, decltype(&std::free)>;
+MallocedFrame frameOf(const UIImage& image) { return MallocedFrame(padImage(image), &std::free); }
 uint8_t pattern(size_t x, size_t y) { return static_cast<uint8_t>((x * 7 + y * 13) % 251); }
 // clang-format on
 
@@ -45,7 +45,7 @@ uint8_t pattern(size_t x, size_t y) { return static_cast<uint8_t>((x * 7 + y * 1
 TEST(ImageMeasures, BitmapBytesGreyTestAndGreyDrawing) {
     const auto padded = randomBytes(5 * 7, 1); // row padding is copied as it stands
     const UIImage grey = UIImage::imageWithCGImage(kptest::makeGray(3, 5, padded, 7));
-    const Frame copy(grey.makeDataArray(), &std::free);
+    const MallocedFrame copy(grey.makeDataArray(), &std::free);
     EXPECT_TRUE(copy && std::memcmp(copy.get(), padded.data(), padded.size()) == 0 && grey.isGrayScale());
     EXPECT_FALSE(UIImage::imageWithCGImage(kptest::makeRGBA(2, 2, randomBytes(16, 2))).isGrayScale());
 

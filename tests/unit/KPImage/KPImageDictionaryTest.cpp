@@ -38,7 +38,7 @@ protected:
     fs::path _root = _scratch.path(), _docs = _root / "Documents";
 };
 
-std::vector<uint8_t> pattern(size_t count, unsigned seed) {
+std::vector<uint8_t> patternBytes(size_t count, unsigned seed) {
     std::vector<uint8_t> bytes(count);
     for (size_t i = 0; i < count; ++i) {
         bytes[i] = static_cast<uint8_t>((i * 37 + seed * 11 + (i >> 3)) & 255);
@@ -60,9 +60,9 @@ void expectStored(const kp::CGImageRef& original, const std::string& name) {
 }
 
 TEST_F(KPImageDictionaryTest, RoundTripsAndReplacesEveryNameThatFits) {
-    const kp::CGImageRef grey = kptest::makeGray(7, 5, pattern(7 * 5, 1));
-    const kp::CGImageRef rgb = kptest::makeRGB(6, 4, pattern(24 * 4, 2), 24); // padded rows stay out of the file
-    std::vector<uint8_t> rgbaBytes = pattern(5 * 3 * 4, 3);
+    const kp::CGImageRef grey = kptest::makeGray(7, 5, patternBytes(7 * 5, 1));
+    const kp::CGImageRef rgb = kptest::makeRGB(6, 4, patternBytes(24 * 4, 2), 24); // padded rows stay out of the file
+    std::vector<uint8_t> rgbaBytes = patternBytes(5 * 3 * 4, 3);
     rgbaBytes[3] = 0, rgbaBytes[7] = 1, rgbaBytes[11] = 128; // straight alpha, any value, survives
     const kp::CGImageRef rgba = kptest::makeRGBA(5, 3, rgbaBytes);
     const std::string longest(251, 'n'); // "NAME.png" of 255 bytes; the temporary file beside it must fit too

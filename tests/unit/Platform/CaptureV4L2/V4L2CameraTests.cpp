@@ -6,6 +6,7 @@
 #include "KPImage/Platform/AVCaptureSession.h"
 #include "KPImage/Platform/AVCaptureVideoDataOutput.h"
 #include "Platform/Capture/V4L2Camera.h"
+#include "support/FakeCaptureDevice.h"
 #include "support/FakeV4L2.h"
 #include "support/ManualMainQueue.h"
 
@@ -91,20 +92,7 @@ std::vector<uint8_t> jpeg(int width, int height, uint8_t level) {
     return bytes;
 }
 
-class Frames final : public AVCaptureVideoDataOutputSampleBufferDelegate {
-public:
-    void captureOutput(const std::shared_ptr<AVCaptureOutput>&, const CMSampleBufferRef& sample,
-                       const std::shared_ptr<AVCaptureConnection>&) override {
-        std::lock_guard lock(mutex);
-        samples.push_back(sample);
-    }
-    size_t count() {
-        std::lock_guard lock(mutex);
-        return samples.size();
-    }
-    std::mutex mutex;
-    std::vector<CMSampleBufferRef> samples;
-};
+using kptest::SampleList;
 
 // B, G, R of a BGRA frame's pixel, or Y, Cb, Cr of a '420f' frame's pixel.
 std::array<int, 3> pixel(const CMSampleBufferRef& sample, size_t x, size_t y) {
@@ -127,8 +115,8 @@ std::array<int, 3> pixel(const CMSampleBufferRef& sample, size_t x, size_t y) {
 
 // One camera of the fake kernel streaming through a session into a frame collector; runtime errors collected on
 // the main queue.
-struct Rig {
-    explicit Rig(const std::shared_ptr<FakeV4L2>& fake, const std::string& path = kNode,
+struct V4L2Rig {
+    explicit V4L2Rig(const std::shared_ptr<FakeV4L2>& fake, const std::string& path = kNode,
                  OSType pixelFormat = kCVPixelFormatType_32BGRA)
         : camera(V4L2Camera::open(fake, path)),
           device(std::make_shared<AVCaptureDevice>(camera, AVCaptureDevicePositionFront)) {
@@ -138,7 +126,7 @@ struct Rig {
         session->addOutput(output);
         session->setRuntimeErrorHandler([this](const NSErrorRef& e) { errors.push_back(e->code()); });
     }
-    ~Rig() { session->stopRunning(); }
+    ~V4L2Rig() { session->stopRunning(); }
     void start(const AVCaptureSessionPreset& preset) {
         session->setSessionPreset(preset);
         session->startRunning();
@@ -149,7 +137,7 @@ struct Rig {
     AVCaptureDevice::Ref device;
     std::shared_ptr<AVCaptureSession> session = AVCaptureSession::create();
     std::shared_ptr<AVCaptureVideoDataOutput> output = AVCaptureVideoDataOutput::create();
-    std::shared_ptr<Frames> frames = std::make_shared<Frames>();
+    std::shared_ptr<SampleList> frames = std::make_shared<SampleList>();
     dispatch_queue_t queue = dispatch_queue_create("VideoDataOutputQueue", nullptr);
     std::vector<int64_t> errors;
 };
@@ -264,7 +252,7 @@ TEST(V4L2Camera, EmulatesSingleAutoFocusWithoutAFocusTrigger) {
     node.controls = {{V4L2_CID_FOCUS_AUTO, {0, 1, 1, V4L2_CTRL_TYPE_BOOLEAN}},
                      {V4L2_CID_AUTO_WHITE_BALANCE, {0, 1, 1, V4L2_CTRL_TYPE_BOOLEAN}}};
     fake->addNode(node);
-    Rig rig(fake);
+    V4L2Rig rig(fake);
     EXPECT_TRUE(rig.device->isFocusModeSupported(AVCaptureFocusModeAutoFocus));
     rig.camera->setFocusSettleTime(std::chrono::milliseconds(20));
     ASSERT_TRUE(rig.device->lockForConfiguration());
@@ -319,7 +307,7 @@ TEST(V4L2Camera, StreamsEveryFormatWithTheDriversTimeStampsAndFrameRate) {
         node.rowPadding = nv12 ? 64 : 0;
         node.monotonicTimestamps = !nv12;
         fake->addNode(node);
-        Rig rig(fake, kNode, c.format);
+        V4L2Rig rig(fake, kNode, c.format);
         rig.start(c.preset);
         EXPECT_EQ(fake->lastFormat(kNode).fourcc, c.fourcc);
         EXPECT_EQ(fake->lastFormat(kNode).width, c.width);
@@ -362,7 +350,7 @@ TEST(V4L2Camera, PassingErrorsAreSurvivedAndLastingOnesOrAVanishingDeviceEndTheS
         SCOPED_TRACE(i);
         const std::string path = "/fake/video" + std::to_string(i);
         fake->addNode(webcam(path));
-        Rig rig(fake, path);
+        V4L2Rig rig(fake, path);
         rig.start(AVCaptureSessionPreset640x480);
         // Now and then a wake-up without a frame or a failed dequeue: survived, the frame arrives.
         const std::vector<uint8_t> grey(640 * 480 * 2, 128);

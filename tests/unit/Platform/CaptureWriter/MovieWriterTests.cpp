@@ -396,27 +396,13 @@ TEST(MovieWriterRoundTrip, ACameraOfAnotherSizeOrFormatJoinsTheMovieAtItsSize) {
     EXPECT_EQ(info.height, 24);
 }
 
-// The frames and time stamps a session's output hands over.
-class Frames final : public AVCaptureVideoDataOutputSampleBufferDelegate {
-public:
-    void captureOutput(const std::shared_ptr<AVCaptureOutput>&, const CMSampleBufferRef& sample,
-                       const std::shared_ptr<AVCaptureConnection>&) override {
-        std::lock_guard lock(mutex);
-        samples.push_back(sample);
-    }
-    size_t count() {
-        std::lock_guard lock(mutex);
-        return samples.size();
-    }
-    std::mutex mutex;
-    std::vector<CMSampleBufferRef> samples;
-};
+using kptest::SampleList;
 
-// A running session playing a media-file camera into Frames ('420f') on a queue of its own.
+// A running session playing a media-file camera into SampleList ('420f') on a queue of its own.
 struct Playback {
     AVCaptureDevice::Ref device;
     std::shared_ptr<AVCaptureSession> session = AVCaptureSession::create();
-    std::shared_ptr<Frames> frames = std::make_shared<Frames>();
+    std::shared_ptr<SampleList> frames = std::make_shared<SampleList>();
     dispatch_queue_t queue = dispatch_queue_create("VideoDataOutputQueue", nullptr);
 
     explicit Playback(const std::string& movie) {
