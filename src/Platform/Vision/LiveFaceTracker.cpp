@@ -385,8 +385,7 @@ void LiveFaceTracker::Impl::refineLandmarks(const LumaImage& frame, Found& f, CG
         return;
     }
     double roll = rollFromLandmarks(f.pts);
-    const bool own = from.origin.x == f.box.origin.x && from.origin.y == f.box.origin.y &&
-                     from.size.width == f.box.size.width && from.size.height == f.box.size.height;
+    const bool own = CGRectEqualToRect(from, f.box);
     if (std::abs(roll) < kRefineRollDegrees) {
         if (own) {
             return;
@@ -903,9 +902,8 @@ std::vector<TrackedFace> LiveFaceTracker::track(const LumaImage& frame) {
                 if (before != nullptr && before->fittedFrom.size.width > 0) {
                     const CGRect d = before->fittedFrom;
                     const double w = d.size.width;
-                    const double shift = std::hypot(f.box.origin.x + f.box.size.width / 2 - d.origin.x - w / 2,
-                                                    f.box.origin.y + f.box.size.height / 2 - d.origin.y -
-                                                        d.size.height / 2);
+                    const double shift = std::hypot(CGRectGetMidX(f.box) - CGRectGetMidX(d),
+                                                    CGRectGetMidY(f.box) - CGRectGetMidY(d));
                     if (shift < kStillShift * w && std::abs(f.box.size.width - w) < kDetectionStep * w) {
                         from = d;
                     }
