@@ -839,13 +839,11 @@ std::vector<MachineCode> MachineCodeReader::read(const LumaImage& image) const {
                     own.uprightHeight = hint.height;
                     const bool fits = std::max(cand.uprightWidth, cand.uprightHeight) <=
                                       kCodeSizedRegion * std::max(hint.width, hint.height) + 2 * kCell;
-                    if (halve && readsLeft > 1 &&
-                        (read = attempt(hint.skewDegrees, hint.formats, 2, fits ? &own : nullptr))) {
-                        --readsLeft;
-                        break;
-                    }
                     if (halve && readsLeft > 1) {
                         --readsLeft;
+                        if ((read = attempt(hint.skewDegrees, hint.formats, 2, fits ? &own : nullptr))) {
+                            break;
+                        }
                     }
                     if (readsLeft-- <= 0 || (read = attempt(hint.skewDegrees, hint.formats))) {
                         break;
